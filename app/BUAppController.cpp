@@ -1,0 +1,225 @@
+#include "app/BUAppController.h"
+
+#include "keelson/FormatString.h"
+#include "keelson/KSDayIndex.h"
+#include "keelson/KSKernel.h"
+#include "keelson/KSLog.h"
+#include "keelson/KSStrings.h"
+#include "keelson/KSUserDefaults.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <algorithm>
+
+namespace {
+
+const QString kFoldersKey = QStringLiteral("twbackup.folders");
+const QString kIgnoreFilesKey = QStringLiteral("twbackup.ignoreFiles");
+const QString kIgnoreFoldersKey = QStringLiteral("twbackup.ignoreFolders");
+const QString kRecentKey = QStringLiteral("twbackup.recent");
+const QString kDatesKey = QStringLiteral("twbackup.dates");
+const QString kTimesKey = QStringLiteral("twbackup.times");
+
+} // namespace
+
+bool CompareFolders(const QString &a, const QString &b)
+{
+    return CaseInsensitiveCompare(LastPathComponent(a), LastPathComponent(b)) == KSOrderedAscending;
+}
+
+BUAppController &BUAppController::sharedInstance()
+{
+    static BUAppController controller;
+    return controller;
+}
+
+void BUAppController::applicationWillFinishLaunching()
+{
+    KSKernel::sharedInstance();
+}
+
+void BUAppController::installRules(const QStringList &archives, BURuleList &into, const QString &key)
+{
+    for (const QString &archive : archives) {
+        if (archive.size() < 2) {
+            LogString("Ignoring the rule \"%@\" of the setting %@: it is too short.", archive, key);
+            continue;
+        }
+        into.append(BUIgnoreRule(archive));
+    }
+}
+
+void BUAppController::loadFolders(const QStringList &stored)
+{
+    // On Linux a folder is stored as its path; there is no bookmark to resolve. A path that no
+    // longer exists stays in the list: the analysis reports it, and the user decides.
+    for (const QString &element : stored) {
+        if (element.isEmpty() || !element.startsWith(u'/')) {
+            LogString("Can't restore backup folder %@: %@", element, QStringLiteral("It is not an absolute path."));
+            continue;
+        }
+        m_backupFolders.append(QDir::cleanPath(element));
+    }
+}
+
+void BUAppController::applicationDidFinishLaunching()
+{
+    // 1. Empty containers.
+    m_backupFolders.clear();
+    m_ignoreFiles.clear();
+    m_ignoreFolders.clear();
+    m_mountedRecentDrives.clear();
+    m_recentDrives.clear();
+    m_otherDrives.clear();
+    m_backupDates.clear();
+    m_backupTimes.clear();
+    // The process-wide transaction and error lists belong to the engine and start empty there.
+
+    m_settingsPath = UserDefaultsPath();
+    auto settings = OpenSettingsFile(m_settingsPath);
+    switch (settings->status()) {
+    case QSettings::NoError:
+        break;
+    case QSettings::AccessError:
+        m_keepStoredFile = QFileInfo::exists(m_settingsPath);
+        LogString("Can't read the settings file %@; it will not be overwritten.", m_settingsPath);
+        break;
+    case QSettings::FormatError: {
+        // Use what can be read, and keep the original beside it for the user to repair.
+        const QString copy = m_settingsPath + QStringLiteral(".damaged");
+        QFile::remove(copy);
+        if (QFile::copy(m_settingsPath, copy))
+            LogString("The settings file %@ is damaged; what could be read is used and the original is kept as %@.",
+                m_settingsPath, copy);
+        else
+            m_keepStoredFile = true;
+        break;
+    }
+    }
+
+    // 2-4. Recent devices, folders, rules, each in their stored order.
+    m_recentDrives = ReadStringList(*settings, kRecentKey);
+    m_recentDrives.removeAll(QString());
+    loadFolders(ReadStringList(*settings, kFoldersKey));
+    installRules(ReadStringList(*settings, kIgnoreFilesKey), m_ignoreFiles, kIgnoreFilesKey);
+    installRules(ReadStringList(*settings, kIgnoreFoldersKey), m_ignoreFolders, kIgnoreFoldersKey);
+
+    // 5-6. Times, then dates with the purge of entries a year old or older.
+    m_backupTimes = ReadIntegerDictionary(*settings, kTimesKey);
+    for (auto it = m_backupTimes.begin(); it != m_backupTimes.end();) {
+        if (it.value() < 0 || it.value() > 0xFFFFFFFFLL) {
+            LogString("Ignoring the entry %@ of the setting %@: it is not a time of day.", it.key(), kTimesKey);
+            it = m_backupTimes.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    bool datesPresent = false;
+    m_backupDates = ReadIntegerDictionary(*settings, kDatesKey, &datesPresent);
+    if (datesPresent) {
+        const int cutoff = AddToDayIndex(DayIndexForToday(), -1, 0);
+        const QStringList names = m_backupDates.keys();
+        for (const QString &name : names) {
+            if (int(m_backupDates.value(name)) <= cutoff) {
+                m_backupDates.remove(name);
+                m_backupTimes.remove(name);
+            }
+        }
+    }
+
+    // 7. Process-wide resources: the engine's attribute list is built by the engine itself; the
+    //    folder image and the alert colour belong to the window and are made there.
+    // 8. The help engine registers its vocabulary here once it exists.
+    // 9. The device watcher subscribes to mount changes here and builds the device lists.
+
+    m_loaded = true;
+
+    // 10. First-run defaults, also when the user emptied all three lists.
+    if (m_backupFolders.isEmpty() && m_ignoreFiles.isEmpty() && m_ignoreFolders.isEmpty()) {
+        if (firstRunDefaultsHook)
+            firstRunDefaultsHook();
+        else
+            addDefaults();
+    }
+    // 11. The main window comes to the front here. 12. The update and news checks start here.
+}
+
+void BUAppController::saveRules(QSettings &settings, const BURuleList &rules, const QString &key)
+{
+    QStringList archives;
+    archives.reserve(rules.size());
+    for (const BUIgnoreRule &rule : rules)
+        archives.append(rule.archive());
+    WriteStringList(settings, key, archives);
+}
+
+bool BUAppController::applicationWillTerminate()
+{
+    m_saveError.clear();
+    if (!m_loaded)
+        return true; // nothing was loaded, so there is nothing of the user's to write
+    if (m_keepStoredFile) {
+        m_saveError
+            = FormatString("The settings file %@ could not be read, so it was not overwritten.", m_settingsPath);
+        LogString("%@", m_saveError);
+        return false;
+    }
+    auto settings = OpenSettingsFile(m_settingsPath);
+    WriteStringList(*settings, kFoldersKey, m_backupFolders);
+    saveRules(*settings, m_ignoreFiles, kIgnoreFilesKey);
+    saveRules(*settings, m_ignoreFolders, kIgnoreFoldersKey);
+    WriteStringList(*settings, kRecentKey, m_recentDrives);
+    WriteIntegerDictionary(*settings, kDatesKey, m_backupDates);
+    WriteIntegerDictionary(*settings, kTimesKey, m_backupTimes);
+    settings->sync();
+    if (settings->status() != QSettings::NoError) {
+        m_saveError = FormatString("Can't save the settings to %@.", m_settingsPath);
+        LogString("%@", m_saveError);
+        return false;
+    }
+    return true;
+}
+
+QList<BUAlertText> BUAppController::addBackupFolders(const QStringList &paths)
+{
+    QList<BUAlertText> refusals;
+    for (const QString &path : paths) {
+        const QString name = LastPathComponent(path);
+        bool skip = false;
+        for (const QString &existing : std::as_const(m_backupFolders)) {
+            if (existing == path) {
+                skip = true;
+                break;
+            }
+            if (CaseInsensitiveCompare(LastPathComponent(existing), name) == KSOrderedSame) {
+                refusals.append({QStringLiteral("Can't add a backup folder."),
+                    FormatString("A folder named \"%@\" is already in the backup list. You can't have two "
+                                 "folders with the same name on the backup device.",
+                        name)});
+                skip = true;
+                break;
+            }
+        }
+        if (!skip)
+            m_backupFolders.append(path);
+    }
+    std::stable_sort(m_backupFolders.begin(), m_backupFolders.end(), CompareFolders);
+    return refusals;
+}
+
+void BUAppController::addDefaultRules()
+{
+    AddRulesMerging(m_ignoreFolders, BUIgnoreRule::defaultFolderRules());
+    AddRulesMerging(m_ignoreFiles, BUIgnoreRule::defaultFileRules());
+}
+
+void BUAppController::addDefaults()
+{
+    const QString home = QDir::homePath();
+    if (QFileInfo(home).isDir() && home != u"/")
+        addBackupFolders({QDir::cleanPath(home)});
+    addDefaultRules();
+}

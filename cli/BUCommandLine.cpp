@@ -1,0 +1,120 @@
+#include "cli/BUCommandLine.h"
+
+#include "app/BUAppController.h"
+#include "keelson/KSKernel.h"
+#include "keelson/KSSignalWatcher.h"
+#include "keelson/KSStrings.h"
+
+#include <QCoreApplication>
+
+#include <cstring>
+
+namespace {
+
+struct Command {
+    const char *name;
+    int (*run)(const BUCommandArgs &);
+    const char *help;
+};
+
+const Command kCommands[] = {
+    {"folders", RunFoldersCommand,
+        "  folders                       List the backup folders (a missing one is marked).\n"
+        "  folders add PATH...           Add folders; two folders may not share a name.\n"
+        "  folders remove NAME|PATH      Remove a folder from the list (nothing is deleted).\n"},
+    {"rules", RunRulesCommand,
+        "  rules folders|files           List the rules for folders or for files.\n"
+        "  rules add-folder ARCHIVE      Add a folder rule, e.g. \"00Caches\" (name is Caches).\n"
+        "  rules add-file ARCHIVE        Add a file rule, e.g. \"10tmp\" (extension is tmp).\n"
+        "  rules remove-folder ARCHIVE   Remove a folder rule.\n"
+        "  rules remove-file ARCHIVE     Remove a file rule.\n"
+        "  rules add-defaults            Add the default rules that are missing.\n"},
+};
+
+void PrintHelp(std::FILE *stream)
+{
+    QString text
+        = QStringLiteral("Usage: tanner-backup COMMAND [ARGUMENTS]\n"
+                         "\n"
+                         "Tanner Backup mirrors chosen folders onto a backup device: every backup folder becomes a\n"
+                         "folder of the same name at the top of the device, and the device is made an exact copy.\n"
+                         "\n"
+                         "Commands:\n");
+    for (const Command &command : kCommands)
+        text += QString::fromUtf8(command.help);
+    text += QStringLiteral("  --help                        Show this help.\n"
+                           "  --version                     Show the version.\n"
+                           "\n"
+                           "A rule ARCHIVE is two digits and a name. The first digit is 1 when a file rule looks at\n"
+                           "the extension, 0 when it looks at the name without its extension (folder rules always\n"
+                           "look at the whole name). The second digit is the relation: 0 is, 1 contains,\n"
+                           "2 starts with, 3 ends with. Matching ignores case.\n"
+                           "\n"
+                           "Settings are kept in $XDG_CONFIG_HOME/Tannerwick/Tanner Backup.conf.");
+    PrintLine(stream, text);
+}
+
+} // namespace
+
+void PrintLine(std::FILE *stream, const QString &text)
+{
+    const QByteArray bytes = FileNameToBytes(text);
+    std::fwrite(bytes.constData(), 1, std::size_t(bytes.size()), stream);
+    std::fputc('\n', stream);
+}
+
+void PrintError(const QString &message, const QString &moreInfo)
+{
+    PrintLine(stderr, QStringLiteral("tanner-backup: ") + message);
+    if (!moreInfo.isEmpty())
+        PrintLine(stderr, QStringLiteral("  ") + moreInfo);
+}
+
+int RunCommandLine(int argc, char **argv)
+{
+    QCoreApplication application(argc, argv);
+    QCoreApplication::setOrganizationName(QStringLiteral("Tannerwick"));
+    QCoreApplication::setApplicationName(QStringLiteral("Tanner Backup"));
+
+    BUCommandArgs invocation;
+    for (int i = 1; i < argc; ++i) {
+        const QString arg = FileNameFromBytes(QByteArrayView(argv[i], qsizetype(std::strlen(argv[i]))));
+        if (i == 1)
+            invocation.command = arg;
+        else
+            invocation.args.append(arg);
+    }
+
+    if (invocation.command.isEmpty() || invocation.command == u"--help" || invocation.command == u"-h"
+        || invocation.command == u"help") {
+        PrintHelp(stdout);
+        return kExitOk;
+    }
+    if (invocation.command == u"--version") {
+        KSKernel::sharedInstance();
+        PrintLine(stdout, g_appName + u' ' + g_appVersionString);
+        return kExitOk;
+    }
+    const Command *found = nullptr;
+    for (const Command &command : kCommands) {
+        if (invocation.command == QLatin1String(command.name))
+            found = &command;
+    }
+    if (!found) {
+        PrintError(QStringLiteral("unknown command \"%1\"; try tanner-backup --help").arg(invocation.command));
+        return kExitUsage;
+    }
+
+    // The same start-up and termination as the desktop application.
+    KSSignalWatcher::sharedInstance();
+    BUAppController &controller = BUAppController::sharedInstance();
+    controller.applicationWillFinishLaunching();
+    controller.applicationDidFinishLaunching();
+    int status = found->run(invocation);
+    if (!controller.applicationWillTerminate()) {
+        PrintError(controller.saveError());
+        if (status == kExitOk)
+            status = kExitFailed;
+    }
+    return status;
+}

@@ -1,0 +1,29 @@
+// The command-line front end: the same state, start-up and termination as the desktop
+// application, one command per run. Main thread.
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+#include <cstdio>
+
+// Runs `tanner-backup ARGS...`; returns the process exit status.
+int RunCommandLine(int argc, char **argv);
+
+// Writes a line as the bytes it stands for (names outside UTF-8 come out as they are on disk).
+void PrintLine(std::FILE *stream, const QString &text);
+// An error for the user on stderr: "tanner-backup: MESSAGE", and the explanation when given.
+void PrintError(const QString &message, const QString &moreInfo = {});
+
+// A command's arguments after its name, decoded with the file-name codec.
+struct BUCommandArgs {
+    QString command;
+    QStringList args;
+};
+
+// Exit statuses shared by the commands.
+enum BUExitStatus : int { kExitOk = 0, kExitFailed = 1, kExitUsage = 64 };
+
+// Command handlers, one family per source file.
+int RunFoldersCommand(const BUCommandArgs &invocation);
+int RunRulesCommand(const BUCommandArgs &invocation);

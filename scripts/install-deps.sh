@@ -1,0 +1,23 @@
+#!/bin/sh
+# Installs, from Debian's packages, what building, running and testing Tanner Backup needs.
+# Safe to run again: it only calls apt-get when a package is missing.
+set -eu
+PACKAGES="cmake ninja-build g++ pkg-config
+qt6-base-dev qt6-base-dev-tools qt6-speech-dev libgl-dev libgtest-dev
+clang libclang-rt-14-dev clang-format
+util-linux mount e2fsprogs rsync xvfb xauth dbus-x11"
+
+missing=""
+for package in $PACKAGES; do
+    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "ok installed" || missing="$missing $package"
+done
+[ -z "$missing" ] && exit 0
+
+if [ "$(id -u)" -ne 0 ]; then
+    echo "Missing packages:$missing. Run this script as root (or with sudo) to install them." >&2
+    exit 1
+fi
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+# shellcheck disable=SC2086
+apt-get install -y -qq --no-install-recommends $missing

@@ -30,6 +30,18 @@ bool CompareFolders(const QString &a, const QString &b)
     return CaseInsensitiveCompare(LastPathComponent(a), LastPathComponent(b)) == KSOrderedAscending;
 }
 
+void PurgeBackupDates(QMap<QString, qint64> &dates, QMap<QString, qint64> &times, int today)
+{
+    const int cutoff = AddToDayIndex(today, -1, 0); // the same calendar day a year ago
+    const QStringList names = dates.keys();
+    for (const QString &name : names) {
+        if (dates.value(name) <= cutoff) {
+            dates.remove(name);
+            times.remove(name);
+        }
+    }
+}
+
 BUAppController &BUAppController::sharedInstance()
 {
     static BUAppController controller;
@@ -52,16 +64,22 @@ void BUAppController::installRules(const QStringList &archives, BURuleList &into
     }
 }
 
-void BUAppController::loadFolders(const QStringList &stored)
+void BUAppController::loadFolders(const QVariantList &stored)
 {
     // On Linux a folder is stored as its path; there is no bookmark to resolve. A path that no
     // longer exists stays in the list: the analysis reports it, and the user decides.
-    for (const QString &element : stored) {
-        if (element.isEmpty() || !element.startsWith(u'/')) {
-            LogString("Can't restore backup folder %@: %@", element, QStringLiteral("It is not an absolute path."));
+    for (const QVariant &element : stored) {
+        if (element.typeId() != QMetaType::QString) {
+            LogString(
+                "Can't restore backup folder %@: %@", element.toString(), QStringLiteral("It is not a folder path."));
             continue;
         }
-        m_backupFolders.append(QDir::cleanPath(element));
+        const QString path = element.toString();
+        if (!path.startsWith(u'/')) {
+            LogString("Can't restore backup folder %@: %@", path, QStringLiteral("It is not an absolute path."));
+            continue;
+        }
+        m_backupFolders.append(QDir::cleanPath(path));
     }
 }
 
@@ -103,7 +121,7 @@ void BUAppController::applicationDidFinishLaunching()
     // 2-4. Recent devices, folders, rules, each in their stored order.
     m_recentDrives = ReadStringList(*settings, kRecentKey);
     m_recentDrives.removeAll(QString());
-    loadFolders(ReadStringList(*settings, kFoldersKey));
+    loadFolders(ReadList(*settings, kFoldersKey));
     installRules(ReadStringList(*settings, kIgnoreFilesKey), m_ignoreFiles, kIgnoreFilesKey);
     installRules(ReadStringList(*settings, kIgnoreFoldersKey), m_ignoreFolders, kIgnoreFoldersKey);
 
@@ -120,14 +138,7 @@ void BUAppController::applicationDidFinishLaunching()
     bool datesPresent = false;
     m_backupDates = ReadIntegerDictionary(*settings, kDatesKey, &datesPresent);
     if (datesPresent) {
-        const int cutoff = AddToDayIndex(DayIndexForToday(), -1, 0);
-        const QStringList names = m_backupDates.keys();
-        for (const QString &name : names) {
-            if (int(m_backupDates.value(name)) <= cutoff) {
-                m_backupDates.remove(name);
-                m_backupTimes.remove(name);
-            }
-        }
+        PurgeBackupDates(m_backupDates, m_backupTimes, DayIndexForToday());
     }
 
     // 7. Process-wide resources: the engine's attribute list is built by the engine itself; the

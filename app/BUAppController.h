@@ -64,7 +64,7 @@ public:
 
 private:
     BUAppController() = default;
-    void loadFolders(const QStringList &stored);
+    void loadFolders(const QVariantList &stored);
 
     QStringList m_recentDrives, m_mountedRecentDrives, m_otherDrives;
     QMap<QString, qint64> m_backupDates, m_backupTimes;
@@ -75,6 +75,10 @@ private:
     bool m_loaded = false;
     bool m_keepStoredFile = false; // the file could not be read: never overwrite it
 };
+
+// Removes the devices whose last backup is a year old or older (a day index at or before the same
+// day a year before `today`) from both dictionaries. Time entries without a date stay.
+void PurgeBackupDates(QMap<QString, qint64> &dates, QMap<QString, qint64> &times, int today);
 
 // Orders folders by their last path component without regard to case.
 bool CompareFolders(const QString &a, const QString &b);

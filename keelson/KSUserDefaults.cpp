@@ -28,17 +28,26 @@ std::unique_ptr<QSettings> OpenSettingsFile(const QString &path)
     return std::make_unique<QSettings>(path, QSettings::IniFormat);
 }
 
-QStringList ReadStringList(QSettings &settings, const QString &key)
+QVariantList ReadList(QSettings &settings, const QString &key)
 {
     if (!settings.contains(key))
         return {};
     const QVariant value = settings.value(key);
-    if (value.typeId() == QMetaType::QStringList)
-        return value.toStringList();
-    if (value.typeId() == QMetaType::QString)
-        return {value.toString()};
-    LogString("Ignoring the setting %@: it is not a list of texts.", key);
-    return {};
+    if (value.typeId() == QMetaType::QStringList || value.typeId() == QMetaType::QVariantList)
+        return value.toList();
+    return {value};
+}
+
+QStringList ReadStringList(QSettings &settings, const QString &key)
+{
+    QStringList list;
+    for (const QVariant &element : ReadList(settings, key)) {
+        if (element.typeId() == QMetaType::QString)
+            list.append(element.toString());
+        else
+            LogString("Ignoring an element of the setting %@: it is not a text.", key);
+    }
+    return list;
 }
 
 QMap<QString, qint64> ReadIntegerDictionary(QSettings &settings, const QString &key, bool *present)

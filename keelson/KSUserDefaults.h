@@ -16,8 +16,9 @@ QString UserDefaultsPath();
 QString SharedDefaultsPath();
 std::unique_ptr<QSettings> OpenSettingsFile(const QString &path);
 
-// A list key: absent gives an empty list, a single string a list of one; anything else is
-// logged and read as absent.
+// A list key as stored: absent gives an empty list, a single value a list of one.
+QVariantList ReadList(QSettings &settings, const QString &key);
+// A list of texts: elements that are not texts are logged and dropped.
 QStringList ReadStringList(QSettings &settings, const QString &key);
 // A dictionary key (a group of keys) of integers: entries that are not integers are logged and
 // dropped; a key that holds a plain value instead of a group is logged and read as absent.

@@ -1,0 +1,186 @@
+// The backup state through a real settings file: round trip, the purge of old device dates,
+// first-run defaults, and hand-edited files with wrong or damaged values.
+#include "app/BUAppController.h"
+#include "keelson/KSDayIndex.h"
+#include "keelson/KSLog.h"
+#include "keelson/KSSignalWatcher.h"
+#include "keelson/KSStrings.h"
+#include "tests/support/TestSupport.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QTimer>
+
+#include <csignal>
+
+using namespace tanner::test;
+
+namespace {
+
+class AppState : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        SetLogSink([this](const QString &line) { logged.append(line); });
+    }
+    void TearDown() override { SetLogSink({}); }
+
+    BUAppController &launch()
+    {
+        BUAppController &controller = BUAppController::sharedInstance();
+        controller.applicationWillFinishLaunching();
+        controller.applicationDidFinishLaunching();
+        return controller;
+    }
+    QByteArray fileText() const
+    {
+        QFile file(home.settingsFile());
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+    void writeFile(const QByteArray &text)
+    {
+        QDir().mkpath(QFileInfo(home.settingsFile()).absolutePath());
+        QFile file(home.settingsFile());
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write(text);
+    }
+
+    ScopedXdgHome home;
+    QStringList logged;
+};
+
+QStringList Archives(const BURuleList &rules)
+{
+    QStringList archives;
+    for (const BUIgnoreRule &rule : rules)
+        archives.append(rule.archive());
+    return archives;
+}
+
+} // namespace
+
+TEST_F(AppState, RoundTripThroughTheSettingsFile)
+{
+    BUAppController &controller = launch();
+    // First run: the home folder and both default tables.
+    EXPECT_EQ(controller.backupFolders(), QStringList {QDir::homePath()});
+    EXPECT_EQ(controller.ignoreFolders().size(), 21);
+    EXPECT_EQ(controller.ignoreFiles().size(), 10);
+
+    const QString odd = QStringLiteral("/data/") + FileNameFromBytes("caf\xe9, \"quoted\"");
+    controller.backupFolders() = {odd, QStringLiteral("/srv/Photos")}; // stored order is kept
+    controller.ignoreFiles() = {BUIgnoreRule(QStringLiteral("10tmp")), BUIgnoreRule(QStringLiteral("01a, b"))};
+    controller.ignoreFolders() = {BUIgnoreRule(QStringLiteral("00@home"))};
+    controller.recentDrives() = {QStringLiteral("Backup Disk"), QStringLiteral("USB, 2")};
+    const int today = DayIndexForToday();
+    controller.backupDates() = {{QStringLiteral("Backup Disk"), today}};
+    controller.backupTimes() = {{QStringLiteral("Backup Disk"), 50400}, {QStringLiteral("Never Dated"), 60}};
+    ASSERT_TRUE(controller.applicationWillTerminate());
+
+    const QByteArray text = fileText();
+    EXPECT_FALSE(text.contains("@Variant")) << text.toStdString();
+    EXPECT_TRUE(text.contains("[twbackup.dates]")) << text.toStdString();
+
+    launch();
+    EXPECT_EQ(controller.backupFolders(), (QStringList {odd, QStringLiteral("/srv/Photos")}));
+    EXPECT_EQ(FileNameToBytes(controller.backupFolders().front()), QByteArray("/data/caf\xe9, \"quoted\""));
+    EXPECT_EQ(Archives(controller.ignoreFiles()), (QStringList {QStringLiteral("10tmp"), QStringLiteral("01a, b")}));
+    EXPECT_EQ(Archives(controller.ignoreFolders()), QStringList {QStringLiteral("00@home")});
+    EXPECT_EQ(controller.recentDrives(), (QStringList {QStringLiteral("Backup Disk"), QStringLiteral("USB, 2")}));
+    EXPECT_EQ(controller.backupDates().value(QStringLiteral("Backup Disk")), today);
+    EXPECT_EQ(controller.backupTimes().value(QStringLiteral("Backup Disk")), 50400);
+    EXPECT_EQ(controller.backupTimes().value(QStringLiteral("Never Dated")), 60); // no date: never purged
+
+    // Empty containers leave no key behind; with all three lists empty the defaults return.
+    controller.recentDrives().clear();
+    controller.backupDates().clear();
+    controller.backupTimes().clear();
+    controller.backupFolders().clear();
+    controller.ignoreFiles().clear();
+    controller.ignoreFolders().clear();
+    ASSERT_TRUE(controller.applicationWillTerminate());
+    for (const char *key :
+        {"twbackup.recent", "twbackup.dates", "twbackup.times", "twbackup.folders", "twbackup.ignore"})
+        EXPECT_FALSE(fileText().contains(key)) << key;
+    launch();
+    EXPECT_EQ(controller.ignoreFiles().size(), 10);
+    EXPECT_EQ(controller.backupFolders(), QStringList {QDir::homePath()});
+}
+
+TEST_F(AppState, PurgeCutsAtTheSameDayAYearBefore)
+{
+    QMap<QString, qint64> dates
+        = {{QStringLiteral("old"), 20230228}, {QStringLiteral("kept"), 20230301}, {QStringLiteral("older"), 20190101}};
+    QMap<QString, qint64> times
+        = {{QStringLiteral("old"), 1}, {QStringLiteral("kept"), 2}, {QStringLiteral("orphan"), 3}};
+    PurgeBackupDates(dates, times, 20240229); // leap day: the cut-off is 28 February
+    EXPECT_EQ(dates.keys(), QStringList {QStringLiteral("kept")});
+    EXPECT_EQ(times.keys(), (QStringList {QStringLiteral("kept"), QStringLiteral("orphan")}));
+
+    // And at launch, against today.
+    const int today = DayIndexForToday();
+    const int yearAgo = AddToDayIndex(today, -1, 0);
+    writeFile(QStringLiteral("[twbackup.dates]\nA=%1\nB=%2\n[twbackup.times]\nA=10\nB=20\n")
+                  .arg(yearAgo)
+                  .arg(AddToDayIndex(yearAgo, 0, 1))
+                  .toUtf8());
+    BUAppController &controller = launch();
+    EXPECT_FALSE(controller.backupDates().contains(QStringLiteral("A")));
+    EXPECT_FALSE(controller.backupTimes().contains(QStringLiteral("A")));
+    EXPECT_TRUE(controller.backupDates().contains(QStringLiteral("B")));
+}
+
+TEST_F(AppState, HandEditedFileLosesNothingThatCanBeRead)
+{
+    writeFile("[General]\n"
+              "twbackup.folders=/home/ann/Documents, relative/path, @ByteArray(blob), /gone/Missing\n"
+              "twbackup.ignoreFiles=10tmp, 0, , 13bak\n"
+              "twbackup.ignoreFolders=00Caches\n"
+              "twbackup.recent=Only One\n"
+              "twbackup.dates=not a dictionary\n"
+              "[twbackup.times]\n"
+              "Good=3600\n"
+              "Bad=soon\n"
+              "Negative=-5\n"
+              "[broken section\n");
+    BUAppController &controller = launch();
+    EXPECT_EQ(controller.backupFolders(),
+        (QStringList {QStringLiteral("/home/ann/Documents"), QStringLiteral("/gone/Missing")}));
+    EXPECT_EQ(Archives(controller.ignoreFiles()), (QStringList {QStringLiteral("10tmp"), QStringLiteral("13bak")}));
+    EXPECT_EQ(controller.recentDrives(), QStringList {QStringLiteral("Only One")});
+    EXPECT_TRUE(controller.backupDates().isEmpty());
+    EXPECT_EQ(controller.backupTimes().keys(), QStringList {QStringLiteral("Good")});
+    const QString log = logged.join(u'\n');
+    EXPECT_TRUE(log.contains(QStringLiteral("Can't restore backup folder relative/path"))) << log.toStdString();
+    EXPECT_TRUE(log.contains(QStringLiteral("Can't restore backup folder")));
+    EXPECT_TRUE(log.contains(QStringLiteral("too short")));
+    EXPECT_TRUE(log.contains(QStringLiteral("twbackup.dates")));
+    EXPECT_TRUE(log.contains(QStringLiteral("Bad")));
+
+    // The damaged original is kept beside the file that is written back.
+    EXPECT_TRUE(QFile::exists(home.settingsFile() + QStringLiteral(".damaged")));
+    ASSERT_TRUE(controller.applicationWillTerminate());
+    launch();
+    EXPECT_EQ(controller.backupFolders().size(), 2);
+    EXPECT_EQ(controller.backupTimes().value(QStringLiteral("Good")), 3600);
+}
+
+TEST_F(AppState, TerminationSignalsArriveAsQtSignals)
+{
+    int argc = 1;
+    char name[] = "app_state_test";
+    char *argv[] = {name, nullptr};
+    QCoreApplication application(argc, argv);
+    KSSignalWatcher &watcher = KSSignalWatcher::sharedInstance();
+    int received = 0;
+    QObject::connect(&watcher, &KSSignalWatcher::signalReceived, &application, [&](int number) {
+        received = number;
+        QCoreApplication::quit();
+    });
+    QTimer::singleShot(0, &application, [] { std::raise(SIGTERM); });
+    QTimer::singleShot(5000, &application, [] { QCoreApplication::exit(1); });
+    EXPECT_EQ(QCoreApplication::exec(), 0); // the process lived to quit its loop normally
+    EXPECT_EQ(received, SIGTERM);
+    EXPECT_TRUE(KSSignalWatcher::terminationRequested());
+}

@@ -110,6 +110,15 @@ const QStringList &BUIgnoreRule::defaultFileRules()
     return rules;
 }
 
+QString RuleDisplayText(const BUIgnoreRule &rule, bool fileDomain)
+{
+    const QString relation = BUIgnoreRule::relationWord(rule.relation());
+    if (!fileDomain)
+        return FormatString("Name %@ \"%@\"", relation, rule.name());
+    return FormatString("%@ %@ \"%@\"", rule.useExtension() ? QStringLiteral("Extension") : QStringLiteral("Name"),
+        relation, rule.name());
+}
+
 bool IsIgnored(const BURuleList &rules, const QString &itemName, bool checkExtension)
 {
     return std::any_of(rules.begin(), rules.end(),

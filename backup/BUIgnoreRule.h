@@ -45,6 +45,10 @@ private:
 
 using BURuleList = QList<BUIgnoreRule>;
 
+// The line the rule list shows: "Name is "Caches"" for folder rules, "Extension is "tmp"" or
+// "Name contains ".plist"" for file rules.
+QString RuleDisplayText(const BUIgnoreRule &rule, bool fileDomain);
+
 // The analysis's question: does the first matching rule of the domain ignore this item?
 // checkExtension is true for files, false for folders.
 bool IsIgnored(const BURuleList &rules, const QString &itemName, bool checkExtension);

@@ -4,16 +4,6 @@
 
 namespace {
 
-// The rule list's line for a rule: "Name is "Caches"", "Extension is "tmp"".
-QString RuleLine(const BUIgnoreRule &rule, bool fileDomain)
-{
-    const QString relation = BUIgnoreRule::relationWord(rule.relation());
-    if (!fileDomain)
-        return FormatString("Name %@ \"%@\"", relation, rule.name());
-    return FormatString("%@ %@ \"%@\"", rule.useExtension() ? QStringLiteral("Extension") : QStringLiteral("Name"),
-        relation, rule.name());
-}
-
 // Rules typed by a user are checked; stored ones are taken as they come.
 bool ParseArchive(const QString &archive, BUIgnoreRule *rule)
 {
@@ -30,7 +20,7 @@ bool ParseArchive(const QString &archive, BUIgnoreRule *rule)
 int ListRules(const BURuleList &rules, bool fileDomain)
 {
     for (const BUIgnoreRule &rule : rules)
-        PrintLine(stdout, RuleLine(rule, fileDomain));
+        PrintLine(stdout, RuleDisplayText(rule, fileDomain));
     return kExitOk;
 }
 
@@ -59,7 +49,7 @@ int RemoveRule(BURuleList &rules, const QStringList &args, bool fileDomain)
     const qsizetype before = rules.size();
     rules.removeIf([&](const BUIgnoreRule &r) { return r.isEqual(rule); });
     if (rules.size() == before) {
-        PrintError(QStringLiteral("There is no rule %1.").arg(RuleLine(rule, fileDomain)));
+        PrintError(QStringLiteral("There is no rule %1.").arg(RuleDisplayText(rule, fileDomain)));
         return kExitFailed;
     }
     return kExitOk;

@@ -29,6 +29,12 @@ const Command kCommands[] = {
         "  rules remove-folder ARCHIVE   Remove a folder rule.\n"
         "  rules remove-file ARCHIVE     Remove a file rule.\n"
         "  rules add-defaults            Add the default rules that are missing.\n"},
+    {"devices", RunDevicesCommand,
+        "  devices                       List the mounted backup devices: recent ones, then the others,\n"
+        "                                each with the time of its last backup.\n"
+        "  devices --watch               List them again whenever a volume is mounted or unmounted.\n"
+        "                                Devices are the writable volumes mounted in $TANNER_VOLUMES_ROOT,\n"
+        "                                else /run/media/$USER, else /media/$USER.\n"},
 };
 
 void PrintHelp(std::FILE *stream)

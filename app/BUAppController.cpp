@@ -6,6 +6,7 @@
 #include "keelson/KSDayIndex.h"
 #include "keelson/KSKernel.h"
 #include "keelson/KSLog.h"
+#include "keelson/KSLogger.h"
 #include "keelson/KSStrings.h"
 #include "keelson/KSUserDefaults.h"
 
@@ -54,6 +55,7 @@ BUAppController &BUAppController::sharedInstance()
 void BUAppController::applicationWillFinishLaunching()
 {
     KSKernel::sharedInstance();
+    KSLogger::install(); // from here on LogString writes the application's own log file
 }
 
 void BUAppController::installRules(const QStringList &archives, BURuleList &into, const QString &key)

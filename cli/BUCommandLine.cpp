@@ -35,6 +35,10 @@ const Command kCommands[] = {
         "  devices --watch               List them again whenever a volume is mounted or unmounted.\n"
         "                                Devices are the writable volumes mounted in $TANNER_VOLUMES_ROOT,\n"
         "                                else /run/media/$USER, else /media/$USER.\n"},
+    {"logs", RunLogsCommand,
+        "  logs                          Print what a problem report would gather: crash reports, core\n"
+        "                                dumps, system log lines of the program, and its own log\n"
+        "                                ($XDG_STATE_HOME/Tannerwick/com.tannerwick.backup.log).\n"},
 };
 
 void PrintHelp(std::FILE *stream)

@@ -28,3 +28,4 @@ enum BUExitStatus : int { kExitOk = 0, kExitFailed = 1, kExitUsage = 64 };
 int RunFoldersCommand(const BUCommandArgs &invocation);
 int RunRulesCommand(const BUCommandArgs &invocation);
 int RunDevicesCommand(const BUCommandArgs &invocation);
+int RunLogsCommand(const BUCommandArgs &invocation);

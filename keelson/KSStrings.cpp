@@ -30,7 +30,7 @@ int ClassifyUnit(char16_t unit)
     const QChar c(unit);
     if (c.isLower())
         return kCharLower;
-    if (c.isUpper())
+    if (c.isUpper() || c.isTitleCase())
         return kCharUpper;
     if (c.isSpace())
         return kCharSpace;
@@ -38,7 +38,7 @@ int ClassifyUnit(char16_t unit)
         return kCharDigit;
     if (c.isPunct() || c.isSymbol())
         return kCharPunct;
-    if (c.category() == QChar::Other_Control)
+    if (c.category() == QChar::Other_Control || c.category() == QChar::Other_Format)
         return kCharControl;
     return kCharOther;
 }

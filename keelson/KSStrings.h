@@ -23,8 +23,10 @@ enum class KSSearchAnchor { None, Start, End };
 // An empty needle is never found.
 bool CaseInsensitiveFind(QStringView haystack, QStringView needle, KSSearchAnchor anchor);
 
-// Character classes: 0 other, 1 upper-case letter, 2 lower-case letter, 3 digit, 4 white space
-// (new lines included), 5 punctuation or symbol, 6 control. Units below 256 come from a table.
+// Character classes: 0 other, 1 upper-case letter (title case included), 2 lower-case letter,
+// 3 digit, 4 white space (new lines included), 5 punctuation or symbol, 6 control (format
+// characters such as the soft hyphen included). Tested in the order lower, upper, white space,
+// digit, punctuation or symbol, control. Units below 256 come from a table.
 enum KSCharType : int {
     kCharOther = 0,
     kCharUpper = 1,

@@ -5,7 +5,7 @@
 
 #include <QString>
 
-QString SupportMailAddress();  // "ks.supportAddress"
-QString HomePageUrl();         // "ks.homePage"
-QString DonationPageUrl();     // "ks.donationPage"
-QString WebsiteHostName();     // the host of the home page
+QString SupportMailAddress(); // "ks.supportAddress"
+QString HomePageUrl(); // "ks.homePage"
+QString DonationPageUrl(); // "ks.donationPage"
+QString WebsiteHostName(); // the host of the home page

@@ -20,16 +20,13 @@ namespace {
 
 class AppState : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        SetLogSink([this](const QString &line) { logged.append(line); });
-    }
     void TearDown() override { SetLogSink({}); }
 
     BUAppController &launch()
     {
         BUAppController &controller = BUAppController::sharedInstance();
         controller.applicationWillFinishLaunching();
+        SetLogSink([this](const QString &line) { logged.append(line); }); // in place of the log file
         controller.applicationDidFinishLaunching();
         return controller;
     }

@@ -1,12 +1,16 @@
 #include "app/BUAppController.h"
 
+#include "backup/BUDeviceWatcher.h"
+#include "backup/BUDevices.h"
 #include "keelson/FormatString.h"
 #include "keelson/KSDayIndex.h"
 #include "keelson/KSKernel.h"
 #include "keelson/KSLog.h"
+#include "keelson/KSLogger.h"
 #include "keelson/KSStrings.h"
 #include "keelson/KSUserDefaults.h"
 
+#include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
@@ -39,6 +43,7 @@ BUAppController &BUAppController::sharedInstance()
 void BUAppController::applicationWillFinishLaunching()
 {
     KSKernel::sharedInstance();
+    KSLogger::install(); // from here on LogString writes the application's own log file
 }
 
 void BUAppController::installRules(const QStringList &archives, BURuleList &into, const QString &key)
@@ -133,7 +138,14 @@ void BUAppController::applicationDidFinishLaunching()
     // 7. Process-wide resources: the engine's attribute list is built by the engine itself; the
     //    folder image and the alert colour belong to the window and are made there.
     // 8. The help engine registers its vocabulary here once it exists.
-    // 9. The device watcher subscribes to mount changes here and builds the device lists.
+    // 9. Mount and unmount notifications, then the device lists. Without an application object
+    //    there is no event loop to deliver the notifications, so the lists are only built.
+    if (!m_deviceWatcher && QCoreApplication::instance()) {
+        m_deviceWatcher = new BUDeviceWatcher(QCoreApplication::instance());
+        QObject::connect(m_deviceWatcher, &BUDeviceWatcher::mountsChanged, m_deviceWatcher,
+            [] { BUAppController::sharedInstance().updateDrives(); });
+    }
+    updateDrives();
 
     m_loaded = true;
 
@@ -222,4 +234,41 @@ void BUAppController::addDefaults()
     if (QFileInfo(home).isDir() && home != u"/")
         addBackupFolders({QDir::cleanPath(home)});
     addDefaultRules();
+}
+
+void BUAppController::updateDrives()
+{
+    const QString selected = selectedDriveHook ? selectedDriveHook() : QString();
+    m_otherDrives = MountedDrives();
+    m_mountedRecentDrives.clear();
+    int counter = 0;
+    for (const QString &name : std::as_const(m_recentDrives)) {
+        const qsizetype mounted = m_otherDrives.indexOf(name);
+        if (mounted < 0)
+            continue;
+        m_mountedRecentDrives.append(name);
+        m_otherDrives.removeAt(mounted);
+        if (++counter == 10)
+            break;
+    }
+    qsizetype index = selected.isEmpty() ? -1 : m_mountedRecentDrives.indexOf(selected);
+    if (index < 0)
+        index = kDriveNotFound;
+    if (updateDriveListHook)
+        updateDriveListHook(index);
+}
+
+void BUAppController::updateRecentDrives(const QString &name)
+{
+    m_recentDrives.removeAll(name);
+    m_recentDrives.prepend(name);
+    m_mountedRecentDrives.removeAll(name);
+    m_mountedRecentDrives.prepend(name);
+    m_otherDrives.removeAll(name);
+    if (m_mountedRecentDrives.size() >= 11) {
+        while (m_mountedRecentDrives.size() > 10)
+            m_otherDrives.append(m_mountedRecentDrives.takeLast());
+        std::stable_sort(m_otherDrives.begin(), m_otherDrives.end(),
+            [](const QString &a, const QString &b) { return CaseInsensitiveCompare(a, b) == KSOrderedAscending; });
+    }
 }

@@ -10,10 +10,14 @@
 #include "backup/BUIgnoreRule.h"
 
 #include <QMap>
+#include <QPointer>
 #include <QSettings>
 #include <QStringList>
 
 #include <functional>
+#include <limits>
+
+class BUDeviceWatcher;
 
 // A message for the alert box: a short text and a longer explanation.
 struct BUAlertText {
@@ -62,6 +66,20 @@ public:
     // The window (once it exists) replaces the first-run step with its own addDefaults.
     std::function<void()> firstRunDefaultsHook;
 
+    // Rebuilds "Recent Devices" (mountedRecentDrives: the mounted devices of recentDrives in its
+    // order, at most 10) and "Other Devices" (otherDrives: every other mounted device, sorted)
+    // and then calls updateDriveListHook. Runs at start-up and on every mount table change.
+    void updateDrives();
+    // Makes the device the most recent one; called when a backup or analysis starts on it.
+    void updateRecentDrives(const QString &name);
+    // The not-found index passed to updateDriveListHook (the largest signed integer).
+    static constexpr qsizetype kDriveNotFound = std::numeric_limits<qsizetype>::max();
+    // The device list's side of updateDrives: the device selected before the rebuild (empty when
+    // none), and the notification after it with that device's index in mountedRecentDrives, or
+    // kDriveNotFound when there was no selection or the device is not in that group any more.
+    std::function<QString()> selectedDriveHook;
+    std::function<void(qsizetype selectedIndex)> updateDriveListHook;
+
 private:
     BUAppController() = default;
     void loadFolders(const QStringList &stored);
@@ -74,6 +92,7 @@ private:
     QString m_saveError;
     bool m_loaded = false;
     bool m_keepStoredFile = false; // the file could not be read: never overwrite it
+    QPointer<BUDeviceWatcher> m_deviceWatcher; // owned by the application object
 };
 
 // Orders folders by their last path component without regard to case.

@@ -29,6 +29,16 @@ const Command kCommands[] = {
         "  rules remove-folder ARCHIVE   Remove a folder rule.\n"
         "  rules remove-file ARCHIVE     Remove a file rule.\n"
         "  rules add-defaults            Add the default rules that are missing.\n"},
+    {"devices", RunDevicesCommand,
+        "  devices                       List the mounted backup devices: recent ones, then the others,\n"
+        "                                each with the time of its last backup.\n"
+        "  devices --watch               List them again whenever a volume is mounted or unmounted.\n"
+        "                                Devices are the writable volumes mounted in $TANNER_VOLUMES_ROOT,\n"
+        "                                else /run/media/$USER, else /media/$USER.\n"},
+    {"logs", RunLogsCommand,
+        "  logs                          Print what a problem report would gather: crash reports, core\n"
+        "                                dumps, system log lines of the program, and its own log\n"
+        "                                ($XDG_STATE_HOME/Tannerwick/com.tannerwick.backup.log).\n"},
 };
 
 void PrintHelp(std::FILE *stream)

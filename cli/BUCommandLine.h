@@ -27,3 +27,5 @@ enum BUExitStatus : int { kExitOk = 0, kExitFailed = 1, kExitUsage = 64 };
 // Command handlers, one family per source file.
 int RunFoldersCommand(const BUCommandArgs &invocation);
 int RunRulesCommand(const BUCommandArgs &invocation);
+int RunDevicesCommand(const BUCommandArgs &invocation);
+int RunLogsCommand(const BUCommandArgs &invocation);

@@ -1,10 +1,12 @@
 // The mount table and the list of mounted devices, on real mounts in a private namespace.
 #include "backup/BUDevices.h"
+#include "keelson/KSDayIndex.h"
 #include "keelson/KSStrings.h"
 #include "tests/support/TestSupport.h"
 
 #include <QDir>
 #include <QFile>
+#include <QLocale>
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -134,4 +136,29 @@ TEST(VolumesRoot, EnvironmentThenRunMediaThenMedia)
     if (savedRoot.isNull())
         qunsetenv("TANNER_VOLUMES_ROOT");
     qputenv("USER", savedUser);
+}
+
+TEST(LastBackupText, YesterdayTodayInTheLocalesClockAndOlderDates)
+{
+    const QLocale saved;
+    QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates));
+    EXPECT_FALSE(Is24HourTime());
+    QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
+    EXPECT_TRUE(Is24HourTime());
+    QLocale::setDefault(saved);
+
+    const int today = DayIndexForToday();
+    const QMap<QString, qint64> dates {{"Afternoon", today}, {"Midnight", today}, {"Untimed", today},
+        {"Yesterday disk", AddToDayIndex(today, 0, -1)}, {"Old", 20240307}};
+    const QMap<QString, qint64> times {
+        {"Afternoon", 14 * 3600 + 5 * 60 + 59}, {"Midnight", 30 * 60}, {"Old", 100}, {"Never", 100}};
+    EXPECT_EQ(LastBackupText(dates, times, QStringLiteral("Afternoon"), true), QStringLiteral("14:05"));
+    EXPECT_EQ(LastBackupText(dates, times, QStringLiteral("Afternoon"), false), QStringLiteral("2:05 pm"));
+    EXPECT_EQ(LastBackupText(dates, times, QStringLiteral("Midnight"), false), QStringLiteral("12:30 am"));
+    EXPECT_EQ(LastBackupText(dates, times, QStringLiteral("Untimed"), false), QStringLiteral("Today"));
+    EXPECT_EQ(LastBackupText(dates, times, QStringLiteral("Yesterday disk"), true), QStringLiteral("Yesterday"));
+    EXPECT_EQ(LastBackupText(dates, times, QStringLiteral("Old"), true),
+        LocaleIsDayFirst() ? QStringLiteral("7/3/2024") : QStringLiteral("3/7/2024"));
+    EXPECT_EQ(LastBackupText(dates, times, QStringLiteral("Never"), true), QString());
+    EXPECT_EQ(LastBackupText(dates, times, QStringLiteral("afternoon"), true), QString()) << "names match exactly";
 }

@@ -1,0 +1,21 @@
+#include "cli/BUCommandLine.h"
+#include "keelson/KSLogger.h"
+#include "keelson/KSStrings.h"
+
+int RunLogsCommand(const BUCommandArgs &invocation)
+{
+    if (!invocation.args.isEmpty()) {
+        PrintError(QStringLiteral("logs takes no arguments"));
+        return kExitUsage;
+    }
+    KSLogger &logger = KSLogger::sharedInstance();
+    // The window shows "nothing found" in its alert box; here it is an error on stderr.
+    logger.alertHook = [](const QString &message, const QString &moreInfo) { PrintError(message, moreInfo); };
+    const QString text = logger.allLogsForApp();
+    logger.alertHook = nullptr;
+    if (text.isNull())
+        return kExitFailed;
+    const QByteArray bytes = FileNameToBytes(text);
+    std::fwrite(bytes.constData(), 1, std::size_t(bytes.size()), stdout);
+    return kExitOk;
+}

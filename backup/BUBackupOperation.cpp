@@ -335,6 +335,8 @@ bool BUBackupOperation::performOperation()
         // device leaves an empty folder behind on the system disk.
         if (!run.device.isStillMounted()) {
             fatal = FormatString("The device \"%@\" has been ejected.", m_targetName);
+            status.trans.insert(i, fatal); // not carried out: it counts as failed
+            ++batchCount;
             break;
         }
         current = i;

@@ -140,10 +140,11 @@ QString BUDeviceRoot::relativePath(const QString &devicePath) const
 int BUDeviceRoot::openFolder(const QString &relative, bool caseFallback, BUError *error) const
 {
     const QByteArray path = FileNameToBytes(relative);
-    int fd = path.isEmpty() ? ::fcntl(m_fd, F_DUPFD_CLOEXEC, 0)
+    // A new open file: a duplicate would share the listing position of the root descriptor.
+    int fd = path.isEmpty() ? ::openat(m_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)
                             : _OpenBeneath(m_fd, path.constData(), O_RDONLY | O_DIRECTORY);
     if (fd < 0 && errno == ENOENT && caseFallback) {
-        fd = ::fcntl(m_fd, F_DUPFD_CLOEXEC, 0);
+        fd = ::openat(m_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         for (const QByteArray &component : path.split('/')) {
             if (fd < 0)
                 break;

@@ -41,3 +41,27 @@ void SortTransactions(BUTransactionList &transactions)
     std::stable_sort(transactions.begin(), transactions.end(),
         [](const BUTransaction &a, const BUTransaction &b) { return a.compare(b) < 0; });
 }
+
+qsizetype ApplyBackupStatus(const QMap<qsizetype, QString> &trans, double copied)
+{
+    g_copiedBytes += copied;
+    qsizetype highest = -1;
+    for (auto it = trans.cbegin(); it != trans.cend(); ++it) {
+        if (it.key() < 0 || it.key() >= g_transactions.size())
+            continue;
+        BUTransaction &transaction = g_transactions[it.key()];
+        transaction.setDone(true);
+        ++g_finishedTransactions;
+        highest = std::max(highest, it.key());
+        if (it.value().isEmpty())
+            continue;
+        qsizetype index = g_errors.indexOf(it.value());
+        if (index < 0) {
+            g_errors.append(it.value());
+            index = g_errors.size() - 1;
+        }
+        transaction.setErrorIndex(uint64_t(index));
+        ++g_failedTransactions;
+    }
+    return highest;
+}

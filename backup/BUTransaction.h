@@ -9,6 +9,7 @@
 #pragma once
 
 #include <QList>
+#include <QMap>
 #include <QString>
 #include <QStringList>
 
@@ -60,6 +61,12 @@ using BUTransactionList = QList<BUTransaction>;
 
 // Sorts a list into table order with compare() (stable).
 void SortTransactions(BUTransactionList &transactions);
+
+// Applies one progress report of the backup to the shared state, as every front end shows it:
+// adds the copied bytes, marks each reported transaction done, counts it finished, and a failed
+// one (non-empty text) also failed, with errorIndex pointing at its text in g_errors (appended
+// when new). Returns the highest index reported, -1 for none. Main thread.
+qsizetype ApplyBackupStatus(const QMap<qsizetype, QString> &trans, double copied);
 
 // The shared state of one analysis and backup.
 extern BUTransactionList g_transactions;

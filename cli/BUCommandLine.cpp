@@ -39,6 +39,12 @@ const Command kCommands[] = {
         "  logs                          Print what a problem report would gather: crash reports, core\n"
         "                                dumps, system log lines of the program, and its own log\n"
         "                                ($XDG_STATE_HOME/Tannerwick/com.tannerwick.backup.log).\n"},
+    {"analyze", RunAnalyzeCommand,
+        "  analyze DEVICE [--json]       List what a backup to the device would do, without doing it.\n"},
+    {"backup", RunBackupCommand,
+        "  backup DEVICE [--json]        Make the device an exact mirror of the backup folders.\n"
+        "                                Exit status: 0 done, 1 some actions failed, 2 error, 3 the\n"
+        "                                device holds other items at its top level, 130 canceled.\n"},
 };
 
 void PrintHelp(std::FILE *stream)

@@ -29,3 +29,5 @@ int RunFoldersCommand(const BUCommandArgs &invocation);
 int RunRulesCommand(const BUCommandArgs &invocation);
 int RunDevicesCommand(const BUCommandArgs &invocation);
 int RunLogsCommand(const BUCommandArgs &invocation);
+int RunAnalyzeCommand(const BUCommandArgs &invocation);
+int RunBackupCommand(const BUCommandArgs &invocation);

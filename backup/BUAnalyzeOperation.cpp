@@ -1,0 +1,694 @@
+#include "backup/BUAnalyzeOperation.h"
+
+#include "backup/BUDeviceRoot.h"
+#include "backup/BUFileCopier.h"
+#include "backup/BUFileStats.h"
+#include "backup/BUTransaction.h"
+#include "keelson/FormatString.h"
+#include "keelson/KSArrayString.h"
+#include "keelson/KSKernel.h"
+#include "keelson/KSStrings.h"
+
+#include <QHash>
+
+#include <cerrno>
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr uint64_t kNone = KSNotFound;
+constexpr char16_t kAdvancedUserMark = 0x273D; // names the advanced user keeps out of backups
+
+// One node of a folder tree; files are never nodes.
+struct FolderEntry {
+    uint64_t parent;
+    uint64_t firstChild;
+    uint64_t nextSibling;
+    uint64_t match; // the counterpart in the other tree
+    FileStats stats;
+    bool folder; // false only for the source tree's "/" root
+};
+
+struct AnalysisContext {
+    QString reason;
+    BUAnalysisReport *result;
+    const std::atomic<bool> *cancelAnalysis;
+    const BURuleList *ignoreFolders;
+    const BURuleList *ignoreFiles;
+    BUDeviceRoot *device;
+};
+
+// A folder's entries in listing order, read from an open descriptor that it owns.
+class FolderListing {
+public:
+    explicit FolderListing(int fd) : m_folder(fd >= 0 ? ::fdopendir(fd) : nullptr)
+    {
+        if (fd >= 0 && !m_folder)
+            ::close(fd);
+    }
+    ~FolderListing()
+    {
+        if (m_folder)
+            ::closedir(m_folder);
+    }
+    FolderListing(const FolderListing &) = delete;
+    FolderListing &operator=(const FolderListing &) = delete;
+
+    int fd() const { return m_folder ? ::dirfd(m_folder) : -1; }
+    // The next name other than "." and ".."; false at the end or on an error (errorNumber).
+    bool next(const char **name, unsigned char *type)
+    {
+        for (;;) {
+            errno = 0;
+            const dirent *entry = ::readdir(m_folder);
+            if (!entry) {
+                errorNumber = errno;
+                return false;
+            }
+            const char *n = entry->d_name;
+            if (n[0] == '.' && (n[1] == 0 || (n[1] == '.' && n[2] == 0)))
+                continue;
+            *name = n;
+            *type = entry->d_type;
+            return true;
+        }
+    }
+    int errorNumber = 0;
+
+private:
+    DIR *m_folder;
+};
+
+FolderEntry *_Entry(KSArrayString &tree, uint64_t index)
+{
+    return static_cast<FolderEntry *>(tree.entryAtIndex(index));
+}
+
+const QString &_Name(const KSArrayString &tree, uint64_t index)
+{
+    static const QString none;
+    const QString *name = tree.stringAtIndex(index);
+    return name ? *name : none;
+}
+
+QString _ParentPath(const QString &path)
+{
+    const qsizetype slash = path.lastIndexOf(u'/');
+    return slash <= 0 ? QStringLiteral("/") : path.left(slash);
+}
+
+QString _Child(const QString &folder, const QString &name)
+{
+    return folder.endsWith(u'/') ? folder + name : folder + u'/' + name;
+}
+
+bool _CancelAnalysis(AnalysisContext &context)
+{
+    if (!context.cancelAnalysis->load(std::memory_order_relaxed))
+        return false;
+    context.result->cancel = true;
+    context.reason = QStringLiteral("canceled");
+    return true;
+}
+
+// Opens a folder for listing: a source folder by its path (a backup folder may be reached through
+// a link the user chose; nothing below it is), a device folder below the device root.
+int _OpenFolder(AnalysisContext &context, const QString &path, bool deviceSide, bool followLink)
+{
+    if (deviceSide) {
+        const QString relative = path == context.device->path() ? QString() : context.device->relativePath(path);
+        if (relative.isNull() && path != context.device->path()) {
+            errno = EINVAL;
+            return -1;
+        }
+        BUError error;
+        const int fd = context.device->openFolder(relative, false, &error);
+        errno = error.code;
+        return fd;
+    }
+    const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (followLink ? 0 : O_NOFOLLOW);
+    return ::open(FileNameToBytes(path).constData(), flags);
+}
+
+void _SetFolderReason(AnalysisContext &context, const QString &path, int errorNumber)
+{
+    context.reason = FormatString(
+        "I can't examine the contents of the folder \"%@\" -- %@", path, BUError::posix(errorNumber).failureReason);
+}
+
+bool _NameAllowsItem(const QString &name, bool deviceSide)
+{
+    if (name.isEmpty() || name[0] == u'.')
+        return false;
+    if (deviceSide)
+        return true;
+    if (name[0] == u'!')
+        return false;
+    if (g_advancedUser && name[0] == QChar(kAdvancedUserMark))
+        return false;
+    const QString rest = DeletingPathExtension(name);
+    if (rest.size() == 1)
+        return true;
+    return !rest.endsWith(u'~');
+}
+
+bool _RulesAllowItem(const AnalysisContext &context, const QString &name, bool isFolder)
+{
+    const BURuleList &rules = isFolder ? *context.ignoreFolders : *context.ignoreFiles;
+    return rules.isEmpty() || !IsIgnored(rules, name, !isFolder);
+}
+
+void _GetFileStats(const BUItemProperties &properties, FileStats *stats)
+{
+    StatsFromProperties(properties, stats);
+}
+
+bool _ShouldUpdateAttributes(const AnalysisContext &context, const FileStats &source, const FileStats &device)
+{
+    if (device.attributesModified >= source.attributesModified)
+        return false;
+    // Creation times are not compared: Linux cannot set them, so they would never match.
+    if (source.label != device.label || source.hasCustomIcon != device.hasCustomIcon
+        || source.hasHiddenExtension != device.hasHiddenExtension)
+        return true;
+    if (!context.device->kind().holdsOwnership)
+        return false;
+    if (source.mode != device.mode)
+        return true;
+    if (source.digestKnown && device.digestKnown && source.attributeDigest != device.attributeDigest)
+        return true;
+    return RunningAsRoot() && (source.owner != device.owner || source.group != device.group);
+}
+
+// Reads the extended-attribute digests when they can decide the comparison: only when the source
+// changed attributes after the device copy and the device keeps them.
+bool _NeedsDigests(const AnalysisContext &context, const FileStats &source, const FileStats &device)
+{
+    return context.device->kind().holdsOwnership && device.attributesModified < source.attributesModified;
+}
+
+// 0 skip, 1 use (stats filled), 2 failure (reason set).
+int _ShouldCopyFile(AnalysisContext &context, int folderFd, const QString &folder, const char *name,
+    const QString &itemName, unsigned char type, bool deviceSide, FileStats *stats)
+{
+    if (!_NameAllowsItem(itemName, deviceSide))
+        return 0;
+    if (type == DT_DIR)
+        return 0; // a folder: the tree walk has examined it already
+    BUItemProperties properties;
+    BUError error;
+    if (!ReadItemProperties(folderFd, name, &properties, &error)) {
+        context.reason = FormatString(
+            "I can't examine the properties of \"%@\" -- %@", _Child(folder, itemName), error.failureReason);
+        return 2;
+    }
+    // Links, FIFOs, sockets and devices are never copied, nor hidden, immutable or unreadable files.
+    if (!properties.isRegularFile() || properties.systemImmutable || !properties.isReadable())
+        return 0;
+    _GetFileStats(properties, stats);
+    stats->size = properties.size;
+    return 1;
+}
+
+bool _BuildFolderTree(
+    AnalysisContext &context, const QString &startPath, KSArrayString &tree, uint64_t startIndex, bool deviceSide)
+{
+    uint64_t node = startIndex;
+    QString path = startPath;
+    QStringList stack; // the paths of the folders from the start node down to the current one
+    for (;;) {
+        if (_CancelAnalysis(context))
+            return false;
+        stack.append(path);
+        const int fd = _OpenFolder(context, path, deviceSide, node == startIndex);
+        if (fd < 0) {
+            if (CocoaDomainErrorCode(BUError::posix(errno)) != kReadNoPermissionError) {
+                _SetFolderReason(context, path, errno);
+                return false;
+            }
+        } else {
+            FolderListing listing(fd);
+            BUItemProperties properties;
+            // A device mounted inside a backup folder is never walked into, the backup folder
+            // itself included.
+            bool walk = deviceSide || node != startIndex
+                || !(ReadItemProperties(listing.fd(), "", &properties, nullptr)
+                    && context.device->isRootFolder(properties));
+            uint64_t previous = kNone;
+            const char *name;
+            unsigned char type;
+            while (walk && listing.next(&name, &type)) {
+                if (_CancelAnalysis(context))
+                    return false;
+                if (type != DT_DIR && type != DT_UNKNOWN)
+                    continue;
+                const QString itemName = FileNameFromBytes(QByteArrayView(name));
+                if (!_NameAllowsItem(itemName, deviceSide))
+                    continue;
+                BUError error;
+                if (!ReadItemProperties(listing.fd(), name, &properties, &error)) {
+                    context.reason = FormatString(
+                        "I can't examine the properties of \"%@\" -- %@", _Child(path, itemName), error.failureReason);
+                    return false;
+                }
+                if (!properties.isDirectory())
+                    continue;
+                if (!deviceSide
+                    && (properties.systemImmutable || !properties.isReadable()
+                        || !_RulesAllowItem(context, itemName, true) || context.device->isRootFolder(properties)))
+                    continue;
+                FolderEntry entry {node, kNone, kNone, kNone, {}, true};
+                _GetFileStats(properties, &entry.stats);
+                const uint64_t index = tree.addEntry(&entry, &itemName);
+                if (index == KSNotFound)
+                    return false; // the memory reason stands
+                if (previous == kNone)
+                    _Entry(tree, node)->firstChild = index;
+                else
+                    _Entry(tree, previous)->nextSibling = index;
+                previous = index;
+            }
+            if (walk && listing.errorNumber != 0) {
+                _SetFolderReason(context, path, listing.errorNumber);
+                return false;
+            }
+        }
+        // Move on: down to the first child, else to the next sibling of the nearest folder that
+        // has one, without climbing above the start.
+        const uint64_t firstChild = _Entry(tree, node)->firstChild;
+        if (firstChild != kNone) {
+            node = firstChild;
+            path = _Child(path, _Name(tree, node));
+            continue;
+        }
+        if (node == startIndex)
+            return true;
+        stack.removeLast();
+        for (;;) {
+            const FolderEntry *entry = _Entry(tree, node);
+            if (entry->nextSibling != kNone) {
+                node = entry->nextSibling;
+                path = _Child(stack.last(), _Name(tree, node));
+                break;
+            }
+            node = entry->parent;
+            if (node == startIndex)
+                return true;
+            stack.removeLast();
+        }
+    }
+}
+
+bool _MatchFolders(
+    AnalysisContext &context, KSArrayString &sourceTree, uint64_t s, KSArrayString &deviceTree, uint64_t d)
+{
+    if (_CancelAnalysis(context))
+        return false;
+    _Entry(sourceTree, s)->match = d;
+    _Entry(deviceTree, d)->match = s;
+
+    // A linear search, the first listed device folder winning; many folders get a table of the
+    // folded names that answers the same.
+    int deviceChildren = 0;
+    for (uint64_t e = _Entry(deviceTree, d)->firstChild; e != kNone; e = _Entry(deviceTree, e)->nextSibling)
+        ++deviceChildren;
+    QHash<QString, uint64_t> folded;
+    if (deviceChildren > 16) {
+        for (uint64_t e = _Entry(deviceTree, d)->firstChild; e != kNone; e = _Entry(deviceTree, e)->nextSibling) {
+            const QString key = CaseFoldedString(_Name(deviceTree, e));
+            if (!folded.contains(key))
+                folded.insert(key, e);
+        }
+    }
+    for (uint64_t c = _Entry(sourceTree, s)->firstChild; c != kNone; c = _Entry(sourceTree, c)->nextSibling) {
+        uint64_t partner = kNone;
+        if (deviceChildren > 16) {
+            partner = folded.value(CaseFoldedString(_Name(sourceTree, c)), kNone);
+        } else {
+            for (uint64_t e = _Entry(deviceTree, d)->firstChild; e != kNone; e = _Entry(deviceTree, e)->nextSibling) {
+                if (CaseInsensitiveCompare(_Name(sourceTree, c), _Name(deviceTree, e)) == KSOrderedSame) {
+                    partner = e;
+                    break;
+                }
+            }
+        }
+        if (partner != kNone && !_MatchFolders(context, sourceTree, c, deviceTree, partner))
+            return false;
+    }
+    return true;
+}
+
+// The pre-order successor of `index`; descend false skips its subtree. The path follows along,
+// except for the children of the root, whose paths the callers derive themselves.
+bool _NextFolder(KSArrayString &tree, uint64_t *index, QString *path, bool descend)
+{
+    const FolderEntry *entry = _Entry(tree, *index);
+    if (descend && entry->firstChild != kNone) {
+        *index = entry->firstChild;
+        *path = _Child(*path, _Name(tree, *index));
+        return true;
+    }
+    QString parentPath = _ParentPath(*path);
+    uint64_t current = *index;
+    for (;;) {
+        entry = _Entry(tree, current);
+        if (entry->nextSibling != kNone) {
+            *index = entry->nextSibling;
+            *path = _Child(parentPath, _Name(tree, *index));
+            return true;
+        }
+        current = entry->parent;
+        if (current == 0 || current == kNone)
+            return false;
+        parentPath = _ParentPath(parentPath);
+    }
+}
+
+// The device path of a device tree node: the names up to the root, whose string is the root path.
+QString _DeviceFolderPath(KSArrayString &deviceTree, uint64_t index)
+{
+    QStringList names;
+    for (; index != 0 && index != kNone; index = _Entry(deviceTree, index)->parent)
+        names.prepend(_Name(deviceTree, index));
+    names.prepend(_Name(deviceTree, 0));
+    return names.join(u'/');
+}
+
+void _ReadFolderDigest(AnalysisContext &context, const QString &path, bool deviceSide, FileStats *stats)
+{
+    const int fd = _OpenFolder(context, path, deviceSide, !deviceSide);
+    if (fd < 0)
+        return;
+    ReadAttributeDigest(fd, "", stats);
+    ::close(fd);
+}
+
+bool _RecordFolders(AnalysisContext &context, KSArrayString &tree, KSArrayString &otherTree, bool deviceSide)
+{
+    uint64_t index = _Entry(tree, 0)->firstChild;
+    if (index == kNone || index >= tree.count())
+        return true;
+    const QString &deviceRoot = context.device->path();
+    QString path, rootPath;
+    for (;;) {
+        if (_CancelAnalysis(context))
+            return false;
+        FolderEntry entry = *_Entry(tree, index);
+        const QString &name = _Name(tree, index);
+        if (entry.parent == 0) {
+            path = deviceSide ? _Child(deviceRoot, name) : name;
+            rootPath = deviceSide ? deviceRoot : _ParentPath(name);
+        }
+        bool descend = true;
+        if (entry.match == kNone) {
+            BUTransaction transaction(path, rootPath);
+            transaction.setFolder(true);
+            if (deviceSide) {
+                transaction.setAction(BUTransaction::kDelete);
+                descend = false; // only the topmost unmatched device folder is deleted
+            }
+            g_transactions.append(transaction);
+        } else if (!deviceSide && CaseInsensitiveCompare(PathExtension(name), u"nib") != KSOrderedSame) {
+            FileStats device = _Entry(otherTree, entry.match)->stats;
+            if (_NeedsDigests(context, entry.stats, device)) {
+                _ReadFolderDigest(context, path, false, &entry.stats);
+                _ReadFolderDigest(context, _DeviceFolderPath(otherTree, entry.match), true, &device);
+            }
+            if (_ShouldUpdateAttributes(context, entry.stats, device)) {
+                BUTransaction transaction(path, rootPath);
+                transaction.setFolder(true);
+                transaction.setAction(BUTransaction::kUpdate);
+                g_transactions.append(transaction);
+            }
+        }
+        if (!_NextFolder(tree, &index, &path, descend))
+            return true;
+    }
+}
+
+bool _RecordFilesInFolder(AnalysisContext &context, const QString &folder, const QString &rootPath, bool isBackupFolder,
+    KSArrayString *deviceFiles, int deviceFolderFd)
+{
+    if (_CancelAnalysis(context))
+        return false;
+    const int fd = _OpenFolder(context, folder, false, isBackupFolder);
+    if (fd < 0) {
+        if (CocoaDomainErrorCode(BUError::posix(errno)) == kReadNoPermissionError)
+            return true;
+        _SetFolderReason(context, folder, errno);
+        return false;
+    }
+    FolderListing listing(fd);
+    const char *name;
+    unsigned char type;
+    while (listing.next(&name, &type)) {
+        if (_CancelAnalysis(context))
+            return false;
+        const QString itemName = FileNameFromBytes(QByteArrayView(name));
+        FileStats stats;
+        const int use = _ShouldCopyFile(context, listing.fd(), folder, name, itemName, type, false, &stats);
+        if (use == 2)
+            return false;
+        if (use == 0 || !_RulesAllowItem(context, itemName, false))
+            continue;
+        uint32_t action = BUTransaction::kCopy;
+        bool counted = true;
+        std::size_t found;
+        if (deviceFiles && deviceFiles->findString(itemName, true, &found)) {
+            FileStats *device = static_cast<FileStats *>(deviceFiles->entryAtIndex(found));
+            device->seen = true;
+            const BUVolumeKind &kind = context.device->kind();
+            if (ComparableContentTime(stats.contentModified, kind)
+                <= ComparableContentTime(device->contentModified, kind)) {
+                if (_NeedsDigests(context, stats, *device)) {
+                    ReadAttributeDigest(listing.fd(), name, &stats);
+                    ReadAttributeDigest(
+                        deviceFolderFd, FileNameToBytes(_Name(*deviceFiles, found)).constData(), device);
+                }
+                if (!_ShouldUpdateAttributes(context, stats, *device))
+                    continue;
+                action = BUTransaction::kUpdate;
+                counted = false;
+            }
+        }
+        BUTransaction transaction(_Child(folder, itemName), rootPath);
+        transaction.setAction(action);
+        if (counted) {
+            g_totalBytes += double(stats.size);
+            transaction.setFileSize(double(stats.size));
+        }
+        g_transactions.append(transaction);
+    }
+    if (listing.errorNumber != 0) {
+        _SetFolderReason(context, folder, listing.errorNumber);
+        return false;
+    }
+    return true;
+}
+
+// Lists a matched device folder into the sorted device file list. Temporary files that an
+// interrupted backup left behind go in too: no source file is ever named like them, so they are
+// deleted.
+bool _ListDeviceFiles(AnalysisContext &context, FolderListing &listing, const QString &folder, KSArrayString &files)
+{
+    files.deleteAllEntries();
+    const char *name;
+    unsigned char type;
+    while (listing.next(&name, &type)) {
+        if (_CancelAnalysis(context))
+            return false;
+        const QString itemName = FileNameFromBytes(QByteArrayView(name));
+        FileStats stats;
+        int use;
+        if (IsTemporaryName(name) && (type == DT_REG || type == DT_UNKNOWN)) {
+            BUItemProperties properties;
+            use = ReadItemProperties(listing.fd(), name, &properties, nullptr) && properties.isRegularFile() ? 1 : 0;
+        } else {
+            use = _ShouldCopyFile(context, listing.fd(), folder, name, itemName, type, true, &stats);
+        }
+        if (use == 2)
+            return false;
+        std::size_t index;
+        if (use == 1 && !files.findString(itemName, true, &index) && !files.insertEntry(&stats, &itemName, index))
+            return false;
+    }
+    if (listing.errorNumber != 0) {
+        _SetFolderReason(context, folder, listing.errorNumber);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+BUAnalyzeOperation::BUAnalyzeOperation(const QString &targetName, BUEngineReceiver *controller,
+    const QStringList &backupFolders, const BURuleList &ignoreFolders, const BURuleList &ignoreFiles)
+    : m_targetName(targetName), m_controller(controller), m_backupFolders(backupFolders),
+      m_ignoreFolders(ignoreFolders), m_ignoreFiles(ignoreFiles)
+{
+}
+
+void BUAnalyzeOperation::cancel()
+{
+    m_cancelAnalysis.store(true, std::memory_order_relaxed);
+    KSAsyncOperation::cancel();
+}
+
+bool BUAnalyzeOperation::performOperation()
+{
+    const BUAnalysisReport report = analyze();
+    PostToReceiver(m_controller, [report](BUEngineReceiver *receiver) { receiver->analysisComplete(report); });
+    return true;
+}
+
+BUAnalysisReport BUAnalyzeOperation::analyze()
+{
+    g_copiedBytes = 0;
+    g_totalBytes = 0;
+    g_finishedTransactions = 0;
+    g_failedTransactions = 0;
+
+    BUAnalysisReport result;
+    result.target = m_targetName;
+    BUDeviceRoot device;
+    AnalysisContext context {QStringLiteral("there's not enough memory. Perhaps your source folders are too complex"),
+        &result, &m_cancelAnalysis, &m_ignoreFolders, &m_ignoreFiles, &device};
+    auto fail = [&] {
+        result.error = FormatString("I can't backup to \"%@\" because %@.", m_targetName, context.reason);
+        return result;
+    };
+    BUError deviceError;
+    const bool deviceOpen = device.open(m_targetName, &deviceError);
+
+    // The source tree: a "/" root, then the backup folders in list order.
+    const uint64_t folderCount = uint64_t(m_backupFolders.size());
+    std::unique_ptr<KSArrayString> sourceTree = KSArrayString::create(sizeof(FolderEntry), 10000);
+    if (!sourceTree)
+        return fail();
+    FolderEntry root {kNone, folderCount > 0 ? 1 : kNone, kNone, kNone, {}, false};
+    const QString rootName = QStringLiteral("/");
+    if (sourceTree->addEntry(&root, &rootName) == KSNotFound)
+        return fail();
+    for (uint64_t i = 1; i <= folderCount; ++i) {
+        const QString &folder = m_backupFolders[qsizetype(i - 1)];
+        FolderEntry entry {0, kNone, i < folderCount ? i + 1 : kNone, kNone, {}, true};
+        const int fd = ::open(FileNameToBytes(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        BUItemProperties properties;
+        if (fd >= 0 && ReadItemProperties(fd, "", &properties, nullptr))
+            _GetFileStats(properties, &entry.stats);
+        if (fd >= 0)
+            ::close(fd);
+        if (sourceTree->addEntry(&entry, &folder) == KSNotFound)
+            return fail();
+    }
+    if (_CancelAnalysis(context))
+        return fail();
+
+    // Extra items: the top level holds the mirrors of the backup folders and dot-names, nothing
+    // else. The names must match exactly here, unlike the matching below.
+    const int rootFd = deviceOpen ? device.openFolder(QString(), false, nullptr) : -1;
+    if (rootFd < 0) {
+        context.reason = QStringLiteral("I can't examine the contents of the disk");
+        return fail();
+    }
+    {
+        FolderListing listing(rootFd);
+        QStringList extra;
+        const char *name;
+        unsigned char type;
+        while (listing.next(&name, &type)) {
+            if (name[0] == '.')
+                continue;
+            const QString itemName = FileNameFromBytes(QByteArrayView(name));
+            BUItemProperties properties;
+            const bool isFolder
+                = ReadItemProperties(listing.fd(), name, &properties, nullptr) && properties.isDirectory();
+            const bool expected = isFolder
+                && std::any_of(m_backupFolders.cbegin(), m_backupFolders.cend(),
+                    [&](const QString &folder) { return LastPathComponent(folder) == itemName; });
+            if (!expected)
+                extra.append(itemName);
+        }
+        if (listing.errorNumber != 0) {
+            context.reason = QStringLiteral("I can't examine the contents of the disk");
+            return fail();
+        }
+        if (!extra.isEmpty()) {
+            std::sort(extra.begin(), extra.end(),
+                [](const QString &a, const QString &b) { return CaseInsensitiveCompare(a, b) == KSOrderedAscending; });
+            result.extra = extra;
+            context.reason.clear();
+            return fail();
+        }
+    }
+    if (folderCount == 0)
+        return result; // nothing to mirror, and nothing on the device to remove
+
+    for (uint64_t i = 1; i <= folderCount; ++i) {
+        if (!_BuildFolderTree(context, _Name(*sourceTree, i), *sourceTree, i, false))
+            return fail();
+    }
+    std::unique_ptr<KSArrayString> deviceTree = KSArrayString::create(sizeof(FolderEntry), 10000);
+    if (!deviceTree)
+        return fail();
+    FolderEntry deviceRoot {kNone, kNone, kNone, kNone, {}, true};
+    if (deviceTree->addEntry(&deviceRoot, &device.path()) == KSNotFound)
+        return fail();
+    if (!_BuildFolderTree(context, device.path(), *deviceTree, 0, true))
+        return fail();
+
+    for (uint64_t i = 1; i <= folderCount; ++i) {
+        const QString name = LastPathComponent(_Name(*sourceTree, i));
+        for (uint64_t e = _Entry(*deviceTree, 0)->firstChild; e != kNone; e = _Entry(*deviceTree, e)->nextSibling) {
+            if (CaseInsensitiveCompare(name, _Name(*deviceTree, e)) == KSOrderedSame) {
+                if (!_MatchFolders(context, *sourceTree, i, *deviceTree, e))
+                    return fail();
+                break;
+            }
+        }
+    }
+
+    if (!_RecordFolders(context, *sourceTree, *deviceTree, false)
+        || !_RecordFolders(context, *deviceTree, *sourceTree, true))
+        return fail();
+
+    std::unique_ptr<KSArrayString> deviceFiles = KSArrayString::create(sizeof(FileStats), 200);
+    if (!deviceFiles)
+        return fail();
+    uint64_t index = 1;
+    QString path, rootPath;
+    do {
+        if (_CancelAnalysis(context))
+            return fail();
+        const FolderEntry entry = *_Entry(*sourceTree, index);
+        if (entry.parent == 0) {
+            path = _Name(*sourceTree, index);
+            rootPath = _ParentPath(path);
+        }
+        if (entry.match == kNone) {
+            if (!_RecordFilesInFolder(context, path, rootPath, entry.parent == 0, nullptr, -1))
+                return fail();
+            continue;
+        }
+        const QString deviceFolder = _DeviceFolderPath(*deviceTree, entry.match);
+        const int fd = _OpenFolder(context, deviceFolder, true, false);
+        if (fd < 0) {
+            _SetFolderReason(context, deviceFolder, errno);
+            return fail();
+        }
+        FolderListing listing(fd);
+        if (!_ListDeviceFiles(context, listing, deviceFolder, *deviceFiles)
+            || !_RecordFilesInFolder(context, path, rootPath, entry.parent == 0, deviceFiles.get(), listing.fd()))
+            return fail();
+        for (std::size_t i = 0; i < deviceFiles->count(); ++i) {
+            if (static_cast<const FileStats *>(deviceFiles->entryAtIndex(i))->seen)
+                continue;
+            BUTransaction transaction(_Child(deviceFolder, _Name(*deviceFiles, i)), QString());
+            transaction.setAction(BUTransaction::kDelete);
+            g_transactions.append(transaction);
+        }
+    } while (_NextFolder(*sourceTree, &index, &path, true));
+    return result;
+}

@@ -1,0 +1,384 @@
+#include "backup/BUBackupOperation.h"
+
+#include "backup/BUDeviceRoot.h"
+#include "backup/BUDevices.h"
+#include "backup/BUFileCopier.h"
+#include "backup/BUFileStats.h"
+#include "keelson/FormatString.h"
+#include "keelson/KSLog.h"
+#include "keelson/KSStrings.h"
+
+#include <QElapsedTimer>
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+const QString kInternalError = QStringLiteral("Internal logic error");
+
+// The state of one run beside the batching.
+struct BackupRun {
+    BUDeviceRoot device;
+    BUFileCopier copier;
+    const QStringList *backupFolders;
+    // Device folders whose contents or attributes changed (relative to the device root), with the
+    // source folder whose mode and times they get at the end (empty: found by name).
+    QMap<QString, QString> touchedFolders;
+};
+
+// RAII for a descriptor.
+struct Descriptor {
+    int fd;
+    ~Descriptor()
+    {
+        if (fd >= 0)
+            ::close(fd);
+    }
+};
+
+QString _ParentOf(const QString &path)
+{
+    const qsizetype slash = path.lastIndexOf(u'/');
+    return slash < 0 ? QString() : path.left(slash);
+}
+
+void _TouchFolder(BackupRun &run, const QString &relative, const QString &source)
+{
+    if (relative.isEmpty())
+        return; // the device root mirrors nothing
+    QString &known = run.touchedFolders[relative];
+    if (known.isEmpty())
+        known = source;
+}
+
+QString _ErrorForUnmountedVolume(BackupRun &run, const QString &path)
+{
+    // The volume name is the first component below the volumes root.
+    const QString volumes = _ParentOf(run.device.path());
+    if (path.isEmpty() || volumes.isEmpty() || !path.startsWith(volumes + u'/'))
+        return QString();
+    const QString name = path.mid(volumes.size() + 1).section(u'/', 0, 0);
+    if (name.isEmpty())
+        return QString();
+    const bool mounted = name == run.device.name() ? run.device.isStillMounted() : MountedDrives().contains(name);
+    return mounted ? QString() : FormatString("The device \"%@\" has been ejected.", name);
+}
+
+QString _ErrorStringFromError(BackupRun &run, const BUError &error, const QString &path)
+{
+    if (!path.isEmpty()) {
+        const QString ejected = _ErrorForUnmountedVolume(run, path);
+        if (!ejected.isEmpty())
+            return ejected;
+    }
+    QString text = ErrorReason(error);
+    if (!text.isEmpty() && text[0].isLower())
+        text[0] = text[0].toUpper();
+    return text;
+}
+
+QString _TargetFilePath(const BUTransaction &transaction, const QString &deviceRoot, QString *error)
+{
+    const QString &path = transaction.path();
+    const QString &root = transaction.rootPath();
+    if (!root.isNull() && path.startsWith(root) && !path.startsWith(deviceRoot)) {
+        qsizetype start = root.size();
+        while (start < path.size() && path[start] == u'/')
+            ++start;
+        if (start < path.size())
+            return deviceRoot + u'/' + path.mid(start);
+    }
+    if (error)
+        *error = kInternalError;
+    return QString();
+}
+
+// Clears the immutable flags of a device item and gives it read and write for everyone, with
+// everything inside it when `inside` (before a removal); only if something is there.
+void _SetFullPermissions(BackupRun &run, const QString &devicePath, bool inside, bool caseFallback)
+{
+    const QString relative = run.device.relativePath(devicePath);
+    if (relative.isNull())
+        return;
+    QByteArray name;
+    const Descriptor parent {run.device.openParent(relative, &name, caseFallback, nullptr)};
+    struct stat status;
+    if (parent.fd < 0 || ::fstatat(parent.fd, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return;
+    ClearImmutableFlags(parent.fd, name.constData());
+    if (inside) {
+        GiveUserFilePermissions(parent.fd, name.constData(), devicePath);
+    } else if (!S_ISLNK(status.st_mode) && (status.st_mode & 0666) != 0666
+        && ::fchmodat(parent.fd, name.constData(), (status.st_mode & 07777) | 0666, AT_SYMLINK_NOFOLLOW) != 0) {
+        LogString("Can't change permissions of %@. %@", devicePath, SystemErrorText(errno));
+    }
+}
+
+// Gives the device copy of a transaction's source item the source's attributes; the text is ""
+// or the reason it failed.
+QString _UpdateItem(BackupRun &run, const BUTransaction &transaction)
+{
+    QString text;
+    const QString devicePath = _TargetFilePath(transaction, run.device.path(), &text);
+    if (devicePath.isEmpty())
+        return text;
+    BUItemAttributes attributes;
+    BUError error;
+    if (!ReadItemAttributesAtPath(FileNameToBytes(transaction.path()), &attributes, &error))
+        return _ErrorStringFromError(run, error, QString());
+    // Only the item itself: the modes of what is inside a folder are its own attributes, and a
+    // pass over them would leave every copy inside with modes that differ from the sources.
+    _SetFullPermissions(run, devicePath, false, true);
+    const QString relative = run.device.relativePath(devicePath);
+    QByteArray name;
+    const Descriptor parent {run.device.openParent(relative, &name, true, &error)};
+    if (parent.fd < 0)
+        return _ErrorStringFromError(run, BUError::deviceWrite(error.code), devicePath);
+    const Descriptor item {
+        ::openat(parent.fd, name.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
+    if (item.fd < 0)
+        return _ErrorStringFromError(run, BUError::deviceWrite(errno), devicePath);
+    uint32_t extraMode = 0;
+    if (transaction.isFolder()) {
+        // A folder keeps its owner's access while the run may still write into it; its own mode
+        // comes at the end with its times.
+        _TouchFolder(run, relative, transaction.path());
+        if (!RunningAsRoot())
+            extraMode = S_IRWXU;
+    }
+    if (!WriteItemAttributes(item.fd, attributes, run.device.kind(), extraMode, &error))
+        return _ErrorStringFromError(run, error, devicePath);
+    return QString();
+}
+
+QString _CopyFolder(BackupRun &run, const BUTransaction &transaction, QString *fatal)
+{
+    const QString devicePath = _TargetFilePath(transaction, run.device.path(), nullptr);
+    if (devicePath.isEmpty()) {
+        *fatal = FormatString("%@\n\nThe folder \"%@\" could not be created.", QString(), QString());
+        return kInternalError;
+    }
+    const QString relative = run.device.relativePath(devicePath);
+    BUError error;
+    QByteArray name;
+    const Descriptor parent {run.device.openParent(relative, &name, true, &error)};
+    if (parent.fd >= 0 && ::mkdirat(parent.fd, name.constData(), 0777) == 0) {
+        _TouchFolder(run, _ParentOf(relative), _ParentOf(transaction.path()));
+        _UpdateItem(run, transaction);
+        return QString();
+    }
+    error = BUError::deviceWrite(parent.fd >= 0 ? errno : error.code);
+    const QString text = _ErrorStringFromError(run, error, devicePath);
+    *fatal = FormatString("%@\n\nThe folder \"%@\" could not be created.", text, devicePath);
+    return text;
+}
+
+QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fatal)
+{
+    const QString devicePath = _TargetFilePath(transaction, run.device.path(), nullptr);
+    if (devicePath.isEmpty())
+        return kInternalError;
+    _SetFullPermissions(run, devicePath, true, true);
+    const QString relative = run.device.relativePath(devicePath);
+    QByteArray name;
+    BUError error;
+    const Descriptor parent {run.device.openParent(relative, &name, true, &error)};
+    // The old copy goes first, which frees its space before the new data arrives.
+    if (parent.fd >= 0 ? !RemoveItemAt(parent.fd, name.constData(), &error) : true) {
+        if (CocoaDomainErrorCode(error) != kNoSuchFileError)
+            return _ErrorStringFromError(run, error, devicePath);
+    }
+    if (parent.fd >= 0
+        && run.copier.copyFile(FileNameToBytes(transaction.path()), parent.fd, name, run.device.kind(), &error)) {
+        _TouchFolder(run, _ParentOf(relative), _ParentOf(transaction.path()));
+        return QString();
+    }
+    if (parent.fd < 0)
+        error = BUError::deviceWrite(error.code);
+    const int code = CocoaDomainErrorCode(error);
+    if (code == kReadNoPermissionError)
+        return _ErrorStringFromError(run, error, QString());
+    const QString text = _ErrorStringFromError(run, error, devicePath);
+    const QString ejected = _ErrorForUnmountedVolume(run, devicePath);
+    QString reason;
+    switch (code) {
+    case kWriteOutOfSpaceError:
+        reason = QStringLiteral("The device is full");
+        break;
+    case kWriteVolumeReadOnlyError:
+        reason = QStringLiteral("The device is read-only");
+        break;
+    case kNoSuchFileError:
+        reason = QStringLiteral("The file no longer exists");
+        break;
+    case kWriteNoPermissionError:
+        reason = QStringLiteral("You don't have permission to create the file");
+        break;
+    default:
+        break;
+    }
+    if (!ejected.isEmpty())
+        *fatal = ejected;
+    else if (!reason.isEmpty())
+        *fatal = FormatString("%@.\n\nThe file \"%@\" could not be created.", reason, devicePath);
+    return text;
+}
+
+QString _DeleteItem(BackupRun &run, const BUTransaction &transaction)
+{
+    // Never anything outside the device.
+    const QString relative = run.device.relativePath(transaction.path());
+    if (relative.isNull())
+        return kInternalError;
+    _SetFullPermissions(run, transaction.path(), true, false);
+    QByteArray name;
+    BUError error;
+    const Descriptor parent {run.device.openParent(relative, &name, false, &error)};
+    if (parent.fd < 0 || !RemoveItemAt(parent.fd, name.constData(), &error))
+        return _ErrorStringFromError(run, error, transaction.path());
+    _TouchFolder(run, _ParentOf(relative), QString());
+    return QString();
+}
+
+// Gives every folder the run changed its source's mode and times, as the last step: creating and
+// removing items inside a folder sets its time.
+void _RestoreFolderAttributes(BackupRun &run)
+{
+    QStringList folders = run.touchedFolders.keys();
+    std::sort(folders.begin(), folders.end(),
+        [](const QString &a, const QString &b) { return a.count(u'/') > b.count(u'/'); });
+    for (const QString &relative : std::as_const(folders)) {
+        QString source = run.touchedFolders.value(relative);
+        if (source.isEmpty()) {
+            // The mirror of a backup folder carries its exact name at the top of the device.
+            const QString top = relative.section(u'/', 0, 0);
+            for (const QString &folder : *run.backupFolders) {
+                if (LastPathComponent(folder) == top) {
+                    source = folder + relative.mid(top.size());
+                    break;
+                }
+            }
+        }
+        BUItemAttributes attributes;
+        struct stat status;
+        if (source.isEmpty() || ::lstat(FileNameToBytes(source).constData(), &status) != 0 || !S_ISDIR(status.st_mode)
+            || !ReadItemAttributesAtPath(FileNameToBytes(source), &attributes, nullptr))
+            continue;
+        const Descriptor fd {run.device.openFolder(relative, true, nullptr)};
+        BUError error;
+        if (fd.fd >= 0 && !WriteItemAttributes(fd.fd, attributes, run.device.kind(), 0, &error))
+            LogString("Can't set the attributes of %@. %@", run.device.path() + u'/' + relative, error.failureReason);
+    }
+}
+
+} // namespace
+
+BUBackupOperation::BUBackupOperation(BUEngineReceiver *controller, const QString &targetName,
+    const BUTransactionList &transactions, const QStringList &backupFolders)
+    : m_targetName(targetName), m_controller(controller), m_transactions(transactions), m_backupFolders(backupFolders)
+{
+}
+
+void BUBackupOperation::cancel()
+{
+    m_cancelBackup.store(true, std::memory_order_relaxed);
+    KSAsyncOperation::cancel();
+}
+
+bool BUBackupOperation::performOperation()
+{
+    BackupRun run;
+    run.backupFolders = &m_backupFolders;
+    run.device.open(m_targetName, nullptr); // a failure shows as an ejected device below
+
+    BUBackupStatusReport status;
+    int batchCount = 0;
+    uint32_t groupAction = 3; // no transaction has it: the first one opens a batch
+    bool groupFolder = false;
+    bool lastWasFileCopy = false;
+    QString fatal;
+    qsizetype current = 0;
+    QElapsedTimer sinceProgress;
+    run.copier.deviceGone = [&run] { return !run.device.isStillMounted(); };
+    run.copier.progress = [&](int64_t bytes) {
+        if (sinceProgress.isValid() && sinceProgress.elapsed() < 200)
+            return;
+        sinceProgress.start();
+        const qsizetype index = current;
+        const double written = double(bytes);
+        PostToReceiver(m_controller, [index, written](BUEngineReceiver *r) { r->copyProgress(index, written); });
+    };
+    auto post = [this](BUBackupStatusReport report) {
+        PostToReceiver(m_controller, [report](BUEngineReceiver *r) { r->backupStatus(report); });
+    };
+
+    for (qsizetype i = 0; i < m_transactions.size(); ++i) {
+        if (m_cancelBackup.load(std::memory_order_relaxed) || !fatal.isEmpty())
+            break;
+        const BUTransaction &transaction = m_transactions[i];
+        const bool joins = !lastWasFileCopy && transaction.action() == groupAction
+            && transaction.isFolder() == groupFolder && batchCount < 2;
+        if (!joins) {
+            if (batchCount > 0) {
+                post(status);
+                status = BUBackupStatusReport();
+            }
+            groupAction = transaction.action();
+            groupFolder = transaction.isFolder();
+            batchCount = 0;
+        }
+        // Nothing is written to a device that is no longer where it was opened: an ejected
+        // device leaves an empty folder behind on the system disk.
+        if (!run.device.isStillMounted()) {
+            fatal = FormatString("The device \"%@\" has been ejected.", m_targetName);
+            status.trans.insert(i, fatal); // not carried out: it counts as failed
+            ++batchCount;
+            break;
+        }
+        current = i;
+        sinceProgress.invalidate();
+        QString text;
+        lastWasFileCopy = false;
+        switch (transaction.action()) {
+        case BUTransaction::kUpdate:
+            text = _UpdateItem(run, transaction);
+            break;
+        case BUTransaction::kDelete:
+            text = _DeleteItem(run, transaction);
+            break;
+        default:
+            if (transaction.isFolder()) {
+                text = _CopyFolder(run, transaction, &fatal);
+            } else {
+                text = _CopyFile(run, transaction, &fatal);
+                status.copied += transaction.fileSize();
+                lastWasFileCopy = true;
+            }
+            break;
+        }
+        status.trans.insert(i, text);
+        ++batchCount;
+    }
+    if (!status.trans.isEmpty())
+        post(status);
+
+    if (run.device.fd() >= 0 && run.device.isStillMounted()) {
+        _RestoreFolderAttributes(run);
+        // Everything on the device before the run counts as done.
+        if (::syncfs(run.device.fd()) != 0 && fatal.isEmpty())
+            fatal = FormatString(
+                "%@.\n\nThe data could not be written to the device \"%@\".", SystemErrorText(errno), m_targetName);
+    }
+
+    BUBackupCompleteReport complete;
+    complete.target = m_targetName;
+    complete.cancel = m_cancelBackup.load(std::memory_order_relaxed);
+    if (!fatal.isEmpty())
+        complete.error = fatal;
+    PostToReceiver(m_controller, [complete](BUEngineReceiver *r) { r->backupComplete(complete); });
+    return true;
+}

@@ -1,0 +1,288 @@
+#include "backup/BUDeviceRoot.h"
+
+#include "backup/BUDevices.h"
+#include "keelson/KSLog.h"
+#include "keelson/KSStrings.h"
+
+#include <cerrno>
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <linux/openat2.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+int _OpenBeneath(int folderFd, const char *relative, int flags)
+{
+    open_how how = {};
+    how.flags = uint64_t(flags | O_CLOEXEC | O_NOFOLLOW);
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    for (int attempt = 0;; ++attempt) {
+        const long fd = ::syscall(SYS_openat2, folderFd, relative, &how, sizeof how);
+        // EAGAIN: a rename raced with the lookup; the kernel asks for a retry.
+        if (fd >= 0 || errno != EAGAIN || attempt == 8)
+            return int(fd);
+    }
+}
+
+// The names in an open folder, in listing order, without "." and "..".
+bool _ListFolder(int folderFd, QList<QByteArray> *names)
+{
+    const int copy = ::openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (copy < 0)
+        return false;
+    DIR *folder = ::fdopendir(copy);
+    if (!folder) {
+        ::close(copy);
+        return false;
+    }
+    errno = 0;
+    while (const dirent *entry = ::readdir(folder)) {
+        const char *n = entry->d_name;
+        if (n[0] == '.' && (n[1] == 0 || (n[1] == '.' && n[2] == 0)))
+            continue;
+        names->append(QByteArray(n));
+    }
+    const bool complete = errno == 0;
+    ::closedir(folder);
+    return complete;
+}
+
+// Finds a folder in folderFd whose name equals `wanted` without regard to case.
+int _OpenFolderIgnoringCase(int folderFd, const QByteArray &wanted)
+{
+    QList<QByteArray> names;
+    if (!_ListFolder(folderFd, &names))
+        return -1;
+    const QString wantedName = FileNameFromBytes(wanted);
+    for (const QByteArray &name : std::as_const(names)) {
+        if (CaseInsensitiveCompare(FileNameFromBytes(name), wantedName) != KSOrderedSame)
+            continue;
+        struct stat status;
+        if (::fstatat(folderFd, name.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode))
+            return _OpenBeneath(folderFd, name.constData(), O_RDONLY | O_DIRECTORY);
+    }
+    errno = ENOENT;
+    return -1;
+}
+
+uint64_t _MountId(int fd, const char *path)
+{
+    struct statx status;
+    const int flags = AT_NO_AUTOMOUNT | AT_SYMLINK_NOFOLLOW | (*path ? 0 : AT_EMPTY_PATH);
+    if (::statx(fd, path, flags, STATX_MNT_ID, &status) != 0 || !(status.stx_mask & STATX_MNT_ID))
+        return 0;
+    return status.stx_mnt_id;
+}
+
+} // namespace
+
+BUDeviceRoot::~BUDeviceRoot()
+{
+    close();
+}
+
+void BUDeviceRoot::close()
+{
+    if (m_fd >= 0)
+        ::close(m_fd);
+    if (m_mountTableFd >= 0)
+        ::close(m_mountTableFd);
+    m_fd = m_mountTableFd = -1;
+}
+
+bool BUDeviceRoot::open(const QString &name, BUError *error)
+{
+    close();
+    m_name = name;
+    m_path = DeviceRootPath(name);
+    m_checked = false;
+    auto fail = [this, error](int errorNumber) {
+        close();
+        if (error)
+            *error = BUError::posix(errorNumber);
+        return false;
+    };
+    if (name.isEmpty() || name.contains(u'/') || name == u"." || name == u"..")
+        return fail(ENOENT);
+    m_fd = ::open(FileNameToBytes(m_path).constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (m_fd < 0)
+        return fail(errno);
+    struct statx status;
+    if (::statx(m_fd, "", AT_EMPTY_PATH, STATX_INO | STATX_MNT_ID, &status) != 0)
+        return fail(errno);
+    // A folder under the volumes root with nothing mounted on it is the left-over mount point of
+    // an ejected device, not the device: writing there would fill the system disk.
+    if ((status.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) && !(status.stx_attributes & STATX_ATTR_MOUNT_ROOT))
+        return fail(ENODEV);
+    m_device = (uint64_t(status.stx_dev_major) << 32) | status.stx_dev_minor;
+    m_inode = status.stx_ino;
+    m_mountId = (status.stx_mask & STATX_MNT_ID) ? status.stx_mnt_id : 0;
+    const std::optional<BUMountEntry> entry = MountEntryForDevice(name);
+    m_kind = VolumeKindForFileSystem(entry ? entry->fileSystemType : QString());
+    m_mountTableFd = ::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
+    return true;
+}
+
+QString BUDeviceRoot::relativePath(const QString &devicePath) const
+{
+    if (m_path.isEmpty() || devicePath.size() <= m_path.size() + 1 || !devicePath.startsWith(m_path)
+        || devicePath[m_path.size()] != u'/')
+        return QString();
+    return devicePath.mid(m_path.size() + 1);
+}
+
+int BUDeviceRoot::openFolder(const QString &relative, bool caseFallback, BUError *error) const
+{
+    const QByteArray path = FileNameToBytes(relative);
+    // A new open file: a duplicate would share the listing position of the root descriptor.
+    int fd = path.isEmpty() ? ::openat(m_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)
+                            : _OpenBeneath(m_fd, path.constData(), O_RDONLY | O_DIRECTORY);
+    if (fd < 0 && errno == ENOENT && caseFallback) {
+        fd = ::openat(m_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        for (const QByteArray &component : path.split('/')) {
+            if (fd < 0)
+                break;
+            int next = _OpenBeneath(fd, component.constData(), O_RDONLY | O_DIRECTORY);
+            if (next < 0 && errno == ENOENT)
+                next = _OpenFolderIgnoringCase(fd, component);
+            const int saved = errno;
+            ::close(fd);
+            fd = next;
+            errno = saved;
+        }
+    }
+    if (fd < 0 && error)
+        *error = BUError::posix(errno);
+    return fd;
+}
+
+int BUDeviceRoot::openParent(const QString &relative, QByteArray *name, bool caseFallback, BUError *error) const
+{
+    const qsizetype slash = relative.lastIndexOf(u'/');
+    *name = FileNameToBytes(relative.mid(slash + 1));
+    if (name->isEmpty() || *name == "." || *name == "..") {
+        if (error)
+            *error = BUError::posix(EINVAL);
+        return -1;
+    }
+    return openFolder(slash < 0 ? QString() : relative.left(slash), caseFallback, error);
+}
+
+bool BUDeviceRoot::isStillMounted()
+{
+    if (m_fd < 0)
+        return false;
+    bool changed = !m_checked;
+    if (m_mountTableFd >= 0) {
+        pollfd watch = {m_mountTableFd, POLLPRI, 0};
+        if (::poll(&watch, 1, 0) > 0 && (watch.revents & (POLLPRI | POLLERR)))
+            changed = true;
+    } else {
+        changed = true; // no way to hear of changes: ask every time
+    }
+    if (changed) {
+        m_checked = true;
+        // Still one of the devices, and the mount at the device's path is the one opened: a device
+        // that was ejected and replaced by another of the same name is not written to.
+        m_mounted = MountedDrives().contains(m_name)
+            && (m_mountId == 0 || _MountId(AT_FDCWD, FileNameToBytes(m_path).constData()) == m_mountId);
+    }
+    return m_mounted;
+}
+
+bool RemoveItemAt(int folderFd, const char *name, BUError *error)
+{
+    auto fail = [error](int errorNumber) {
+        if (error)
+            *error = BUError::posix(errorNumber);
+        return false;
+    };
+    if (::unlinkat(folderFd, name, 0) == 0)
+        return true;
+    if (errno != EISDIR && errno != EPERM)
+        return fail(errno);
+    const int unlinkError = errno;
+    const int fd = ::openat(folderFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        return fail(errno == ENOTDIR ? unlinkError : errno);
+    struct stat inner, outer;
+    if (::fstat(fd, &inner) != 0 || ::fstat(folderFd, &outer) != 0) {
+        const int saved = errno;
+        ::close(fd);
+        return fail(saved);
+    }
+    if (inner.st_dev != outer.st_dev) {
+        ::close(fd);
+        return fail(EBUSY); // another file system is mounted here
+    }
+    QList<QByteArray> names;
+    bool ok = _ListFolder(fd, &names);
+    if (!ok)
+        ok = fail(errno);
+    for (const QByteArray &child : std::as_const(names)) {
+        if (!(ok = RemoveItemAt(fd, child.constData(), error)))
+            break;
+    }
+    ::close(fd);
+    if (!ok)
+        return false;
+    return ::unlinkat(folderFd, name, AT_REMOVEDIR) == 0 || fail(errno);
+}
+
+void GiveUserFilePermissions(int folderFd, const char *name, const QString &path)
+{
+    struct stat status;
+    mode_t permissions = 0;
+    bool directory = false;
+    const bool read = ::fstatat(folderFd, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (read) {
+        permissions = status.st_mode & 07777;
+        directory = S_ISDIR(status.st_mode);
+    } else {
+        LogString("Can't get permissions for %@. %@", path, SystemErrorText(errno));
+    }
+    if (!read || (permissions & 0666) != 0666) {
+        // glibc changes the item itself, never a link's target, for AT_SYMLINK_NOFOLLOW.
+        if (::fchmodat(folderFd, name, permissions | 0666, AT_SYMLINK_NOFOLLOW) != 0) {
+            LogString("Can't change permissions of %@. %@", path, SystemErrorText(errno));
+            return;
+        }
+    }
+    if (!directory)
+        return;
+    const int fd = ::openat(folderFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    struct stat inner;
+    QList<QByteArray> names;
+    if (::fstat(fd, &inner) == 0 && inner.st_dev == status.st_dev)
+        _ListFolder(fd, &names);
+    for (auto it = names.crbegin(); it != names.crend(); ++it)
+        GiveUserFilePermissions(fd, it->constData(), path + u'/' + FileNameFromBytes(*it));
+    ::close(fd);
+}
+
+void ClearImmutableFlags(int folderFd, const char *name)
+{
+    struct statx status;
+    if (::statx(folderFd, name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_TYPE, &status) != 0
+        || !(status.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND)))
+        return;
+    if (!S_ISREG(status.stx_mode) && !S_ISDIR(status.stx_mode))
+        return;
+    const int fd = ::openat(folderFd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    int flags = 0;
+    if (::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0) {
+        flags &= ~(FS_IMMUTABLE_FL | FS_APPEND_FL);
+        ::ioctl(fd, FS_IOC_SETFLAGS, &flags); // needs CAP_LINUX_IMMUTABLE; best effort
+    }
+    ::close(fd);
+}

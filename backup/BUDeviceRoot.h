@@ -1,0 +1,75 @@
+// An open backup device: a descriptor of its root folder, below which every device path is
+// resolved component by component without following a link and without leaving the device
+// (openat2 with RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS). A device is untrusted input: its folders
+// may hold links to anywhere, and nothing done through this class follows one.
+//
+// Threads: one object belongs to one thread (the analysis or the backup worker).
+#pragma once
+
+#include "backup/BUError.h"
+#include "backup/BUFileStats.h"
+
+#include <QByteArray>
+#include <QString>
+
+class BUDeviceRoot {
+public:
+    BUDeviceRoot() = default;
+    ~BUDeviceRoot();
+    BUDeviceRoot(const BUDeviceRoot &) = delete;
+    BUDeviceRoot &operator=(const BUDeviceRoot &) = delete;
+
+    // Opens the root of the device of that name under the volumes root. Fails with ENODEV when
+    // nothing is mounted there: an empty mount folder is not a device.
+    bool open(const QString &name, BUError *error);
+
+    const QString &name() const { return m_name; }
+    // The volumes root + "/" + name.
+    const QString &path() const { return m_path; }
+    int fd() const { return m_fd; }
+    const BUVolumeKind &kind() const { return m_kind; }
+    // Identity of the root folder, to keep a walk of the sources out of the device.
+    bool isRootFolder(const BUItemProperties &properties) const
+    {
+        return properties.device == m_device && properties.inode == m_inode;
+    }
+
+    // The part of a device path below the root ("Documents/a.txt"); null when the path is not
+    // strictly below the root.
+    QString relativePath(const QString &devicePath) const;
+
+    // Opens a folder below the root ("" is the root itself); -1 with the error on failure, ELOOP
+    // when a component is a link. With caseFallback a missing component is looked up without
+    // regard to case, the first one listed winning, as the analysis matched folders.
+    int openFolder(const QString &relative, bool caseFallback, BUError *error) const;
+    // Opens the folder that holds a relative path's last component and gives that component.
+    int openParent(const QString &relative, QByteArray *name, bool caseFallback, BUError *error) const;
+
+    // Whether the device is still mounted where it was opened and still a backup device. The mount
+    // table is read again only when the kernel reports that it changed since the last call.
+    bool isStillMounted();
+
+private:
+    void close();
+
+    QString m_name;
+    QString m_path;
+    int m_fd = -1;
+    int m_mountTableFd = -1;
+    uint64_t m_mountId = 0;
+    uint64_t m_device = 0;
+    uint64_t m_inode = 0;
+    bool m_mounted = false;
+    bool m_checked = false;
+    BUVolumeKind m_kind;
+};
+
+// Removes an item and, for a folder, everything inside it, never following a link and never
+// entering another file system mounted inside (EBUSY).
+bool RemoveItemAt(int folderFd, const char *name, BUError *error);
+// Adds read and write for owner, group and others (0666) to an item that lacks any of them and,
+// for a folder, to everything inside it, the last listed first. Failures are logged with the
+// device path and skipped.
+void GiveUserFilePermissions(int folderFd, const char *name, const QString &path);
+// Clears the immutable and append-only flags of an item, when it has one (best effort).
+void ClearImmutableFlags(int folderFd, const char *name);

@@ -1,0 +1,62 @@
+// What the analysis and the backup report, and the interface of whoever receives it: the main
+// window, the command line and the tests. The operations post every report to the receiver's
+// context object on its thread (the main thread) without waiting; a report is handed over whole
+// and never touched again by the worker.
+#pragma once
+
+#include <QMap>
+#include <QObject>
+#include <QString>
+#include <QStringList>
+
+#include <optional>
+
+// The one report of an analysis. On success it holds only the target; the transactions are in
+// g_transactions, unsorted, and the bytes to copy in g_totalBytes.
+struct BUAnalysisReport {
+    QString target; // the device name
+    std::optional<QStringList> extra; // top-level items of the device that are not mirrors
+    bool cancel = false;
+    std::optional<QString> error; // "I can't backup to ..." on every path but success
+};
+
+// Progress of the backup: one batch of at most two transactions of one action and kind, or a
+// single file copy.
+struct BUBackupStatusReport {
+    QMap<qsizetype, QString> trans; // transaction index -> error text, "" for success
+    double copied = 0; // bytes of the file copies of this batch
+};
+
+// The end of a backup.
+struct BUBackupCompleteReport {
+    QString target;
+    bool cancel = false;
+    std::optional<QString> error; // the fatal message that stopped the run
+};
+
+class BUEngineReceiver {
+public:
+    virtual ~BUEngineReceiver() = default;
+    // The object whose thread the reports are delivered on; reports still queued when it is
+    // destroyed are dropped.
+    virtual QObject *reportContext() = 0;
+    virtual void analysisComplete(const BUAnalysisReport &report) = 0;
+    virtual void backupStatus(const BUBackupStatusReport &report) = 0;
+    virtual void backupComplete(const BUBackupCompleteReport &report) = 0;
+    // The bytes of the file copy at `index` that have reached the device so far, a few times a
+    // second during a big file (between two backupStatus reports).
+    virtual void copyProgress(qsizetype index, double bytesWritten)
+    {
+        Q_UNUSED(index);
+        Q_UNUSED(bytesWritten);
+    }
+};
+
+// Posts a call to the receiver on its context's thread without waiting.
+template <typename Call> void PostToReceiver(BUEngineReceiver *receiver, Call call)
+{
+    if (!receiver)
+        return;
+    QMetaObject::invokeMethod(
+        receiver->reportContext(), [receiver, call] { call(receiver); }, Qt::QueuedConnection);
+}

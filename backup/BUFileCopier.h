@@ -1,0 +1,48 @@
+// Copies one source file into a folder of the device: the data goes to a temporary name that
+// begins with "." in the target folder, gets the source's attributes there and is then renamed,
+// so that a crash or an ejection never leaves a partial file under a real name. Big files are
+// written in a streaming pattern that keeps the page cache bounded and counts bytes as copied
+// only once they have reached the device.
+//
+// Threads: one copier belongs to one thread (the backup worker); its callbacks run there.
+#pragma once
+
+#include "backup/BUError.h"
+#include "backup/BUFileStats.h"
+
+#include <QByteArray>
+#include <QStringView>
+
+#include <functional>
+#include <memory>
+
+// The prefix of the temporary names; the analysis lists leftovers of an interrupted run as
+// items to delete.
+inline constexpr char kTemporaryNamePrefix[] = ".tanner-partial-";
+bool IsTemporaryName(QStringView name);
+bool IsTemporaryName(const char *name);
+
+class BUFileCopier {
+public:
+    BUFileCopier();
+    ~BUFileCopier();
+    BUFileCopier(const BUFileCopier &) = delete;
+    BUFileCopier &operator=(const BUFileCopier &) = delete;
+
+    // Told the bytes of the current file that have reached the device so far.
+    std::function<void(int64_t bytesWritten)> progress;
+    // Asked between chunks; true stops the copy with ENODEV (the device was ejected).
+    std::function<bool()> deviceGone;
+
+    // Copies the file at sourcePath (never following a link) to `name` in the device folder.
+    // Errors are in the Cocoa file domain: reading the source 257 (no permission), 260 (gone) or
+    // 256; writing 513 (no permission), 640 (full), 642 (read-only), 4 (folder gone) or 512.
+    bool copyFile(
+        const QByteArray &sourcePath, int folderFd, const QByteArray &name, const BUVolumeKind &kind, BUError *error);
+
+private:
+    bool writeAll(int out, const char *data, std::size_t size, BUError *error);
+    bool waitForWriteBack(int out, int in, int64_t start, int64_t length, bool *streaming, BUError *error);
+
+    std::unique_ptr<char, void (*)(void *)> m_buffer;
+};

@@ -1,0 +1,101 @@
+// What the engine reads and writes of an item on disk: the compared attributes of one item
+// (FileStats), the properties that decide whether an item takes part at all, the attributes that
+// a copy or an update carries over (mode, owner, user extended attributes, times), and what the
+// device's file system can hold. Plain functions over open folder descriptors; any thread.
+#pragma once
+
+#include "backup/BUError.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QPair>
+#include <QString>
+
+#include <cstdint>
+#include <ctime>
+
+// The compared attributes of one item. Trivially copyable: it is stored in entry arrays.
+struct FileStats {
+    int64_t size = 0; // 0 for folders
+    bool seen = false; // a source file of the same name was examined against this device file
+    bool hasCustomIcon = false; // none on Linux
+    bool hasHiddenExtension = false; // none on Linux
+    double contentModified = 0; // mtime, whole seconds since 1970
+    double created = 0; // birth time, whole seconds; 0 when the file system keeps none
+    double attributesModified = 0; // ctime, whole seconds
+    int64_t label = 0; // none on Linux
+    // Linux keeps these where the desktop keeps icons, labels and hidden extensions.
+    uint32_t mode = 0; // permission bits, mode & 07777
+    uint32_t owner = 0;
+    uint32_t group = 0;
+    bool digestKnown = false; // attributeDigest is read lazily, only when attributes are compared
+    uint64_t attributeDigest = 0; // user.* extended attribute names and values
+};
+
+// The properties of one item as one statx call gives them.
+struct BUItemProperties {
+    uint32_t type = 0; // S_IFMT bits
+    uint32_t mode = 0;
+    uint32_t owner = 0;
+    uint32_t group = 0;
+    int64_t size = 0;
+    int64_t modifiedSeconds = 0;
+    uint32_t modifiedNanoseconds = 0;
+    int64_t changedSeconds = 0;
+    int64_t bornSeconds = 0; // 0 when the file system keeps no birth time
+    uint64_t device = 0; // major << 32 | minor
+    uint64_t inode = 0;
+    bool systemImmutable = false; // the immutable flag
+    bool userImmutable = false; // the append-only flag
+
+    bool isDirectory() const;
+    bool isRegularFile() const;
+    // Links, FIFOs, sockets and device nodes: never opened, never followed.
+    bool isOther() const { return !isDirectory() && !isRegularFile(); }
+    // Whether this process may read the item: computed from the mode, owner and groups.
+    bool isReadable() const;
+};
+
+// Reads an item's properties without following a link; name "" reads the folder itself.
+bool ReadItemProperties(int folderFd, const char *name, BUItemProperties *properties, BUError *error);
+// The analysis's stats of an item (size left 0; the caller sets it for files).
+void StatsFromProperties(const BUItemProperties &properties, FileStats *stats);
+
+// Reads the digest of an item's user.* extended attributes into stats (0 when it has none or
+// they cannot be read). The item is opened without following a link.
+void ReadAttributeDigest(int folderFd, const char *name, FileStats *stats);
+
+// What a device's file system holds, from its type in the mount table.
+struct BUVolumeKind {
+    bool holdsOwnership = true; // modes, owners and extended attributes
+    bool twoSecondTimes = false; // content times kept in 2-second steps
+};
+BUVolumeKind VolumeKindForFileSystem(const QString &fileSystemType);
+
+// Content times as the comparison sees them on a volume of this kind.
+inline double ComparableContentTime(double seconds, const BUVolumeKind &kind)
+{
+    return kind.twoSecondTimes ? double(int64_t(seconds) >> 1) : seconds;
+}
+
+// The attributes a copy or an update carries from a source item to its device copy.
+struct BUItemAttributes {
+    uint32_t mode = 0; // permission bits
+    uint32_t owner = 0;
+    uint32_t group = 0;
+    timespec accessed = {};
+    timespec modified = {};
+    QList<QPair<QByteArray, QByteArray>> extended; // user.* names and values
+};
+
+// From an open item, or from a path without following its last component.
+bool ReadItemAttributes(int fd, BUItemAttributes *attributes, BUError *error);
+bool ReadItemAttributesAtPath(const QByteArray &path, BUItemAttributes *attributes, BUError *error);
+// Writes mode, owner (as root), extended attributes (removing user.* ones the source lacks) and
+// times to an open item, as far as the volume holds them. extraMode is or-ed into the mode (a
+// folder that is still being filled keeps its owner's access until the end of the run).
+bool WriteItemAttributes(
+    int fd, const BUItemAttributes &attributes, const BUVolumeKind &kind, uint32_t extraMode, BUError *error);
+
+// True when this process runs as root: owners are compared and written only then.
+bool RunningAsRoot();

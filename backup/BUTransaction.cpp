@@ -1,0 +1,67 @@
+#include "backup/BUTransaction.h"
+
+#include "keelson/KSStrings.h"
+
+#include <algorithm>
+
+BUTransactionList g_transactions;
+QStringList g_errors;
+double g_totalBytes = 0;
+double g_copiedBytes = 0;
+int64_t g_finishedTransactions = 0;
+int64_t g_failedTransactions = 0;
+
+BUTransaction::BUTransaction(const QString &path, const QString &root) : m_path(path), m_rootPath(root)
+{
+}
+
+QString BUTransaction::actionName() const
+{
+    switch (m_action) {
+    case kDelete:
+        return QStringLiteral("Delete");
+    case kUpdate:
+        return QStringLiteral("Update");
+    default:
+        return QStringLiteral("Copy");
+    }
+}
+
+int BUTransaction::compare(const BUTransaction &other) const
+{
+    if (m_action != other.m_action)
+        return m_action < other.m_action ? -1 : 1;
+    if (m_folder != other.m_folder)
+        return m_folder ? -1 : 1;
+    return CaseInsensitiveCompare(m_path, other.m_path);
+}
+
+void SortTransactions(BUTransactionList &transactions)
+{
+    std::stable_sort(transactions.begin(), transactions.end(),
+        [](const BUTransaction &a, const BUTransaction &b) { return a.compare(b) < 0; });
+}
+
+qsizetype ApplyBackupStatus(const QMap<qsizetype, QString> &trans, double copied)
+{
+    g_copiedBytes += copied;
+    qsizetype highest = -1;
+    for (auto it = trans.cbegin(); it != trans.cend(); ++it) {
+        if (it.key() < 0 || it.key() >= g_transactions.size())
+            continue;
+        BUTransaction &transaction = g_transactions[it.key()];
+        transaction.setDone(true);
+        ++g_finishedTransactions;
+        highest = std::max(highest, it.key());
+        if (it.value().isEmpty())
+            continue;
+        qsizetype index = g_errors.indexOf(it.value());
+        if (index < 0) {
+            g_errors.append(it.value());
+            index = g_errors.size() - 1;
+        }
+        transaction.setErrorIndex(uint64_t(index));
+        ++g_failedTransactions;
+    }
+    return highest;
+}

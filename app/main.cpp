@@ -1,8 +1,16 @@
-// tanner-backup: with a command, the command-line front end; without one, the desktop
-// application. The desktop window is not part of this build yet, so a bare start prints the help.
+// tanner-backup: without arguments the desktop application, with a command the command-line
+// front end (a build without the window prints the help instead).
 #include "cli/BUCommandLine.h"
+
+#ifdef TANNER_WITH_GUI
+#include "ui/BUDesktopApplication.h"
+#endif
 
 int main(int argc, char **argv)
 {
+#ifdef TANNER_WITH_GUI
+    if (argc <= 1)
+        return RunDesktopApplication(argc, argv);
+#endif
     return RunCommandLine(argc, argv);
 }

@@ -15,6 +15,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -29,6 +30,7 @@ struct FolderEntry {
     uint64_t match; // the counterpart in the other tree
     FileStats stats;
     bool folder; // false only for the source tree's "/" root
+    uint32_t files = 0; // entries other than folders, counted on the device side only
 };
 
 struct AnalysisContext {
@@ -242,8 +244,10 @@ bool _BuildFolderTree(
             while (walk && listing.next(&name, &type)) {
                 if (_CancelAnalysis(context))
                     return false;
-                if (type != DT_DIR && type != DT_UNKNOWN)
+                if (type != DT_DIR && type != DT_UNKNOWN) {
+                    _Entry(tree, node)->files += deviceSide ? 1 : 0;
                     continue;
+                }
                 const QString itemName = FileNameFromBytes(QByteArrayView(name));
                 if (!_NameAllowsItem(itemName, deviceSide))
                     continue;
@@ -253,8 +257,10 @@ bool _BuildFolderTree(
                         "I can't examine the properties of \"%@\" -- %@", _Child(path, itemName), error.failureReason);
                     return false;
                 }
-                if (!properties.isDirectory())
+                if (!properties.isDirectory()) {
+                    _Entry(tree, node)->files += deviceSide ? 1 : 0;
                     continue;
+                }
                 if (!deviceSide
                     && (properties.systemImmutable || !properties.isReadable()
                         || !_RulesAllowItem(context, itemName, true) || context.device->isRootFolder(properties)))
@@ -425,6 +431,22 @@ bool _RecordFolders(AnalysisContext &context, KSArrayString &tree, KSArrayString
         }
         if (!_NextFolder(tree, &index, &path, descend))
             return true;
+    }
+}
+
+// What the mirrors hold and how much of it the Delete transactions remove, so that the window can
+// ask before a backup empties most of the device (as an emptied or unmounted source would). Parents
+// come before their children in the tree, so one pass finds every folder below a deleted one.
+void _CountDeviceItems(KSArrayString &deviceTree, BUAnalysisReport *result)
+{
+    std::vector<bool> deleted(deviceTree.count(), false);
+    for (uint64_t i = 1; i < deviceTree.count(); ++i) {
+        const FolderEntry *entry = _Entry(deviceTree, i);
+        const qint64 items = 1 + qint64(entry->files);
+        result->mirrorItems += items;
+        deleted[i] = entry->match == kNone || (entry->parent != 0 && deleted[entry->parent]);
+        if (deleted[i])
+            result->itemsToDelete += items;
     }
 }
 
@@ -654,6 +676,8 @@ BUAnalysisReport BUAnalyzeOperation::analyze()
         || !_RecordFolders(context, *deviceTree, *sourceTree, true))
         return fail();
 
+    _CountDeviceItems(*deviceTree, &result);
+
     std::unique_ptr<KSArrayString> deviceFiles = KSArrayString::create(sizeof(FileStats), 200);
     if (!deviceFiles)
         return fail();
@@ -688,6 +712,7 @@ BUAnalysisReport BUAnalyzeOperation::analyze()
             BUTransaction transaction(_Child(deviceFolder, _Name(*deviceFiles, i)), QString());
             transaction.setAction(BUTransaction::kDelete);
             g_transactions.append(transaction);
+            ++result.itemsToDelete;
         }
     } while (_NextFolder(*sourceTree, &index, &path, true));
     return result;

@@ -18,6 +18,8 @@ struct BUAnalysisReport {
     std::optional<QStringList> extra; // top-level items of the device that are not mirrors
     bool cancel = false;
     std::optional<QString> error; // "I can't backup to ..." on every path but success
+    qint64 mirrorItems = 0; // files and folders inside the device's mirror folders
+    qint64 itemsToDelete = 0; // of those, what the Delete transactions remove
 };
 
 // Progress of the backup: one batch of at most two transactions of one action and kind, or a

@@ -1,0 +1,124 @@
+#include "ui/BUTransactionTableModel.h"
+
+#include "backup/BUDevices.h"
+#include "backup/BUTransaction.h"
+#include "keelson/KSStrings.h"
+
+#include <QApplication>
+#include <QBrush>
+#include <QFileInfo>
+#include <QStyle>
+
+namespace {
+
+// The red of failed rows and crosses.
+const QColor kAlertRed(195, 33, 33);
+
+bool Failed(const BUTransaction &transaction)
+{
+    return transaction.errorIndex() != BUTransaction::kNoError;
+}
+
+} // namespace
+
+BUTransactionTableModel::BUTransactionTableModel(QObject *parent)
+    : QAbstractTableModel(parent), folderImage(QApplication::style()->standardIcon(QStyle::SP_DirIcon))
+{
+}
+
+void BUTransactionTableModel::reload()
+{
+    beginResetModel();
+    endResetModel();
+}
+
+void BUTransactionTableModel::rowsChanged(int first, int last)
+{
+    if (first <= last)
+        emit dataChanged(index(first, 0), index(last, kColumnCount - 1));
+}
+
+int BUTransactionTableModel::rowCount(const QModelIndex &parent) const
+{
+    return parent.isValid() ? 0 : int(g_transactions.size());
+}
+
+int BUTransactionTableModel::columnCount(const QModelIndex &parent) const
+{
+    return parent.isValid() ? 0 : kColumnCount;
+}
+
+QString BUTransactionTableModel::locationOf(const QString &path)
+{
+    QString location = path.left(path.lastIndexOf(u'/'));
+    const QString root = VolumesRoot();
+    if (!root.isEmpty() && location.startsWith(root + u'/'))
+        location = location.mid(root.size() + 1);
+    return location;
+}
+
+QVariant BUTransactionTableModel::data(const QModelIndex &index, int role) const
+{
+    if (!index.isValid() || index.row() >= g_transactions.size())
+        return {};
+    const BUTransaction &t = g_transactions[index.row()];
+    const bool failed = Failed(t);
+    switch (role) {
+    case Qt::DisplayRole:
+        switch (index.column()) {
+        case kStatusColumn:
+            return failed ? QStringLiteral("\u2718") : (t.isDone() ? QStringLiteral("\u2713") : QString());
+        case kActionColumn:
+            return t.actionName();
+        case kNameColumn:
+            return LastPathComponent(t.path());
+        case kLocationColumn: {
+            const QString location = locationOf(t.path());
+            if (!failed)
+                return location;
+            return location + u'\n' + g_errors.value(qsizetype(t.errorIndex()));
+        }
+        default:
+            return {};
+        }
+    case Qt::DecorationRole:
+        return index.column() == kTypeColumn && t.isFolder() ? QVariant(folderImage) : QVariant();
+    case Qt::ForegroundRole:
+        if (failed && index.column() != kTypeColumn)
+            return QBrush(kAlertRed);
+        return {};
+    case Qt::TextAlignmentRole:
+        return index.column() == kStatusColumn ? QVariant(Qt::AlignCenter) : QVariant(Qt::AlignLeft | Qt::AlignVCenter);
+    case Qt::ToolTipRole:
+        if (index.column() == kLocationColumn || index.column() == kNameColumn)
+            return failed ? t.path() + u'\n' + g_errors.value(qsizetype(t.errorIndex())) : t.path();
+        return {};
+    case Qt::AccessibleTextRole:
+        if (index.column() == kStatusColumn)
+            return failed ? QStringLiteral("failed")
+                          : (t.isDone() ? QStringLiteral("done") : QStringLiteral("waiting"));
+        return {};
+    default:
+        return {};
+    }
+}
+
+QVariant BUTransactionTableModel::headerData(int section, Qt::Orientation orientation, int role) const
+{
+    if (orientation != Qt::Horizontal || role != Qt::DisplayRole)
+        return {};
+    switch (section) {
+    case kStatusColumn:
+        return QString();
+    case kActionColumn:
+        return QStringLiteral("Action");
+    case kTypeColumn:
+        return QString();
+    case kNameColumn:
+        return QStringLiteral("Name");
+    case kLocationColumn:
+        return QStringLiteral("Location");
+    default:
+        return {};
+    }
+}

@@ -1,0 +1,32 @@
+// The transaction table's model over the shared transaction list: columns status (a tick or a
+// cross), action, type (a folder icon), name and location (with the error text under it for a
+// failed transaction). Rows are plain data; nothing per row is a widget, so 200,000 rows stay
+// responsive. Main thread.
+#pragma once
+
+#include <QAbstractTableModel>
+#include <QIcon>
+
+class BUTransactionTableModel : public QAbstractTableModel {
+    Q_OBJECT
+public:
+    enum Column : int { kStatusColumn = 0, kActionColumn, kTypeColumn, kNameColumn, kLocationColumn, kColumnCount };
+
+    explicit BUTransactionTableModel(QObject *parent = nullptr);
+
+    // The list was replaced or emptied.
+    void reload();
+    // Rows [first, last] changed their marks; one signal for the whole range.
+    void rowsChanged(int first, int last);
+
+    int rowCount(const QModelIndex &parent = {}) const override;
+    int columnCount(const QModelIndex &parent = {}) const override;
+    QVariant data(const QModelIndex &index, int role) const override;
+    QVariant headerData(int section, Qt::Orientation orientation, int role) const override;
+
+    // The location column's text: the parent folder, without the volumes root.
+    static QString locationOf(const QString &path);
+
+private:
+    QIcon folderImage;
+};

@@ -1,0 +1,99 @@
+// The main window: the device outline, the rule list with its domain picker, the transaction
+// table, the status line, the progress bar, the six counters and the Backup and Cancel buttons.
+// It starts the analysis and the backup on its own operation queue, receives their reports on
+// the main thread and turns them into the table, the counters, the status text and alerts.
+//
+// Threads: everything here runs on the main thread; the engine's reports arrive as posted calls.
+#pragma once
+
+#include "backup/BUEngineReceiver.h"
+#include "backup/BUIgnoreRule.h"
+#include "keelson/KSOperationQueue.h"
+#include "ui/BUDeviceOutlineModel.h"
+#include "ui/BURuleListModel.h"
+#include "ui/BUTransactionTableModel.h"
+
+#include <QElapsedTimer>
+#include <QMainWindow>
+
+#include <memory>
+
+namespace Ui {
+class MainWindow;
+}
+
+class BUWindowController : public QMainWindow, public BUEngineReceiver {
+    Q_OBJECT
+public:
+    explicit BUWindowController(QWidget *parent = nullptr);
+    // Cancels and waits for a running job.
+    ~BUWindowController() override;
+
+    QString selectedDrive() const;
+    // Reloads the outline and selects the recent device at `index` (the first when not found).
+    void updateDriveList(qsizetype index);
+    // Reloads the rule table and selects the rule (or folder) at `row` of the current list.
+    void updateRuleList(qsizetype row = -1);
+    void updateRuleList(const BUIgnoreRule &rule);
+    int ruleDomain() const;
+    void enableBackup();
+    void backup(bool analyzeOnly);
+    void cancel();
+
+    QObject *reportContext() override { return this; }
+    void analysisComplete(const BUAnalysisReport &report) override;
+    void backupStatus(const BUBackupStatusReport &report) override;
+    void backupComplete(const BUBackupCompleteReport &report) override;
+    void copyProgress(qsizetype index, double bytesWritten) override;
+
+    void addRule();
+    void deleteRule();
+    void addDefaults();
+    void changeRuleDomain();
+    void ruleDoubleClick(const QModelIndex &index);
+    void actionDoubleClick(const QModelIndex &index);
+    void nextError();
+    // Enables the menu commands and buttons for the current state.
+    void validateMenuItems();
+
+    bool isRunning() const { return running; }
+    bool isBackupInProgress() const { return backupInProgress; }
+    qsizetype operationCount() const { return operationQueue.operationCount(); }
+
+    // The settings key of the large-deletion question ("true" by default).
+    static QString confirmDeletionsKey() { return QStringLiteral("twbackup.confirmDeletions"); }
+
+protected:
+    void closeEvent(QCloseEvent *event) override;
+    void changeEvent(QEvent *event) override;
+
+private:
+    void connectActions();
+    void restoreWindowState();
+    void saveWindowState();
+    void setStatus(const QString &text, bool alert = false);
+    void finishJob();
+    bool confirmLargeDeletion(const BUAnalysisReport &report);
+    void startBackup(const QString &target);
+    void showRate();
+    void selectTransactionRow(qsizetype row);
+    BURuleList *currentRuleList();
+
+    std::unique_ptr<Ui::MainWindow> ui;
+    KSOperationQueue operationQueue;
+    BUDeviceOutlineModel deviceModel;
+    BURuleListModel ruleModel;
+    BUTransactionTableModel transactionModel;
+
+    bool running = false;
+    bool analyzeInProgress = false;
+    bool backupInProgress = false;
+    bool analyzeOnly = false;
+    bool is24HourTime = true;
+    bool expandRecent = true;
+    bool expandOther = true;
+
+    QElapsedTimer backupClock;
+    double bytesInFlight = 0; // of the copy that is running, not yet counted in g_copiedBytes
+    qint64 lastRateUpdate = 0;
+};

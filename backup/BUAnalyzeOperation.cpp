@@ -717,3 +717,11 @@ BUAnalysisReport BUAnalyzeOperation::analyze()
     } while (_NextFolder(*sourceTree, &index, &path, true));
     return result;
 }
+
+void BUAnalyzeOperation::cancelledBeforeStart()
+{
+    BUAnalysisReport report;
+    report.target = m_targetName;
+    report.cancel = true;
+    PostToReceiver(m_controller, [report](BUEngineReceiver *receiver) { receiver->analysisComplete(report); });
+}

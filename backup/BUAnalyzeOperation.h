@@ -27,6 +27,8 @@ public:
 
     // Names the thread, runs analyze() and posts its report to the controller.
     bool performOperation() override;
+    // The receiver still hears that the job ended, cancelled.
+    void cancelledBeforeStart() override;
     // Sets the cancel flag that the analysis polls, then the inherited cancel.
     void cancel() override;
     QString threadName() const override { return QStringLiteral("analysis"); }

@@ -382,3 +382,11 @@ bool BUBackupOperation::performOperation()
     PostToReceiver(m_controller, [complete](BUEngineReceiver *r) { r->backupComplete(complete); });
     return true;
 }
+
+void BUBackupOperation::cancelledBeforeStart()
+{
+    BUBackupCompleteReport report;
+    report.target = m_targetName;
+    report.cancel = true;
+    PostToReceiver(m_controller, [report](BUEngineReceiver *receiver) { receiver->backupComplete(report); });
+}

@@ -27,6 +27,8 @@ public:
     BUEngineReceiver *controller() const { return m_controller; }
 
     bool performOperation() override;
+    // The receiver still hears that the job ended, cancelled.
+    void cancelledBeforeStart() override;
     // Sets the cancel flag that the run checks between two transactions, then the inherited cancel.
     void cancel() override;
     QString threadName() const override { return QStringLiteral("backup"); }

@@ -27,6 +27,9 @@ public:
     virtual bool performOperation();
     // Called once after performOperation has returned or thrown. The base class does nothing.
     virtual void operationFinished(bool success);
+    // Called on the worker thread instead of main() for an operation cancelled before it started,
+    // so that one that promised a completion report can still send it. The base does nothing.
+    virtual void cancelledBeforeStart() { }
 
     // Marks the operation cancelled; a queued operation that is cancelled before it starts never
     // runs. Subclasses that poll a cancel flag of their own set it first, then call this.

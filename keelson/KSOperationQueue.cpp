@@ -84,6 +84,8 @@ void KSOperationQueue::work()
         if (!operation->isCancelled()) {
             _NameCurrentThread(operation->threadName());
             operation->main();
+        } else {
+            operation->cancelledBeforeStart();
         }
         {
             std::lock_guard lock(m_mutex);

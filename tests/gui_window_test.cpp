@@ -1,0 +1,268 @@
+// The main window along the paths a person takes, on real devices in a private mount namespace:
+// launch to "Backup succeeded", a failed action, a cancel, a device with extra items, the
+// analysis alone, and the question before a backup that would empty most of the device.
+#include "app/BUAppController.h"
+#include "backup/BUTransaction.h"
+#include "keelson/KSDayIndex.h"
+#include "keelson/gui/KSAlert.h"
+#include "keelson/gui/KSAlertController.h"
+#include "tests/support/GuiTestSupport.h"
+#include "tests/support/TestSupport.h"
+#include "ui/BUExtraStuffDialog.h"
+#include "ui/BUTransactionTableModel.h"
+#include "ui/BUWindowController.h"
+
+#include <QAbstractItemModelTester>
+#include <QAction>
+#include <QDir>
+#include <QHeaderView>
+#include <QLabel>
+#include <QListView>
+#include <QPushButton>
+#include <QTableView>
+#include <QTreeView>
+
+using namespace tanner::test;
+
+namespace {
+
+class MainWindow : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        TANNER_REQUIRE_MOUNTS();
+        EnsureApplication();
+        volumes = home.path() + QStringLiteral("/volumes");
+        QDir().mkpath(volumes);
+        qputenv("TANNER_VOLUMES_ROOT", QFile::encodeName(volumes));
+        source = home.path() + QStringLiteral("/src/Docs");
+        WriteTree(source,
+            {{QStringLiteral("a.txt"), "alpha"}, {QStringLiteral("sub/b.txt"), "beta"},
+                {QStringLiteral("sub/deeper/c.txt"), QByteArray(100000, 'c')}, {QStringLiteral("empty/"), {}}});
+        ASSERT_TRUE(MountTmpfs(volumes + QStringLiteral("/Backup Disk"), 64 << 20));
+        device = volumes + QStringLiteral("/Backup Disk");
+
+        KSAlert::setTestAnswerer([this](const KSAlert::Shown &shown) {
+            alerts.append(shown.message);
+            return answer;
+        });
+        BUAppController &controller = BUAppController::sharedInstance();
+        controller.applicationWillFinishLaunching();
+        window = std::make_unique<BUWindowController>();
+        controller.applicationDidFinishLaunching();
+        controller.backupFolders() = {source};
+        window->updateRuleList(0);
+        outline = window->findChild<QTreeView *>(QStringLiteral("diskOutline"));
+        table = window->findChild<QTableView *>(QStringLiteral("actionTable"));
+        status = window->findChild<QLabel *>(QStringLiteral("statusField"));
+        backupButton = window->findChild<QPushButton *>(QStringLiteral("backupButton"));
+        testers.emplace_back(std::make_unique<QAbstractItemModelTester>(outline->model()));
+        testers.emplace_back(std::make_unique<QAbstractItemModelTester>(table->model()));
+        testers.emplace_back(std::make_unique<QAbstractItemModelTester>(
+            window->findChild<QListView *>(QStringLiteral("ruleTable"))->model()));
+        window->show();
+    }
+    void TearDown() override
+    {
+        if (window)
+            window->cancel();
+        window.reset();
+        for (const QString &mount : {device + QStringLiteral("/Docs/stuck"), device})
+            LazyUnmount(mount); // so the temporary home can be removed
+        KSAlert::setTestAnswerer({});
+        BUExtraStuffDialog::setTestHook({});
+    }
+
+    // Selects a device by name in the outline, as a click would.
+    bool selectDevice(const QString &name)
+    {
+        QAbstractItemModel *model = outline->model();
+        for (int group = 0; group < 2; ++group) {
+            const QModelIndex parent = model->index(group, 0);
+            for (int row = 0; row < model->rowCount(parent); ++row) {
+                const QModelIndex index = model->index(row, 0, parent);
+                if (index.data().toString() == name) {
+                    outline->setCurrentIndex(index);
+                    return true;
+                }
+            }
+        }
+        return false;
+    }
+    bool runToEnd()
+    {
+        return WaitUntil(
+            [this] { return !window->isRunning() && window->operationCount() == 0; }, std::chrono::seconds(60));
+    }
+    QString statusColumn(int row) const { return table->model()->index(row, 0).data().toString(); }
+
+    ScopedXdgHome home;
+    QString volumes, source, device;
+    std::unique_ptr<BUWindowController> window;
+    std::vector<std::unique_ptr<QAbstractItemModelTester>> testers;
+    QTreeView *outline = nullptr;
+    QTableView *table = nullptr;
+    QLabel *status = nullptr;
+    QPushButton *backupButton = nullptr;
+    QStringList alerts;
+    int answer = KSAlertController::kFirstButton;
+};
+
+} // namespace
+
+TEST_F(MainWindow, LaunchToBackupSucceededAndThenUpToDate)
+{
+    EXPECT_FALSE(backupButton->isEnabled()); // no device selected yet
+    ASSERT_TRUE(selectDevice(QStringLiteral("Backup Disk")));
+    EXPECT_TRUE(backupButton->isEnabled());
+    backupButton->click();
+    EXPECT_TRUE(window->isRunning());
+    ASSERT_TRUE(runToEnd());
+    EXPECT_EQ(status->text(), QStringLiteral("Backup succeeded")) << alerts.join(u'|').toStdString();
+    EXPECT_EQ(ReadTree(device + QStringLiteral("/Docs")), ReadTree(source));
+    const int rows = table->model()->rowCount();
+    ASSERT_GT(rows, 0);
+    for (int row = 0; row < rows; ++row)
+        EXPECT_EQ(statusColumn(row), QStringLiteral("\u2713")) << row;
+
+    // The device is the most recent one now, backed up today.
+    BUAppController &controller = BUAppController::sharedInstance();
+    EXPECT_EQ(controller.recentDrives().value(0), QStringLiteral("Backup Disk"));
+    EXPECT_EQ(controller.backupDates().value(QStringLiteral("Backup Disk")), DayIndexForToday());
+    const QModelIndex first = outline->model()->index(0, 1, outline->model()->index(0, 0));
+    EXPECT_FALSE(first.data().toString().isEmpty());
+    EXPECT_EQ(window->selectedDrive(), QStringLiteral("Backup Disk"));
+
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    EXPECT_EQ(status->text(), QStringLiteral("The backup device is up to date"));
+    EXPECT_EQ(table->model()->rowCount(), 0);
+    EXPECT_TRUE(alerts.isEmpty()) << alerts.join(u'|').toStdString();
+}
+
+TEST_F(MainWindow, FailedActionIsRedAndNextErrorFindsIt)
+{
+    // A device folder the sources no longer have, on a read-only mount: its Delete fails alone.
+    const QString stuck = device + QStringLiteral("/Docs/stuck");
+    ASSERT_TRUE(MountTmpfs(stuck, 1 << 20));
+    WriteTree(stuck, {{QStringLiteral("old.txt"), "old"}});
+    ASSERT_TRUE(RemountReadOnly(stuck));
+    BUAppController::sharedInstance().backupDates().insert(QStringLiteral("Backup Disk"), 20200101);
+
+    ASSERT_TRUE(selectDevice(QStringLiteral("Backup Disk")));
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    EXPECT_EQ(status->text(), QStringLiteral("1 backup action failed")) << alerts.join(u'|').toStdString();
+    EXPECT_EQ(BUAppController::sharedInstance().backupDates().value(QStringLiteral("Backup Disk")), 20200101);
+
+    int failedRow = -1;
+    for (int row = 0; row < table->model()->rowCount(); ++row) {
+        if (statusColumn(row) == QStringLiteral("\u2718"))
+            failedRow = row;
+    }
+    ASSERT_GE(failedRow, 0);
+    const QModelIndex location = table->model()->index(failedRow, 4);
+    EXPECT_TRUE(location.data().toString().contains(u'\n')); // the message under the location
+    EXPECT_EQ(location.data(Qt::ForegroundRole).value<QBrush>().color(), QColor(195, 33, 33));
+    EXPECT_GT(table->rowHeight(failedRow), table->rowHeight(failedRow == 0 ? 1 : 0));
+    EXPECT_EQ(table->currentIndex().row(), failedRow); // the window jumped to it
+
+    table->setCurrentIndex(table->model()->index(0, 0));
+    window->nextError();
+    EXPECT_EQ(table->currentIndex().row(), failedRow);
+    window->nextError(); // wraps around to the same, only failure
+    EXPECT_EQ(table->currentIndex().row(), failedRow);
+}
+
+TEST_F(MainWindow, ProgressReportsTouchOnlyTheirRows)
+{
+    // 200,000 rows: uniform heights, and each report changes one range, not the whole table.
+    g_transactions.clear();
+    for (int i = 0; i < 200000; ++i)
+        g_transactions.append(BUTransaction(QStringLiteral("/src/Docs/f%1").arg(i), QStringLiteral("/src")));
+    static_cast<BUTransactionTableModel *>(table->model())->reload();
+    EXPECT_EQ(table->verticalHeader()->sectionResizeMode(0), QHeaderView::Fixed);
+    int changes = 0;
+    QObject::connect(table->model(), &QAbstractItemModel::dataChanged, [&](const QModelIndex &a, const QModelIndex &b) {
+        ++changes;
+        EXPECT_EQ(a.row(), 1000);
+        EXPECT_EQ(b.row(), 1001);
+    });
+    BUBackupStatusReport report;
+    report.trans = {{1000, QString()}, {1001, QStringLiteral("The file no longer exists")}};
+    window->backupStatus(report);
+    EXPECT_EQ(changes, 1);
+    EXPECT_EQ(table->currentIndex().row(), 1002); // the list follows the work
+    g_transactions.clear();
+    static_cast<BUTransactionTableModel *>(table->model())->reload();
+}
+
+TEST_F(MainWindow, CancelDuringTheBackup)
+{
+    Tree many;
+    for (int i = 0; i < 3000; ++i)
+        many.insert(QStringLiteral("many/f%1.txt").arg(i), QByteArray(2000, 'x'));
+    WriteTree(source, many);
+    ASSERT_TRUE(selectDevice(QStringLiteral("Backup Disk")));
+    // Cancel as the first progress report arrives: the backup is surely under way then.
+    bool cancelled = false;
+    QObject::connect(table->model(), &QAbstractItemModel::dataChanged, window.get(), [&] {
+        if (!cancelled && window->isBackupInProgress()) {
+            cancelled = true;
+            window->cancel();
+        }
+    });
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    EXPECT_EQ(status->text(), QStringLiteral("Backup canceled"));
+    EXPECT_LT(QDir(device + QStringLiteral("/Docs/many")).count(), 3002u);
+    EXPECT_TRUE(backupButton->isEnabled());
+    EXPECT_NE(BUAppController::sharedInstance().backupDates().value(QStringLiteral("Backup Disk")), DayIndexForToday());
+}
+
+TEST_F(MainWindow, ExtraItemsAnalysisOnlyAndLargeDeletions)
+{
+    WriteTree(device, {{QStringLiteral("Holiday Movies/m.mp4"), "m"}});
+    QStringList shownItems;
+    BUExtraStuffDialog::setTestHook([&](BUExtraStuffDialog &dialog) {
+        shownItems.append(dialog.warningText());
+        dialog.dismiss();
+    });
+    ASSERT_TRUE(selectDevice(QStringLiteral("Backup Disk")));
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    ASSERT_EQ(shownItems.size(), 1);
+    EXPECT_TRUE(shownItems.front().contains(QStringLiteral("\"Backup Disk\"")));
+    EXPECT_FALSE(QFile::exists(device + QStringLiteral("/Docs"))); // nothing written
+    QDir(device + QStringLiteral("/Holiday Movies")).removeRecursively();
+
+    // Analysis alone: the transactions stay listed, nothing is written, Next Error is on.
+    window->findChild<QAction *>(QStringLiteral("analyzeAction"))->trigger();
+    ASSERT_TRUE(runToEnd());
+    EXPECT_EQ(status->text(), QStringLiteral("Analysis complete"));
+    EXPECT_GT(table->model()->rowCount(), 0);
+    EXPECT_FALSE(QFile::exists(device + QStringLiteral("/Docs")));
+    window->validateMenuItems();
+    EXPECT_TRUE(window->findChild<QAction *>(QStringLiteral("nextErrorAction"))->isEnabled());
+
+    // Back up, then empty the source: the window asks before deleting most of the mirror.
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    Tree many;
+    for (int i = 0; i < 20; ++i)
+        many.insert(QStringLiteral("more/f%1.txt").arg(i), "x");
+    WriteTree(source, many);
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    ASSERT_EQ(status->text(), QStringLiteral("Backup succeeded"));
+    QDir(source).removeRecursively();
+    QDir().mkpath(source);
+    answer = KSAlertController::kSecondButton; // "Cancel"
+    alerts.clear();
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    ASSERT_EQ(alerts.size(), 1);
+    EXPECT_TRUE(alerts.front().startsWith(QStringLiteral("This backup would delete"))) << alerts.front().toStdString();
+    EXPECT_TRUE(QFile::exists(device + QStringLiteral("/Docs/more/f1.txt"))); // nothing deleted
+    EXPECT_EQ(table->model()->rowCount(), 0);
+}

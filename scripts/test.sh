@@ -21,4 +21,5 @@ cmake --build build-sanitize -j "$jobs"
 echo "== tests under the sanitizers"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     ctest --test-dir build-sanitize --output-on-failure -j "$jobs" --timeout 900
+scripts/fuzz.sh 60
 echo "== all tests passed"

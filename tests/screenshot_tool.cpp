@@ -1,0 +1,149 @@
+// Takes the README's screenshots of the real window, on real devices in a private mount
+// namespace, with Qt's own grab. Run under a display: scripts/screenshots.sh.
+#include "app/BUAppController.h"
+#include "keelson/gui/KSAlert.h"
+#include "keelson/gui/KSAlertController.h"
+#include "tests/support/GuiTestSupport.h"
+#include "tests/support/TestSupport.h"
+#include "ui/BUExtraStuffDialog.h"
+#include "ui/BURuleDialog.h"
+#include "ui/BUWindowController.h"
+
+#include <QComboBox>
+#include <QDir>
+#include <QPushButton>
+#include <QTreeView>
+
+#include <cstdio>
+
+using namespace tanner::test;
+
+namespace {
+
+QString g_out;
+
+void Save(QWidget *widget, const char *name)
+{
+    QApplication::processEvents();
+    const QString path = g_out + u'/' + QLatin1String(name);
+    if (!widget->grab().save(path))
+        std::fprintf(stderr, "can't write %s\n", qPrintable(path));
+    else
+        std::printf("%s\n", qPrintable(path));
+}
+
+void SelectDevice(QTreeView *outline, const QString &name)
+{
+    QAbstractItemModel *model = outline->model();
+    for (int group = 0; group < 2; ++group) {
+        for (int row = 0; row < model->rowCount(model->index(group, 0)); ++row) {
+            const QModelIndex index = model->index(row, 0, model->index(group, 0));
+            if (index.data().toString() == name)
+                outline->setCurrentIndex(index);
+        }
+    }
+}
+
+bool RunToEnd(BUWindowController &window)
+{
+    return WaitUntil([&] { return !window.isRunning() && window.operationCount() == 0; }, std::chrono::seconds(120));
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: screenshot_tool OUTPUT_FOLDER\n");
+        return 2;
+    }
+    g_out = QDir(QString::fromLocal8Bit(argv[1])).absolutePath();
+    if (const QString reason = MountUnavailableReason(); !reason.isEmpty()) {
+        std::fprintf(stderr, "screenshot_tool: %s\n", qPrintable(reason));
+        return 1;
+    }
+    static int qtArgc = 1;
+    static char name[] = "tanner-backup";
+    static char *qtArgv[] = {name, nullptr};
+    QApplication application(qtArgc, qtArgv);
+    QApplication::setApplicationDisplayName(QStringLiteral("Tanner Backup"));
+
+    ScopedXdgHome home;
+    const QString volumes = home.path() + QStringLiteral("/volumes");
+    qputenv("TANNER_VOLUMES_ROOT", QFile::encodeName(volumes));
+    const QString disk = volumes + QStringLiteral("/Backup Disk");
+    for (const char *device : {"Backup Disk", "USB Stick", "Archive 2024"})
+        MountTmpfs(volumes + u'/' + QLatin1String(device), 512 << 20);
+    const QString documents = home.path() + QStringLiteral("/home/Documents");
+    const QString photos = home.path() + QStringLiteral("/home/Photos");
+    Tree tree;
+    for (int i = 0; i < 400; ++i)
+        tree.insert(QStringLiteral("Letters/%1/letter-%2.txt").arg(2020 + i % 5).arg(i), QByteArray(3000 + i, 'l'));
+    for (int i = 0; i < 60; ++i)
+        tree.insert(QStringLiteral("Projects/report-%1.odt").arg(i), QByteArray(40000, 'r'));
+    WriteTree(documents, tree);
+    Tree pictures;
+    for (int i = 0; i < 150; ++i)
+        pictures.insert(QStringLiteral("Holidays/IMG_%1.jpg").arg(4000 + i), QByteArray(900000, 'p'));
+    WriteTree(photos, pictures);
+
+    BUAppController &controller = BUAppController::sharedInstance();
+    controller.applicationWillFinishLaunching();
+    BUWindowController window;
+    window.resize(1100, 680);
+    controller.applicationDidFinishLaunching();
+    controller.backupFolders() = {documents, photos};
+    controller.recentDrives() = {QStringLiteral("Backup Disk"), QStringLiteral("Archive 2024")};
+    controller.backupDates().insert(QStringLiteral("Archive 2024"), 20241103);
+    controller.updateDrives();
+    window.updateRuleList(0);
+    window.show();
+    auto *outline = window.findChild<QTreeView *>(QStringLiteral("diskOutline"));
+    SelectDevice(outline, QStringLiteral("Backup Disk"));
+    Save(&window, "screenshot-idle.png");
+
+    // In progress: grab the window as the backup passes the middle of its reports.
+    KSAlert::setTestAnswerer([](const KSAlert::Shown &) { return int(KSAlertController::kFirstButton); });
+    int reports = 0;
+    QObject::connect(window.findChild<QAbstractItemView *>(QStringLiteral("actionTable"))->model(),
+                     &QAbstractItemModel::dataChanged, &window, [&] {
+                         if (++reports == 140)
+                             Save(&window, "screenshot-progress.png");
+                     });
+    window.backup(false);
+    RunToEnd(window);
+
+    // A failure: a folder the sources no longer have, stuck on a read-only mount.
+    MountTmpfs(disk + QStringLiteral("/Documents/Old Drafts"), 1 << 20);
+    WriteTree(disk + QStringLiteral("/Documents/Old Drafts"), {{QStringLiteral("draft.txt"), "d"}});
+    RemountReadOnly(disk + QStringLiteral("/Documents/Old Drafts"));
+    WriteTree(documents, {{QStringLiteral("Projects/summary.txt"), "new"}});
+    window.backup(false);
+    RunToEnd(window);
+    Save(&window, "screenshot-failure.png");
+
+    // The rule dialog, editing a file rule.
+    window.findChild<QComboBox *>(QStringLiteral("rulePicker"))->setCurrentIndex(2);
+    BURuleDialog dialog(6, 2, &window);
+    dialog.show();
+    Save(&dialog, "screenshot-rule-dialog.png");
+    dialog.close();
+    Save(&window, "screenshot-rules.png");
+
+    // The extra-items dialog.
+    const QString usb = volumes + QStringLiteral("/USB Stick");
+    WriteTree(usb, {{QStringLiteral("Holiday Movies/a.mp4"), "m"}, {QStringLiteral("notes.txt"), "n"},
+                    {QStringLiteral("Documents/x.txt"), "x"}});
+    BUExtraStuffDialog::setTestHook([](BUExtraStuffDialog &extra) {
+        extra.resize(520, 380);
+        Save(&extra, "screenshot-extra-items.png");
+        extra.dismiss();
+    });
+    SelectDevice(outline, QStringLiteral("USB Stick"));
+    window.backup(false);
+    RunToEnd(window);
+    LazyUnmount(disk + QStringLiteral("/Documents/Old Drafts"));
+    for (const char *device : {"Backup Disk", "USB Stick", "Archive 2024"})
+        LazyUnmount(volumes + u'/' + QLatin1String(device));
+    return 0;
+}

@@ -140,6 +140,16 @@ TEST_F(MainWindow, LaunchToBackupSucceededAndThenUpToDate)
     EXPECT_TRUE(alerts.isEmpty()) << alerts.join(u'|').toStdString();
 }
 
+TEST_F(MainWindow, VolumesAppearAndGoWhileTheWindowIsOpen)
+{
+    const QString late = volumes + QStringLiteral("/Late Disk");
+    ASSERT_TRUE(MountTmpfs(late, 1 << 20));
+    EXPECT_TRUE(WaitUntil([this] { return selectDevice(QStringLiteral("Late Disk")); }));
+    ASSERT_TRUE(LazyUnmount(late));
+    EXPECT_TRUE(WaitUntil([this] { return !selectDevice(QStringLiteral("Late Disk")); }));
+    EXPECT_TRUE(selectDevice(QStringLiteral("Backup Disk")));
+}
+
 TEST_F(MainWindow, FailedActionIsRedAndNextErrorFindsIt)
 {
     // A device folder the sources no longer have, on a read-only mount: its Delete fails alone.

@@ -106,10 +106,10 @@ int main(int argc, char **argv)
     KSAlert::setTestAnswerer([](const KSAlert::Shown &) { return int(KSAlertController::kFirstButton); });
     int reports = 0;
     QObject::connect(window.findChild<QAbstractItemView *>(QStringLiteral("actionTable"))->model(),
-                     &QAbstractItemModel::dataChanged, &window, [&] {
-                         if (++reports == 140)
-                             Save(&window, "screenshot-progress.png");
-                     });
+        &QAbstractItemModel::dataChanged, &window, [&] {
+            if (++reports == 140)
+                Save(&window, "screenshot-progress.png");
+        });
     window.backup(false);
     RunToEnd(window);
 
@@ -132,8 +132,9 @@ int main(int argc, char **argv)
 
     // The extra-items dialog.
     const QString usb = volumes + QStringLiteral("/USB Stick");
-    WriteTree(usb, {{QStringLiteral("Holiday Movies/a.mp4"), "m"}, {QStringLiteral("notes.txt"), "n"},
-                    {QStringLiteral("Documents/x.txt"), "x"}});
+    WriteTree(usb,
+        {{QStringLiteral("Holiday Movies/a.mp4"), "m"}, {QStringLiteral("notes.txt"), "n"},
+            {QStringLiteral("Documents/x.txt"), "x"}});
     BUExtraStuffDialog::setTestHook([](BUExtraStuffDialog &extra) {
         extra.resize(520, 380);
         Save(&extra, "screenshot-extra-items.png");

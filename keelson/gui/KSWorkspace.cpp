@@ -49,7 +49,7 @@ void KSShowInFileManager(const QString &path)
 bool KSOpenUrl(const QUrl &url)
 {
     if (TestHook()) {
-        TestHook()(url.toString());
+        TestHook()(url.toString(QUrl::FullyEncoded));
         return true;
     }
     return QDesktopServices::openUrl(url);

@@ -7,7 +7,7 @@
 
 namespace {
 
-struct Spec {
+struct Directive {
     std::string flags; // printf flags other than ","
     int width = -1;
     int precision = -1;
@@ -36,11 +36,11 @@ QString GroupDigits(const QString &text, qsizetype digitsStart)
 }
 
 // Applies width and the "-" flag to text that was formatted without them.
-QString Pad(QString text, const Spec &spec)
+QString Pad(QString text, const Directive &directive)
 {
-    if (spec.width > text.size()) {
-        const qsizetype fill = spec.width - text.size();
-        if (spec.flags.find('-') != std::string::npos)
+    if (directive.width > text.size()) {
+        const qsizetype fill = directive.width - text.size();
+        if (directive.flags.find('-') != std::string::npos)
             text += QString(fill, u' ');
         else
             text.prepend(QString(fill, u' '));
@@ -48,20 +48,20 @@ QString Pad(QString text, const Spec &spec)
     return text;
 }
 
-QString FormatNumber(const Spec &spec, const KSFormatArg &arg)
+QString FormatNumber(const Directive &directive, const KSFormatArg &arg)
 {
-    std::string format = "%" + spec.flags;
-    if (spec.group) {
+    std::string format = "%" + directive.flags;
+    if (directive.group) {
         // Width is applied after grouping, so that separators count towards it.
         std::erase(format, '0');
-    } else if (spec.width >= 0) {
-        format += std::to_string(spec.width);
+    } else if (directive.width >= 0) {
+        format += std::to_string(directive.width);
     }
-    if (spec.precision >= 0)
-        format += "." + std::to_string(spec.precision);
+    if (directive.precision >= 0)
+        format += "." + std::to_string(directive.precision);
 
     char buffer[512];
-    const char c = spec.conversion;
+    const char c = directive.conversion;
     if (c == 'f' || c == 'F' || c == 'e' || c == 'E' || c == 'g' || c == 'G') {
         double value = arg.kind == KSFormatArg::Double ? arg.d
             : arg.kind == KSFormatArg::Signed          ? double(arg.i)
@@ -84,12 +84,12 @@ QString FormatNumber(const Spec &spec, const KSFormatArg &arg)
         }
     }
     QString text = QString::fromLatin1(buffer);
-    if (spec.group && (c == 'd' || c == 'i' || c == 'u' || c == 'f' || c == 'F')) {
+    if (directive.group && (c == 'd' || c == 'i' || c == 'u' || c == 'f' || c == 'F')) {
         qsizetype digits = 0;
         while (digits < text.size() && !text[digits].isDigit())
             ++digits;
         text = GroupDigits(text, digits);
-        return Pad(text, spec);
+        return Pad(text, directive);
     }
     return text;
 }
@@ -112,22 +112,22 @@ QString FormatStringCore(std::string_view format, std::span<const KSFormatArg> a
             continue;
         flushLiteral(i);
         std::size_t j = i + 1;
-        Spec spec;
+        Directive directive;
         // Flags, width, precision and length modifiers, with "," accepted anywhere among them.
         for (; j < format.size(); ++j) {
             const char ch = format[j];
             if (ch == ',') {
-                spec.group = true;
-            } else if ((ch == '-' || ch == '+' || ch == ' ' || ch == '#' || ch == '0') && spec.width < 0
-                && spec.precision < 0) {
-                spec.flags += ch;
+                directive.group = true;
+            } else if ((ch == '-' || ch == '+' || ch == ' ' || ch == '#' || ch == '0') && directive.width < 0
+                && directive.precision < 0) {
+                directive.flags += ch;
             } else if (ch >= '0' && ch <= '9') {
-                int &target = spec.precision >= 0 ? spec.precision : spec.width;
+                int &target = directive.precision >= 0 ? directive.precision : directive.width;
                 target = (target < 0 ? 0 : target) * 10 + (ch - '0');
                 if (target > 200)
                     target = 200;
             } else if (ch == '.') {
-                spec.precision = 0;
+                directive.precision = 0;
             } else if (ch == 'l' || ch == 'h' || ch == 'q' || ch == 'z' || ch == 'j' || ch == 't' || ch == 'L') {
                 // Arguments carry their own width.
             } else {
@@ -138,29 +138,29 @@ QString FormatStringCore(std::string_view format, std::span<const KSFormatArg> a
             literalStart = format.size();
             break;
         }
-        spec.conversion = format[j];
+        directive.conversion = format[j];
         i = j;
         literalStart = j + 1;
 
-        if (spec.conversion == '%') {
+        if (directive.conversion == '%') {
             out += u'%';
             continue;
         }
         if (next >= args.size())
             continue;
         const KSFormatArg &arg = args[next++];
-        switch (spec.conversion) {
+        switch (directive.conversion) {
         case '@':
             if (arg.kind == KSFormatArg::String)
-                out += Pad(*arg.q, spec);
+                out += Pad(*arg.q, directive);
             else if (arg.kind == KSFormatArg::CString && arg.s)
-                out += Pad(QString::fromUtf8(arg.s), spec);
+                out += Pad(QString::fromUtf8(arg.s), directive);
             break;
         case 's':
             if (arg.kind == KSFormatArg::CString && arg.s)
-                out += Pad(QString::fromUtf8(arg.s), spec);
+                out += Pad(QString::fromUtf8(arg.s), directive);
             else if (arg.kind == KSFormatArg::String)
-                out += Pad(*arg.q, spec);
+                out += Pad(*arg.q, directive);
             break;
         case 'C':
         case 'c':
@@ -182,7 +182,7 @@ QString FormatStringCore(std::string_view format, std::span<const KSFormatArg> a
         case 'g':
         case 'G':
             if (arg.kind == KSFormatArg::Signed || arg.kind == KSFormatArg::Unsigned || arg.kind == KSFormatArg::Double)
-                out += FormatNumber(spec, arg);
+                out += FormatNumber(directive, arg);
             break;
         default:
             break; // unknown conversion: its argument is consumed and nothing is written

@@ -20,6 +20,7 @@ cmake -S . -B build-sanitize -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTANNER_SANITIZE
 cmake --build build-sanitize -j "$jobs"
 echo "== tests under the sanitizers"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+    LSAN_OPTIONS=suppressions="$PWD/tests/lsan.supp":print_suppressions=0 \
     ctest --test-dir build-sanitize --output-on-failure -j "$jobs" --timeout 900
 scripts/fuzz.sh 60
 echo "== all tests passed"

@@ -29,6 +29,15 @@ inline void SetModificationTime(const QString &path, qint64 seconds)
         << path.toStdString();
 }
 
+// Writes a file under a name given as any bytes (QFile would re-encode a name that is not UTF-8).
+inline void WriteFileBytes(const QByteArray &path, const QByteArray &content)
+{
+    const int fd = ::open(path.constData(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ASSERT_GE(fd, 0) << path.constData();
+    ASSERT_EQ(::write(fd, content.constData(), std::size_t(content.size())), content.size());
+    ::close(fd);
+}
+
 inline qint64 ModificationTime(const QString &path)
 {
     struct stat status = {};

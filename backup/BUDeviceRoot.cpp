@@ -211,13 +211,13 @@ bool RemoveItemAt(int folderFd, const char *name, BUError *error)
     const int fd = ::openat(folderFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0)
         return fail(errno == ENOTDIR ? unlinkError : errno);
-    struct stat inner, outer;
-    if (::fstat(fd, &inner) != 0 || ::fstat(folderFd, &outer) != 0) {
+    struct statx status;
+    if (::statx(fd, "", AT_EMPTY_PATH, STATX_TYPE, &status) != 0) {
         const int saved = errno;
         ::close(fd);
         return fail(saved);
     }
-    if (inner.st_dev != outer.st_dev) {
+    if (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) {
         ::close(fd);
         return fail(EBUSY); // another file system is mounted here
     }

@@ -5,6 +5,7 @@
 
 #include "backup/BUAnalyzeOperation.h"
 #include "backup/BUBackupOperation.h"
+#include "backup/BUDeviceRoot.h"
 #include "backup/BUTransaction.h"
 #include "keelson/KSOperationQueue.h"
 #include "keelson/KSStrings.h"
@@ -107,7 +108,14 @@ protected:
     {
         for (const QString &mounted : std::as_const(m_mounted))
             LazyUnmount(mounted);
+        m_mounted.clear();
         qunsetenv("TANNER_VOLUMES_ROOT");
+        // QDir cannot remove names that are not UTF-8; the engine's removal can.
+        for (const QString &folder : {m_sources.path(), m_volumes.path()}) {
+            const QByteArray bytes = FileNameToBytes(folder);
+            RemoveItemAt(AT_FDCWD, bytes.constData(), nullptr);
+            QDir().mkpath(folder);
+        }
     }
     void mountDevice(qint64 sizeBytes = 64 << 20, const QString &options = {})
     {

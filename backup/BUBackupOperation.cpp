@@ -346,7 +346,6 @@ bool BUBackupOperation::performOperation()
             break;
         }
         current = i;
-        sinceProgress.invalidate();
         QString text;
         lastWasFileCopy = false;
         switch (transaction.action()) {

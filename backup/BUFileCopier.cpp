@@ -196,9 +196,6 @@ bool BUFileCopier::copyFile(
         *error = _WriteError(errno); // the source shrank: drop the reserved tail
         return discard();
     }
-    if (progress)
-        progress(written);
-
     BUError attributeError;
     if (!WriteItemAttributes(out, attributes, kind, 0, &attributeError)) {
         *error = _WriteError(attributeError.code);

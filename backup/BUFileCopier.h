@@ -29,7 +29,8 @@ public:
     BUFileCopier(const BUFileCopier &) = delete;
     BUFileCopier &operator=(const BUFileCopier &) = delete;
 
-    // Told the bytes of the current file that have reached the device so far.
+    // Told the bytes of the current file that have reached the device so far, after each window
+    // of a big file.
     std::function<void(int64_t bytesWritten)> progress;
     // Asked between chunks; true stops the copy with ENODEV (the device was ejected).
     std::function<bool()> deviceGone;

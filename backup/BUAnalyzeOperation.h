@@ -36,6 +36,8 @@ public:
     BUAnalysisReport analyze();
 
 private:
+    BUAnalysisReport runAnalysis();
+
     QString m_targetName;
     BUEngineReceiver *m_controller;
     QStringList m_backupFolders;

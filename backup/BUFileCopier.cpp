@@ -44,11 +44,6 @@ int _OpenSource(const QByteArray &path)
 
 } // namespace
 
-bool IsTemporaryName(QStringView name)
-{
-    return name.startsWith(QLatin1String(kTemporaryNamePrefix));
-}
-
 bool IsTemporaryName(const char *name)
 {
     return std::strncmp(name, kTemporaryNamePrefix, sizeof kTemporaryNamePrefix - 1) == 0;

@@ -11,7 +11,6 @@
 #include "backup/BUFileStats.h"
 
 #include <QByteArray>
-#include <QStringView>
 
 #include <functional>
 #include <memory>
@@ -19,7 +18,6 @@
 // The prefix of the temporary names; the analysis lists leftovers of an interrupted run as
 // items to delete.
 inline constexpr char kTemporaryNamePrefix[] = ".tanner-partial-";
-bool IsTemporaryName(QStringView name);
 bool IsTemporaryName(const char *name);
 
 class BUFileCopier {

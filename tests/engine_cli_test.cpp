@@ -272,3 +272,27 @@ TEST_F(CommandLineTest, FatAndExfatDevicesStayUpToDate)
         QFile::remove(image);
     }
 }
+
+TEST_F(CommandLineTest, AFailedActionIsListedAndCounted)
+{
+    mountDevice();
+    useSource();
+    WriteTree(source(), {{"a.txt", "a"}});
+    // Removing a folder never crosses into another file system mounted inside it.
+    WriteTree(device(), {{"Docs/old/inner/", {}}});
+    ASSERT_TRUE(MountTmpfs(device(QStringLiteral("Docs/old/inner"))));
+    m_mounted.prepend(device(QStringLiteral("Docs/old/inner")));
+    WriteTree(device(QStringLiteral("Docs/old/inner")), {{"kept.txt", "k"}});
+
+    const ProcessResult result = tanner({QStringLiteral("backup"), QStringLiteral("Dev")});
+    EXPECT_EQ(result.exitCode, 1) << result.err.toStdString();
+    EXPECT_TRUE(Text(result.out)
+                    .contains(QStringLiteral("Delete\tfolder\t%1\tDevice or resource busy\n")
+                                  .arg(device(QStringLiteral("Docs/old")))));
+    EXPECT_TRUE(Text(result.out).endsWith(QStringLiteral("1 backup action failed\n")));
+    EXPECT_TRUE(QFile::exists(device(QStringLiteral("Docs/old/inner/kept.txt"))));
+    EXPECT_EQ(Mode(device(QStringLiteral("Docs/old/inner"))), 0755u) << "nothing changed on the other file system";
+    EXPECT_TRUE(QFile::exists(device(QStringLiteral("Docs/a.txt"))));
+    auto settings = OpenSettingsFile(m_home.settingsFile());
+    EXPECT_FALSE(ReadIntegerDictionary(*settings, QStringLiteral("twbackup.dates")).contains(QStringLiteral("Dev")));
+}

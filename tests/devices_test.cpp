@@ -122,22 +122,6 @@ TEST_F(VolumesRootFixture, ImmutableAndAppendOnlyRootsAreNotDevices)
     EXPECT_EQ(drives, QStringList {"Open"});
 }
 
-TEST(VolumesRoot, EnvironmentThenRunMediaThenMedia)
-{
-    const QByteArray savedRoot = qgetenv("TANNER_VOLUMES_ROOT");
-    const QByteArray savedUser = qgetenv("USER");
-    qputenv("TANNER_VOLUMES_ROOT", "/mnt/backups/");
-    EXPECT_EQ(VolumesRoot(), QStringLiteral("/mnt/backups"));
-    EXPECT_EQ(DeviceRootPath(QStringLiteral("Disk")), QStringLiteral("/mnt/backups/Disk"));
-    qunsetenv("TANNER_VOLUMES_ROOT");
-    qputenv("USER", "nobody-here");
-    EXPECT_EQ(VolumesRoot(), QStringLiteral("/media/nobody-here"));
-    qputenv("TANNER_VOLUMES_ROOT", savedRoot);
-    if (savedRoot.isNull())
-        qunsetenv("TANNER_VOLUMES_ROOT");
-    qputenv("USER", savedUser);
-}
-
 TEST(LastBackupText, YesterdayTodayInTheLocalesClockAndOlderDates)
 {
     const QLocale saved;

@@ -567,6 +567,20 @@ bool BUAnalyzeOperation::performOperation()
 
 BUAnalysisReport BUAnalyzeOperation::analyze()
 {
+    try {
+        return runAnalysis();
+    } catch (const std::bad_alloc &) {
+        // The shared list could not grow: the same end as an entry array that could not.
+        BUAnalysisReport result;
+        result.target = m_targetName;
+        result.error = FormatString("I can't backup to \"%@\" because %@.", m_targetName,
+            QStringLiteral("there's not enough memory. Perhaps your source folders are too complex"));
+        return result;
+    }
+}
+
+BUAnalysisReport BUAnalyzeOperation::runAnalysis()
+{
     g_copiedBytes = 0;
     g_totalBytes = 0;
     g_finishedTransactions = 0;
@@ -581,8 +595,7 @@ BUAnalysisReport BUAnalyzeOperation::analyze()
         result.error = FormatString("I can't backup to \"%@\" because %@.", m_targetName, context.reason);
         return result;
     };
-    BUError deviceError;
-    const bool deviceOpen = device.open(m_targetName, &deviceError);
+    const bool deviceOpen = device.open(m_targetName, nullptr);
 
     // The source tree: a "/" root, then the backup folders in list order.
     const uint64_t folderCount = uint64_t(m_backupFolders.size());

@@ -38,6 +38,8 @@ public:
     BUAnalysisReport analyze();
 
 private:
+    BUAnalysisReport runAnalysis();
+
     QString m_targetName;
     BUEngineReceiver *m_controller;
     QStringList m_backupFolders;

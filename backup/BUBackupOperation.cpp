@@ -187,11 +187,17 @@ QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fat
     QByteArray name;
     BUError error;
     const Descriptor parent {run.device.openParent(relative, &name, true, &error)};
-    // The old copy goes first, which frees its space before the new data arrives.
-    if (parent.fd >= 0 ? !RemoveItemAt(parent.fd, name.constData(), &error) : true) {
-        if (CocoaDomainErrorCode(error) != kNoSuchFileError)
-            return _ErrorStringFromError(run, error, devicePath);
-    }
+    // The old copy goes first, which frees its space before the new data arrives. Where there is
+    // none nothing is removed: Linux refuses even that on a read-only file system.
+    BUError removeError = error;
+    bool removed = false;
+    struct stat old;
+    if (parent.fd >= 0 && ::fstatat(parent.fd, name.constData(), &old, AT_SYMLINK_NOFOLLOW) != 0)
+        removeError = BUError::posix(errno);
+    else if (parent.fd >= 0)
+        removed = RemoveItemAt(parent.fd, name.constData(), &removeError);
+    if (!removed && CocoaDomainErrorCode(removeError) != kNoSuchFileError)
+        return _ErrorStringFromError(run, removeError, devicePath);
     if (parent.fd >= 0
         && run.copier.copyFile(FileNameToBytes(transaction.path()), parent.fd, name, run.device.kind(), &error)) {
         _TouchFolder(run, _ParentOf(relative), _ParentOf(transaction.path()));
@@ -340,7 +346,6 @@ bool BUBackupOperation::performOperation()
             break;
         }
         current = i;
-        sinceProgress.invalidate();
         QString text;
         lastWasFileCopy = false;
         switch (transaction.action()) {

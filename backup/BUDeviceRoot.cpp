@@ -211,13 +211,13 @@ bool RemoveItemAt(int folderFd, const char *name, BUError *error)
     const int fd = ::openat(folderFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0)
         return fail(errno == ENOTDIR ? unlinkError : errno);
-    struct stat inner, outer;
-    if (::fstat(fd, &inner) != 0 || ::fstat(folderFd, &outer) != 0) {
+    struct statx status;
+    if (::statx(fd, "", AT_EMPTY_PATH, STATX_TYPE, &status) != 0) {
         const int saved = errno;
         ::close(fd);
         return fail(saved);
     }
-    if (inner.st_dev != outer.st_dev) {
+    if (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) {
         ::close(fd);
         return fail(EBUSY); // another file system is mounted here
     }
@@ -237,13 +237,17 @@ bool RemoveItemAt(int folderFd, const char *name, BUError *error)
 
 void GiveUserFilePermissions(int folderFd, const char *name, const QString &path)
 {
-    struct stat status;
+    struct statx status;
     mode_t permissions = 0;
     bool directory = false;
-    const bool read = ::fstatat(folderFd, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+    const bool read
+        = ::statx(folderFd, name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_TYPE | STATX_MODE, &status) == 0;
     if (read) {
-        permissions = status.st_mode & 07777;
-        directory = S_ISDIR(status.st_mode);
+        // Another file system mounted inside the device is none of the device's business.
+        if (status.stx_attributes & STATX_ATTR_MOUNT_ROOT)
+            return;
+        permissions = status.stx_mode & 07777;
+        directory = S_ISDIR(status.stx_mode);
     } else {
         LogString("Can't get permissions for %@. %@", path, SystemErrorText(errno));
     }
@@ -259,10 +263,8 @@ void GiveUserFilePermissions(int folderFd, const char *name, const QString &path
     const int fd = ::openat(folderFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0)
         return;
-    struct stat inner;
     QList<QByteArray> names;
-    if (::fstat(fd, &inner) == 0 && inner.st_dev == status.st_dev)
-        _ListFolder(fd, &names);
+    _ListFolder(fd, &names);
     for (auto it = names.crbegin(); it != names.crend(); ++it)
         GiveUserFilePermissions(fd, it->constData(), path + u'/' + FileNameFromBytes(*it));
     ::close(fd);

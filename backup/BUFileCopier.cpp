@@ -44,11 +44,6 @@ int _OpenSource(const QByteArray &path)
 
 } // namespace
 
-bool IsTemporaryName(QStringView name)
-{
-    return name.startsWith(QLatin1String(kTemporaryNamePrefix));
-}
-
 bool IsTemporaryName(const char *name)
 {
     return std::strncmp(name, kTemporaryNamePrefix, sizeof kTemporaryNamePrefix - 1) == 0;
@@ -196,9 +191,6 @@ bool BUFileCopier::copyFile(
         *error = _WriteError(errno); // the source shrank: drop the reserved tail
         return discard();
     }
-    if (progress)
-        progress(written);
-
     BUError attributeError;
     if (!WriteItemAttributes(out, attributes, kind, 0, &attributeError)) {
         *error = _WriteError(attributeError.code);

@@ -11,7 +11,6 @@
 #include "backup/BUFileStats.h"
 
 #include <QByteArray>
-#include <QStringView>
 
 #include <functional>
 #include <memory>
@@ -19,7 +18,6 @@
 // The prefix of the temporary names; the analysis lists leftovers of an interrupted run as
 // items to delete.
 inline constexpr char kTemporaryNamePrefix[] = ".tanner-partial-";
-bool IsTemporaryName(QStringView name);
 bool IsTemporaryName(const char *name);
 
 class BUFileCopier {
@@ -29,7 +27,8 @@ public:
     BUFileCopier(const BUFileCopier &) = delete;
     BUFileCopier &operator=(const BUFileCopier &) = delete;
 
-    // Told the bytes of the current file that have reached the device so far.
+    // Told the bytes of the current file that have reached the device so far, after each window
+    // of a big file.
     std::function<void(int64_t bytesWritten)> progress;
     // Asked between chunks; true stops the copy with ENODEV (the device was ejected).
     std::function<bool()> deviceGone;

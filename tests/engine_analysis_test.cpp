@@ -1,0 +1,189 @@
+// The analysis on real folders and a real device: what it lists, what it leaves alone, and how it
+// fails. The transactions are checked in table order.
+#include "backup/BUError.h"
+#include "keelson/KSKernel.h"
+#include "tests/EngineTestHelpers.h"
+
+#include <QThread>
+
+#include <cerrno>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/xattr.h>
+
+using namespace tanner::test;
+
+namespace {
+
+void MakeSocket(const QString &path)
+{
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    const QByteArray bytes = FileNameToBytes(path);
+    std::memcpy(address.sun_path, bytes.constData(), std::min<std::size_t>(bytes.size(), sizeof address.sun_path - 1));
+    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    ::close(fd);
+}
+
+} // namespace
+
+TEST(Transactions, TableOrderAndErrorCodes)
+{
+    BUTransaction copyFolder(QStringLiteral("/s/B"), QStringLiteral("/s"));
+    copyFolder.setFolder(true);
+    BUTransaction deleteFile(QStringLiteral("/v/D/z"), QString());
+    deleteFile.setAction(BUTransaction::kDelete);
+    BUTransaction copyLower(QStringLiteral("/s/b.txt"), QStringLiteral("/s"));
+    BUTransaction copyUpper(QStringLiteral("/s/B.TXT"), QStringLiteral("/s"));
+    EXPECT_EQ(deleteFile.compare(copyFolder), -1) << "action wins over kind";
+    EXPECT_EQ(copyFolder.compare(copyLower), -1) << "folders before files";
+    EXPECT_EQ(copyLower.compare(copyUpper), 0) << "paths compare without case";
+    EXPECT_EQ(copyLower.actionName(), QStringLiteral("Copy"));
+    EXPECT_FALSE(copyLower.isDone());
+    EXPECT_EQ(copyLower.errorIndex(), 4294967295ULL);
+
+    const QList<QPair<int, int>> posix = {
+        {EPERM, 513}, {ENOENT, 4}, {EACCES, 257}, {EEXIST, 516}, {ENODEV, 642}, {ENOSPC, 640}, {EROFS, 642}, {EIO, 0}};
+    for (const auto &[errorNumber, code] : posix)
+        EXPECT_EQ(CocoaDomainErrorCode(BUError::posix(errorNumber)), code) << errorNumber;
+    EXPECT_EQ(CocoaDomainErrorCode(BUError::cocoa(260, ENOENT)), 4);
+    EXPECT_EQ(CocoaDomainErrorCode(BUError::cocoa(513, EACCES)), 513);
+    EXPECT_EQ(CocoaDomainErrorCode(BUError()), 0);
+    EXPECT_EQ(ErrorReason(BUError {BUErrorDomain::Posix, 5, QString()}), QStringLiteral("An unknown error occurred."));
+    EXPECT_EQ(ErrorReason(BUError {BUErrorDomain::Posix, 5, QStringLiteral("it\u2019s \u201Cx\u201D")}),
+        QStringLiteral("it's \"x\""));
+}
+
+TEST_F(DeviceTest, ExtraItemsAtTheTopLevelStopTheAnalysis)
+{
+    mountDevice();
+    WriteTree(device(), {{"Docs/a.txt", "a"}, {".dot-file", "x"}, {".dot-folder/", {}}});
+    WriteTree(source(), {{"a.txt", "a"}});
+    BUAnalysisReport report = analyze();
+    EXPECT_FALSE(report.extra.has_value());
+    EXPECT_FALSE(report.error.has_value());
+
+    WriteTree(device(), {{"stray.txt", "x"}, {"docs/", {}}, {"Zebra/", {}}});
+    report = analyze();
+    ASSERT_TRUE(report.extra.has_value());
+    // A folder whose name differs only in case from the backup folder's counts as extra.
+    EXPECT_EQ(*report.extra, (QStringList {"docs", "stray.txt", "Zebra"}));
+    EXPECT_TRUE(report.error.has_value());
+    EXPECT_TRUE(g_transactions.isEmpty());
+}
+
+TEST_F(DeviceTest, ListsWhatMakesTheDeviceAMirror)
+{
+    mountDevice();
+    const qint64 old = 1500000000;
+    const Tree both = {{"same.txt", "same"}, {"older.txt", "device is newer"}, {"newer.txt", "v1"},
+        {"resized.txt", "short"}, {"mode.txt", "m"}, {"tagged.txt", "t"}, {"!bang.txt", "b"}, {"draft~.txt", "d"},
+        {"Readme.TXT", "r"}, {"Caches/c.txt", "c"}, {"a.tmp", "tmp"}, {"Form.NIB/", {}}, {"sub/", {}}};
+    WriteTree(source(), both);
+    WriteTree(device(), both);
+    WriteTree(device(),
+        {{"Docs/gone.txt", "g"}, {"Docs/OldFolder/inner/x", "x"}, {"Docs/.hidden", "h"},
+            {"Docs/.tanner-partial-0123456789abcdef", "partial"}});
+    QFile::rename(device(QStringLiteral("Readme.TXT")), device(QStringLiteral("Docs/readme.txt")));
+    for (const QString &name : both.keys()) {
+        if (!name.endsWith(u'/') && name != u"Readme.TXT")
+            QFile::rename(device(name), device(QStringLiteral("Docs/") + name));
+    }
+    QDir(device()).rename(QStringLiteral("Form.NIB"), QStringLiteral("Docs/Form.NIB"));
+    QDir(device()).rename(QStringLiteral("sub"), QStringLiteral("Docs/sub"));
+    QDir(device()).rename(QStringLiteral("Caches"), QStringLiteral("Docs/Caches"));
+    for (const char *name : {"same.txt", "older.txt", "resized.txt", "mode.txt", "tagged.txt", "Readme.TXT",
+             "!bang.txt", "draft~.txt", "a.tmp", "Caches/c.txt"}) {
+        const QString file = QString::fromUtf8(name);
+        SetModificationTime(source(file), old);
+        SetModificationTime(
+            device(QStringLiteral("Docs/") + (file == u"Readme.TXT" ? QStringLiteral("readme.txt") : file)), old);
+    }
+    SetModificationTime(source(QStringLiteral("older.txt")), old - 100);
+    SetModificationTime(device(QStringLiteral("Docs/newer.txt")), old);
+    WriteTree(source(), {{"resized.txt", "a longer text"}});
+    SetModificationTime(source(QStringLiteral("resized.txt")), old);
+
+    // Attribute changes count only when they are later than the device copy's last change.
+    QThread::sleep(1);
+    ::chmod(FileNameToBytes(source(QStringLiteral("mode.txt"))).constData(), 0600);
+    ::chmod(FileNameToBytes(source(QStringLiteral("Form.NIB"))).constData(), 0700);
+    ASSERT_EQ(
+        ::setxattr(FileNameToBytes(source(QStringLiteral("tagged.txt"))).constData(), "user.xdg.tags", "red", 3, 0), 0);
+    WriteTree(source(),
+        {{"new.txt", "new"}, {"~", "tilde"}, {"~.txt", "tilde"}, {"NewFolder/deeper/f", "f"}, {".hidden-source", "h"}});
+    WriteFileBytes(FileNameToBytes(source()) + "/caf\xe9", "latin-1 name");
+    ::mkfifo(FileNameToBytes(source(QStringLiteral("fifo"))).constData(), 0644);
+    MakeSocket(source(QStringLiteral("socket")));
+    QFile::link(QStringLiteral("/etc"), source(QStringLiteral("link-to-etc")));
+    QFile::link(QStringLiteral("/etc/passwd"), device(QStringLiteral("Docs/device-link")));
+
+    BURuleList folderRules = {BUIgnoreRule(QStringLiteral("00Caches"))};
+    BURuleList fileRules = {BUIgnoreRule(QStringLiteral("10tmp"))};
+    const BUAnalysisReport report = analyze(folderRules, fileRules);
+    EXPECT_FALSE(report.error.has_value()) << report.error.value_or(QString()).toStdString();
+    const QStringList expected = {
+        "Delete folder Docs/Caches",
+        "Delete folder Docs/OldFolder",
+        "Delete file Docs/!bang.txt",
+        "Delete file Docs/.tanner-partial-0123456789abcdef",
+        "Delete file Docs/a.tmp",
+        "Delete file Docs/draft~.txt",
+        "Delete file Docs/gone.txt",
+        "Update file Docs/mode.txt",
+        "Update file Docs/tagged.txt",
+        "Copy folder Docs/NewFolder",
+        "Copy folder Docs/NewFolder/deeper",
+        "Copy file Docs/" + QString::fromLatin1("caf") + FileNameFromBytes("\xe9"),
+        "Copy file Docs/new.txt",
+        "Copy file Docs/newer.txt",
+        "Copy file Docs/NewFolder/deeper/f", // "." sorts before letters
+        "Copy file Docs/~",
+        "Copy file Docs/~.txt",
+    };
+    EXPECT_EQ(transactionLines(), expected);
+    EXPECT_EQ(g_totalBytes, 1.0 + 12 + 3 + 2 + 5 + 5);
+}
+
+TEST_F(DeviceTest, AdvancedUserMarkKeepsNamesOut)
+{
+    mountDevice();
+    WriteTree(source(), {{QString(QChar(0x273D)) + QStringLiteral("draft.txt"), "d"}});
+    g_advancedUser = true;
+    analyze();
+    EXPECT_EQ(transactionLines(), (QStringList {"Copy folder Docs"}));
+    g_advancedUser = false;
+    analyze();
+    EXPECT_EQ(transactionLines().size(), 2);
+}
+
+TEST_F(DeviceTest, NeverWalksIntoTheDeviceMountedInsideASource)
+{
+    // The volumes root lies inside the backup folder.
+    qputenv("TANNER_VOLUMES_ROOT", QFile::encodeName(source(QStringLiteral("media"))));
+    m_device = source(QStringLiteral("media/Dev"));
+    mountDevice();
+    WriteTree(source(), {{"a.txt", "a"}});
+    WriteTree(device(), {{"Docs/on-device.txt", "x"}});
+    const BUAnalysisReport report = analyze();
+    EXPECT_FALSE(report.error.has_value());
+    EXPECT_EQ(transactionLines(),
+        (QStringList {"Delete file Docs/on-device.txt", "Copy folder Docs/media", "Copy file Docs/a.txt"}));
+}
+
+TEST_F(DeviceTest, FailsOnAnUnmountedDeviceAndOnCancel)
+{
+    QDir().mkpath(device()); // the mount folder an ejected device leaves behind
+    BUAnalysisReport report = analyze();
+    ASSERT_TRUE(report.error.has_value());
+    EXPECT_EQ(
+        *report.error, QStringLiteral("I can't backup to \"Dev\" because I can't examine the contents of the disk."));
+
+    mountDevice();
+    BUAnalyzeOperation operation(QStringLiteral("Dev"), nullptr, {source()}, {}, {});
+    operation.cancel();
+    report = operation.analyze();
+    EXPECT_TRUE(report.cancel);
+    EXPECT_EQ(*report.error, QStringLiteral("I can't backup to \"Dev\" because canceled."));
+}

@@ -1,0 +1,298 @@
+// analyze and backup through the real binary: texts, exit statuses, the recorded backup time,
+// a device ejected or a run cancelled or killed in the middle of a copy, an unprivileged user,
+// and FAT and exFAT devices.
+#include "keelson/KSDayIndex.h"
+#include "keelson/KSUserDefaults.h"
+#include "tests/EngineTestHelpers.h"
+
+#include <QDeadlineTimer>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QThread>
+
+#include <csignal>
+
+using namespace tanner::test;
+
+namespace {
+
+QString Text(const QByteArray &bytes)
+{
+    return QString::fromUtf8(bytes);
+}
+
+// Runs a tool without letting it talk; true when it succeeds.
+bool Quietly(const QString &program, const QStringList &args)
+{
+    QProcess process;
+    process.start(program, args);
+    return process.waitForFinished(60000) && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+}
+
+class CommandLineTest : public DeviceTest {
+protected:
+    void SetUp() override
+    {
+        DeviceTest::SetUp();
+        if (IsSkipped())
+            return;
+        m_env = m_home.environment();
+        m_env.insert(QStringLiteral("TANNER_VOLUMES_ROOT"), m_volumes.path());
+    }
+    ProcessResult tanner(const QStringList &args) { return RunTanner(args, m_env); }
+    // The backup folder is the source alone (the first run also adds the home folder).
+    void useSource()
+    {
+        ASSERT_EQ(tanner({QStringLiteral("folders"), QStringLiteral("add"), source()}).exitCode, 0);
+        ASSERT_EQ(tanner({QStringLiteral("folders"), QStringLiteral("remove"), QStringLiteral("home")}).exitCode, 0);
+    }
+    // Starts a backup and freezes it while it writes the temporary file of a copy.
+    void startFrozenInCopy(QProcess &process)
+    {
+        process.setProcessEnvironment(m_env);
+        process.start(QStringLiteral(TANNER_BINARY), {QStringLiteral("backup"), QStringLiteral("Dev")});
+        ASSERT_TRUE(process.waitForStarted());
+        const QDeadlineTimer deadline(60000);
+        while (!deadline.hasExpired()) {
+            if (!QDir(device(QStringLiteral("Docs")))
+                     .entryList({QStringLiteral(".tanner-partial-*")}, QDir::Files | QDir::Hidden)
+                     .isEmpty()) {
+                ::kill(pid_t(process.processId()), SIGSTOP);
+                break;
+            }
+            QThread::usleep(200);
+        }
+        ASSERT_FALSE(deadline.hasExpired()) << "the copy never started";
+        ASSERT_FALSE(QFile::exists(device(QStringLiteral("Docs/big.bin")))) << "the copy ended too soon";
+    }
+    void makeBigSource()
+    {
+        WriteTree(source(), {{"a.txt", "a"}, {"z-after.txt", "z"}});
+        QFile big(source(QStringLiteral("big.bin")));
+        ASSERT_TRUE(big.open(QIODevice::WriteOnly) && big.resize(qint64(768) << 20));
+    }
+
+    ScopedXdgHome m_home;
+    QProcessEnvironment m_env;
+};
+
+} // namespace
+
+TEST_F(CommandLineTest, AnalyzeBackupAndRecordTheTime)
+{
+    mountDevice();
+    useSource();
+    WriteTree(source(), {{"a.txt", "alpha"}, {"sub/b.txt", "beta"}});
+    WriteTree(device(), {{"Docs/old.txt", "old"}});
+
+    ProcessResult result = tanner({QStringLiteral("analyze"), QStringLiteral("Dev")});
+    EXPECT_EQ(result.exitCode, 0) << result.err.toStdString();
+    EXPECT_EQ(Text(result.out),
+        QStringLiteral(
+            "Delete\tfile\t%1/Docs/old.txt\nCopy\tfolder\t%2/sub\nCopy\tfile\t%2/a.txt\nCopy\tfile\t%2/sub/b.txt\n"
+            "4 actions, 0.01 KB to copy\nAnalysis complete\n")
+            .arg(device(), source()));
+
+    result = tanner({QStringLiteral("backup"), QStringLiteral("Dev"), QStringLiteral("--json")});
+    EXPECT_EQ(result.exitCode, 0) << result.err.toStdString();
+    const QJsonObject json = QJsonDocument::fromJson(result.out).object();
+    EXPECT_EQ(json[u"target"].toString(), QStringLiteral("Dev"));
+    EXPECT_EQ(json[u"status"].toString(), QStringLiteral("Backup succeeded"));
+    EXPECT_TRUE(json[u"error"].isNull());
+    EXPECT_EQ(json[u"totalBytes"].toInt(), 9);
+    const QJsonArray transactions = json[u"transactions"].toArray();
+    ASSERT_EQ(transactions.size(), 4);
+    EXPECT_EQ(transactions[0][u"action"].toString(), QStringLiteral("Delete"));
+    EXPECT_TRUE(transactions[0][u"rootPath"].isNull());
+    EXPECT_EQ(transactions[3][u"path"].toString(), source(QStringLiteral("sub/b.txt")));
+    EXPECT_EQ(transactions[3][u"fileSize"].toInt(), 4);
+    EXPECT_TRUE(transactions[3][u"done"].toBool());
+    EXPECT_TRUE(transactions[3][u"error"].isNull());
+
+    auto settings = OpenSettingsFile(m_home.settingsFile());
+    EXPECT_EQ(ReadIntegerDictionary(*settings, QStringLiteral("twbackup.dates")).value(QStringLiteral("Dev")),
+        DayIndexForToday());
+    EXPECT_TRUE(ReadIntegerDictionary(*settings, QStringLiteral("twbackup.times")).contains(QStringLiteral("Dev")));
+    EXPECT_EQ(ReadStringList(*settings, QStringLiteral("twbackup.recent")), (QStringList {"Dev"}));
+
+    result = tanner({QStringLiteral("analyze"), QStringLiteral("Dev")});
+    EXPECT_EQ(Text(result.out), QStringLiteral("The backup device is up to date\n"));
+
+    WriteTree(device(), {{"stray", "x"}});
+    result = tanner({QStringLiteral("backup"), QStringLiteral("Dev")});
+    EXPECT_EQ(result.exitCode, 3);
+    EXPECT_TRUE(Text(result.err).contains(QStringLiteral("\n  stray\n")));
+    LazyUnmount(device());
+    m_mounted.clear();
+    result = tanner({QStringLiteral("analyze"), QStringLiteral("Dev")});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_TRUE(Text(result.err).contains(QStringLiteral("because I can't examine the contents of the disk.")));
+}
+
+TEST_F(CommandLineTest, InterruptedCopies)
+{
+    mountDevice(qint64(1) << 30);
+    useSource();
+    makeBigSource();
+
+    // Killed in the middle of a copy: no partial file under the real name, and the next backup
+    // removes the temporary one.
+    {
+        QProcess process;
+        startFrozenInCopy(process);
+        ::kill(pid_t(process.processId()), SIGKILL);
+        process.waitForFinished();
+        const ProcessResult analysis = tanner({QStringLiteral("analyze"), QStringLiteral("Dev")});
+        EXPECT_TRUE(Text(analysis.out)
+                        .contains(QStringLiteral("Delete\tfile\t") + device(QStringLiteral("Docs/.tanner-partial-"))));
+        EXPECT_EQ(tanner({QStringLiteral("backup"), QStringLiteral("Dev")}).exitCode, 0);
+        EXPECT_TRUE(QDir(device(QStringLiteral("Docs")))
+                        .entryList({QStringLiteral(".tanner-*")}, QDir::Hidden | QDir::Files)
+                        .isEmpty());
+        QFile::remove(device(QStringLiteral("Docs/big.bin")));
+        QFile::remove(device(QStringLiteral("Docs/z-after.txt")));
+    }
+    // Cancelled: the running copy finishes, nothing after it starts.
+    {
+        QProcess process;
+        startFrozenInCopy(process);
+        ::kill(pid_t(process.processId()), SIGINT);
+        ::kill(pid_t(process.processId()), SIGCONT);
+        ASSERT_TRUE(process.waitForFinished(60000));
+        EXPECT_EQ(process.exitCode(), 130);
+        EXPECT_TRUE(Text(process.readAllStandardOutput()).endsWith(QStringLiteral("Backup canceled\n")));
+        EXPECT_EQ(QFileInfo(device(QStringLiteral("Docs/big.bin"))).size(), qint64(768) << 20);
+        EXPECT_FALSE(QFile::exists(device(QStringLiteral("Docs/z-after.txt"))));
+        QFile::remove(device(QStringLiteral("Docs/big.bin")));
+    }
+    // Ejected: the copy stops at once, and nothing lands in the folder left behind.
+    {
+        QProcess process;
+        startFrozenInCopy(process);
+        ASSERT_TRUE(LazyUnmount(device()));
+        m_mounted.clear();
+        ::kill(pid_t(process.processId()), SIGCONT);
+        ASSERT_TRUE(process.waitForFinished(60000));
+        EXPECT_EQ(process.exitCode(), 2);
+        EXPECT_TRUE(Text(process.readAllStandardOutput()).contains(QStringLiteral("1 backup action failed")));
+        EXPECT_TRUE(Text(process.readAllStandardError())
+                        .contains(QStringLiteral("serious error occurred. The device \"Dev\" has been ejected.")));
+        EXPECT_TRUE(QDir(device()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden).isEmpty());
+    }
+}
+
+TEST_F(CommandLineTest, UnreadableSourcesAreLeftOutForAnUnprivilegedUser)
+{
+    if (QProcess::execute(QStringLiteral("setpriv"), {QStringLiteral("--reuid=nobody"), QStringLiteral("true")}) != 0)
+        GTEST_SKIP() << "setpriv cannot run a program as nobody here";
+    mountDevice(64 << 20, QStringLiteral("mode=0777"));
+    WriteTree(source(), {{"open.txt", "o"}, {"secret.txt", "s"}, {"private/inner.txt", "i"}});
+    // Everything the user runs in must be theirs to read and write.
+    for (const QString &path : {m_home.path(), m_sources.path()})
+        QProcess::execute(QStringLiteral("chown"), {QStringLiteral("-R"), QStringLiteral("nobody:nogroup"), path});
+    ::chmod(FileNameToBytes(m_volumes.path()).constData(), 0755);
+    auto asNobody = [this](const QStringList &args) {
+        QProcess process;
+        process.setProcessEnvironment(m_env);
+        process.start(QStringLiteral("setpriv"),
+            QStringList {QStringLiteral("--reuid=nobody"), QStringLiteral("--regid=nogroup"),
+                QStringLiteral("--clear-groups"), QStringLiteral(TANNER_BINARY)}
+                + args);
+        process.waitForFinished(60000);
+        return ProcessResult {process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError()};
+    };
+    ASSERT_EQ(asNobody({QStringLiteral("folders"), QStringLiteral("add"), source()}).exitCode, 0);
+    ASSERT_EQ(asNobody({QStringLiteral("folders"), QStringLiteral("remove"), QStringLiteral("home")}).exitCode, 0);
+    ProcessResult result = asNobody({QStringLiteral("backup"), QStringLiteral("Dev")});
+    ASSERT_EQ(result.exitCode, 0) << result.out.toStdString() << result.err.toStdString();
+
+    // Now the file and the folder belong to root alone: they count as absent.
+    for (const char *name : {"secret.txt", "private"}) {
+        const QByteArray path = FileNameToBytes(source(QString::fromUtf8(name)));
+        ASSERT_EQ(::chown(path.constData(), 0, 0), 0);
+        ASSERT_EQ(::chmod(path.constData(), 0700), 0);
+    }
+    result = asNobody({QStringLiteral("backup"), QStringLiteral("Dev")});
+    EXPECT_EQ(result.exitCode, 0) << result.out.toStdString() << result.err.toStdString();
+    EXPECT_TRUE(Text(result.out).endsWith(QStringLiteral("Backup succeeded\n")));
+    EXPECT_EQ(ReadTree(device(QStringLiteral("Docs"))), (Tree {{"open.txt", "o"}}));
+}
+
+TEST_F(CommandLineTest, FatAndExfatDevicesStayUpToDate)
+{
+    struct Kind {
+        const char *name;
+        QStringList make;
+        std::function<bool(const QString &image, const QString &mountPoint)> mount;
+    };
+    QString loop;
+    const QList<Kind> kinds = {
+        {"fusefat", {QStringLiteral("mkfs.vfat")},
+            [](const QString &image, const QString &mountPoint) {
+                return Quietly(
+                    QStringLiteral("fusefat"), {QStringLiteral("-o"), QStringLiteral("rw+"), image, mountPoint});
+            }},
+        {"exfat-fuse", {QStringLiteral("mkfs.exfat")},
+            [&loop](const QString &image, const QString &mountPoint) {
+                QProcess losetup;
+                losetup.start(QStringLiteral("losetup"), {QStringLiteral("-f"), QStringLiteral("--show"), image});
+                losetup.waitForFinished();
+                loop = Text(losetup.readAllStandardOutput()).trimmed();
+                return !loop.isEmpty() && Quietly(QStringLiteral("mount.exfat-fuse"), {loop, mountPoint});
+            }},
+    };
+    useSource();
+    WriteTree(source(), {{"odd.txt", "odd second"}, {"folder/even.txt", "even second"}});
+    SetModificationTime(source(QStringLiteral("odd.txt")), 1600000001);
+    SetModificationTime(source(QStringLiteral("folder/even.txt")), 1600000002);
+    for (const Kind &kind : kinds) {
+        SCOPED_TRACE(kind.name);
+        const QString image = m_sources.path() + QStringLiteral("/device.img");
+        QFile file(image);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.resize(64 << 20));
+        file.close();
+        QDir().mkpath(device());
+        if (!Quietly(kind.make[0], {image}) || !kind.mount(image, device())) {
+            std::cout << "[  SKIPPED ] " << kind.name << ": cannot make or mount the file system here\n";
+            continue;
+        }
+        m_mounted.prepend(device());
+        ProcessResult result = tanner({QStringLiteral("backup"), QStringLiteral("Dev")});
+        EXPECT_EQ(result.exitCode, 0) << result.out.toStdString() << result.err.toStdString();
+        result = tanner({QStringLiteral("analyze"), QStringLiteral("Dev")});
+        EXPECT_EQ(Text(result.out), QStringLiteral("The backup device is up to date\n")) << result.err.toStdString();
+        EXPECT_EQ(ReadTree(device(QStringLiteral("Docs"))).value(QStringLiteral("folder/even.txt")),
+            QByteArray("even second"));
+        Quietly(QStringLiteral("umount"), {device()});
+        m_mounted.clear();
+        if (!loop.isEmpty())
+            Quietly(QStringLiteral("losetup"), {QStringLiteral("-d"), loop});
+        QFile::remove(image);
+    }
+}
+
+TEST_F(CommandLineTest, AFailedActionIsListedAndCounted)
+{
+    mountDevice();
+    useSource();
+    WriteTree(source(), {{"a.txt", "a"}});
+    // Removing a folder never crosses into another file system mounted inside it.
+    WriteTree(device(), {{"Docs/old/inner/", {}}});
+    ASSERT_TRUE(MountTmpfs(device(QStringLiteral("Docs/old/inner"))));
+    m_mounted.prepend(device(QStringLiteral("Docs/old/inner")));
+    WriteTree(device(QStringLiteral("Docs/old/inner")), {{"kept.txt", "k"}});
+
+    const ProcessResult result = tanner({QStringLiteral("backup"), QStringLiteral("Dev")});
+    EXPECT_EQ(result.exitCode, 1) << result.err.toStdString();
+    EXPECT_TRUE(Text(result.out)
+                    .contains(QStringLiteral("Delete\tfolder\t%1\tDevice or resource busy\n")
+                                  .arg(device(QStringLiteral("Docs/old")))));
+    EXPECT_TRUE(Text(result.out).endsWith(QStringLiteral("1 backup action failed\n")));
+    EXPECT_TRUE(QFile::exists(device(QStringLiteral("Docs/old/inner/kept.txt"))));
+    EXPECT_EQ(Mode(device(QStringLiteral("Docs/old/inner"))), 0755u) << "nothing changed on the other file system";
+    EXPECT_TRUE(QFile::exists(device(QStringLiteral("Docs/a.txt"))));
+    auto settings = OpenSettingsFile(m_home.settingsFile());
+    EXPECT_FALSE(ReadIntegerDictionary(*settings, QStringLiteral("twbackup.dates")).contains(QStringLiteral("Dev")));
+}

@@ -442,7 +442,8 @@ void _CountDeviceItems(KSArrayString &deviceTree, BUAnalysisReport *result)
     std::vector<bool> deleted(deviceTree.count(), false);
     for (uint64_t i = 1; i < deviceTree.count(); ++i) {
         const FolderEntry *entry = _Entry(deviceTree, i);
-        const qint64 items = 1 + qint64(entry->files);
+        // The mirror folders themselves are not counted, only what they hold.
+        const qint64 items = (entry->parent != 0 ? 1 : 0) + qint64(entry->files);
         result->mirrorItems += items;
         deleted[i] = entry->match == kNone || (entry->parent != 0 && deleted[entry->parent]);
         if (deleted[i])

@@ -22,6 +22,17 @@ struct BUAnalysisReport {
     qint64 itemsToDelete = 0; // of those, what the Delete transactions remove
 };
 
+// True when the Delete transactions would remove half or more of what the device's mirrors hold
+// (and at least 10 items): what an emptied, renamed or unmounted source folder looks like. Both
+// front ends ask before such a backup.
+inline bool DeletesMostOfTheDevice(const BUAnalysisReport &report)
+{
+    return report.itemsToDelete >= 10 && report.itemsToDelete * 2 >= report.mirrorItems;
+}
+// The question's text for such a backup: "This backup would delete 120 of the 130 items on "Disk"."
+QString LargeDeletionMessage(const BUAnalysisReport &report);
+QString LargeDeletionExplanation();
+
 // Progress of the backup: one batch of at most two transactions of one action and kind, or a
 // single file copy.
 struct BUBackupStatusReport {

@@ -1,5 +1,8 @@
 #include "backup/BUTransaction.h"
 
+#include "backup/BUEngineReceiver.h"
+#include "keelson/FormatString.h"
+
 #include "keelson/KSStrings.h"
 
 #include <algorithm>
@@ -64,4 +67,17 @@ qsizetype ApplyBackupStatus(const QMap<qsizetype, QString> &trans, double copied
         ++g_failedTransactions;
     }
     return highest;
+}
+
+QString LargeDeletionMessage(const BUAnalysisReport &report)
+{
+    return FormatString("This backup would delete %,lld of the %,lld items on \"%@\".", report.itemsToDelete,
+        report.mirrorItems, report.target);
+}
+
+QString LargeDeletionExplanation()
+{
+    return QStringLiteral("That is half or more of what the backup device holds. It happens when a backup folder was "
+                          "emptied or renamed, or lies on a disk that is not mounted. Check the transactions before "
+                          "you go on.");
 }

@@ -42,7 +42,9 @@ const Command kCommands[] = {
     {"analyze", RunAnalyzeCommand,
         "  analyze DEVICE [--json]       List what a backup to the device would do, without doing it.\n"},
     {"backup", RunBackupCommand,
-        "  backup DEVICE [--json]        Make the device an exact mirror of the backup folders.\n"
+        "  backup DEVICE [--json] [--yes] Make the device an exact mirror of the backup folders.\n"
+        "                                A backup that would delete half or more of what the device\n"
+        "                                holds is refused unless --yes is given.\n"
         "                                Exit status: 0 done, 1 some actions failed, 2 error, 3 the\n"
         "                                device holds other items at its top level, 130 canceled.\n"},
 };

@@ -12,6 +12,7 @@
 #include "keelson/KSOperationQueue.h"
 #include "keelson/KSSignalWatcher.h"
 #include "keelson/KSStrings.h"
+#include "keelson/KSUserDefaults.h"
 
 #include <QDateTime>
 #include <QElapsedTimer>
@@ -66,12 +67,20 @@ QString _KindName(const BUTransaction &transaction)
     return transaction.isFolder() ? QStringLiteral("folder") : QStringLiteral("file");
 }
 
+// The window's "Confirm Large Deletions" setting, which the command line follows too.
+bool ConfirmsLargeDeletions()
+{
+    auto settings = OpenSettingsFile(UserDefaultsPath());
+    return DefaultYesBool(*settings, QStringLiteral("twbackup.confirmDeletions"));
+}
+
 // Runs one analysis, and the backup after it unless analyzeOnly, as the main window does, and
 // turns the reports into output and an exit status. Main thread.
 class EngineSession : public QObject, public BUEngineReceiver {
 public:
-    EngineSession(const QString &device, bool analyzeOnly, bool json)
-        : m_device(device), m_analyzeOnly(analyzeOnly), m_json(json), m_terminal(::isatty(STDERR_FILENO) == 1)
+    EngineSession(const QString &device, bool analyzeOnly, bool json, bool yes)
+        : m_device(device), m_analyzeOnly(analyzeOnly), m_json(json), m_yes(yes),
+          m_terminal(::isatty(STDERR_FILENO) == 1)
     {
     }
 
@@ -143,6 +152,16 @@ public:
                 PrintLine(stdout, m_statusText);
             }
             return finish(kExitOk);
+        }
+        if (!m_yes && DeletesMostOfTheDevice(report) && ConfirmsLargeDeletions()) {
+            m_statusText = LargeDeletionMessage(report);
+            m_error = LargeDeletionExplanation()
+                + QStringLiteral(
+                    " Run the backup again with --yes to go ahead, or look first with: tanner-backup analyze ")
+                + report.target;
+            if (!m_json)
+                PrintError(m_statusText, *m_error);
+            return finish(kExitError);
         }
         if (!m_json)
             PrintLine(stdout, summary);
@@ -293,6 +312,7 @@ private:
     QString m_device;
     bool m_analyzeOnly;
     bool m_json;
+    bool m_yes;
     bool m_terminal;
     bool m_backupRan = false;
     bool m_progressShown = false;
@@ -311,13 +331,18 @@ int _RunEngineCommand(const BUCommandArgs &invocation, bool analyzeOnly)
 {
     QString device;
     bool json = false;
+    bool yes = false;
     for (const QString &arg : invocation.args) {
         if (arg == u"--json") {
             json = true;
+        } else if (arg == u"--yes" && !analyzeOnly) {
+            yes = true;
         } else if (device.isNull() && !arg.startsWith(u'-')) {
             device = arg;
         } else {
-            PrintError(FormatString("%@ takes one device name and --json", invocation.command));
+            PrintError(FormatString(
+                analyzeOnly ? "%@ takes one device name and --json" : "%@ takes one device name, --json and --yes",
+                invocation.command));
             return kExitUsage;
         }
     }
@@ -325,7 +350,7 @@ int _RunEngineCommand(const BUCommandArgs &invocation, bool analyzeOnly)
         PrintError(FormatString("%@ needs the name of a device (see: tanner-backup devices)", invocation.command));
         return kExitUsage;
     }
-    EngineSession session(device, analyzeOnly, json);
+    EngineSession session(device, analyzeOnly, json, yes);
     return session.run();
 }
 

@@ -296,3 +296,28 @@ TEST_F(CommandLineTest, AFailedActionIsListedAndCounted)
     auto settings = OpenSettingsFile(m_home.settingsFile());
     EXPECT_FALSE(ReadIntegerDictionary(*settings, QStringLiteral("twbackup.dates")).contains(QStringLiteral("Dev")));
 }
+
+TEST_F(CommandLineTest, RefusesToEmptyMostOfTheDeviceWithoutYes)
+{
+    mountDevice();
+    useSource();
+    Tree files;
+    for (int i = 0; i < 12; ++i)
+        files.insert(QStringLiteral("f%1.txt").arg(i).toUtf8(), "x");
+    WriteTree(source(), files);
+    ASSERT_EQ(tanner({QStringLiteral("backup"), QStringLiteral("Dev")}).exitCode, 0);
+
+    // The source folder emptied (or a disk not mounted under it): all of its mirror would go.
+    QDir(source()).removeRecursively();
+    QDir().mkpath(source());
+    ProcessResult result = tanner({QStringLiteral("backup"), QStringLiteral("Dev")});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_TRUE(Text(result.err).contains(QStringLiteral("This backup would delete 12 of the 12 items on \"Dev\".")))
+        << result.err.toStdString();
+    EXPECT_TRUE(Text(result.err).contains(QStringLiteral("--yes")));
+    EXPECT_TRUE(QFile::exists(device(QStringLiteral("Docs/f3.txt"))));
+
+    result = tanner({QStringLiteral("backup"), QStringLiteral("Dev"), QStringLiteral("--yes")});
+    EXPECT_EQ(result.exitCode, 0) << result.err.toStdString();
+    EXPECT_FALSE(QFile::exists(device(QStringLiteral("Docs/f3.txt"))));
+}

@@ -353,15 +353,10 @@ bool BUWindowController::confirmLargeDeletion(const BUAnalysisReport &report)
 {
     // An emptied, renamed or unmounted source folder looks to the analysis like a folder whose
     // contents were all deleted. Ask before making the device follow it.
-    if (!ui->confirmDeletionsAction->isChecked() || report.itemsToDelete < 10
-        || report.itemsToDelete * 2 < report.mirrorItems)
+    if (!ui->confirmDeletionsAction->isChecked() || !DeletesMostOfTheDevice(report))
         return true;
-    const int answer = KSAlert::sharedInstance().giveAlertMessage(
-        FormatString("This backup would delete %,lld of the %,lld items on \"%@\".", report.itemsToDelete,
-            report.mirrorItems, report.target),
-        QStringLiteral("That is half or more of what the backup device holds. It happens when a backup folder was "
-                       "emptied or renamed, or lies on a disk that is not mounted. Check the transactions before "
-                       "you go on; you can turn this question off in the Edit menu."),
+    const int answer = KSAlert::sharedInstance().giveAlertMessage(LargeDeletionMessage(report),
+        LargeDeletionExplanation() + QStringLiteral(" You can turn this question off in the Edit menu."),
         {QStringLiteral("Backup"), QStringLiteral("Cancel")});
     return answer == KSAlertController::kFirstButton;
 }
@@ -444,31 +439,17 @@ void BUWindowController::selectTransactionRow(qsizetype row)
 
 void BUWindowController::backupStatus(const BUBackupStatusReport &report)
 {
-    g_copiedBytes += report.copied;
     bytesInFlight = 0;
-    qsizetype highest = -1, lowest = g_transactions.size();
-    for (auto it = report.trans.begin(); it != report.trans.end(); ++it) {
-        const qsizetype index = it.key();
-        if (index < 0 || index >= g_transactions.size())
-            continue;
-        BUTransaction &transaction = g_transactions[index];
-        transaction.setDone(true);
-        ++g_finishedTransactions;
-        highest = std::max(highest, index);
-        lowest = std::min(lowest, index);
-        if (!it.value().isEmpty()) {
-            qsizetype errorIndex = g_errors.indexOf(it.value());
-            if (errorIndex < 0) {
-                g_errors.append(it.value());
-                errorIndex = g_errors.size() - 1;
-            }
-            transaction.setErrorIndex(quint64(errorIndex));
-            ++g_failedTransactions;
-            ui->actionTable->verticalHeader()->resizeSection(int(index), kFailedRowHeight);
+    const qsizetype highest = ApplyBackupStatus(report.trans, report.copied);
+    if (!report.trans.isEmpty()) {
+        const qsizetype lowest = report.trans.firstKey(); // a map: its keys come in order
+        for (auto it = report.trans.begin(); it != report.trans.end(); ++it) {
+            if (!it.value().isEmpty() && it.key() < g_transactions.size())
+                ui->actionTable->verticalHeader()->resizeSection(int(it.key()), kFailedRowHeight);
         }
+        if (highest >= 0)
+            transactionModel.rowsChanged(int(std::max<qsizetype>(lowest, 0)), int(highest));
     }
-    if (highest >= 0)
-        transactionModel.rowsChanged(int(lowest), int(highest));
     const qsizetype count = g_transactions.size();
     selectTransactionRow(std::min(report.trans.isEmpty() ? qsizetype(1) : highest + 1, count - 1));
     ui->doneCountField->setText(FormatString("%,lld", qint64(g_finishedTransactions)));
@@ -507,7 +488,7 @@ void BUWindowController::backupComplete(const BUBackupCompleteReport &report)
     if (report.cancel) {
         status = QStringLiteral("Backup canceled");
         QApplication::beep();
-    } else if (g_failedTransactions == 0) {
+    } else if (g_failedTransactions == 0 && !report.error) {
         selectTransactionRow(0);
         const QDateTime now = QDateTime::currentDateTime();
         controller.backupDates()[report.target] = DayIndexForToday();
@@ -516,8 +497,13 @@ void BUWindowController::backupComplete(const BUBackupCompleteReport &report)
         alert = false;
         QApplication::beep();
     } else {
-        status = g_failedTransactions == 1 ? QStringLiteral("1 backup action failed")
-                                           : FormatString("%d backup actions failed", int(g_failedTransactions));
+        // A fatal error with no failed action (the final flush to the device failed) is a
+        // failure too: no date is recorded for it.
+        if (g_failedTransactions == 0)
+            status = FormatString("Backup to %@ failed.", report.target);
+        else
+            status = g_failedTransactions == 1 ? QStringLiteral("1 backup action failed")
+                                               : FormatString("%d backup actions failed", int(g_failedTransactions));
         nextError();
         if (report.error) {
             KSAlert::sharedInstance().giveAlertMessage(FormatString("Backup to %@ failed.", report.target),

@@ -122,6 +122,27 @@ int main(int argc, char **argv)
     RunToEnd(window);
     Save(&window, "screenshot-failure.png");
 
+    // The same window in a dark palette, as a desktop in dark mode hands it over.
+    {
+        const QPalette light = QApplication::palette();
+        QPalette dark;
+        dark.setColor(QPalette::Window, QColor(45, 45, 48));
+        dark.setColor(QPalette::WindowText, QColor(230, 230, 230));
+        dark.setColor(QPalette::Base, QColor(30, 30, 32));
+        dark.setColor(QPalette::AlternateBase, QColor(40, 40, 44));
+        dark.setColor(QPalette::Text, QColor(230, 230, 230));
+        dark.setColor(QPalette::Button, QColor(55, 55, 60));
+        dark.setColor(QPalette::ButtonText, QColor(230, 230, 230));
+        dark.setColor(QPalette::Highlight, QColor(42, 110, 190));
+        dark.setColor(QPalette::HighlightedText, Qt::white);
+        dark.setColor(QPalette::Disabled, QPalette::Text, QColor(130, 130, 130));
+        dark.setColor(QPalette::Disabled, QPalette::WindowText, QColor(130, 130, 130));
+        dark.setColor(QPalette::Disabled, QPalette::ButtonText, QColor(130, 130, 130));
+        QApplication::setPalette(dark);
+        Save(&window, "screenshot-dark.png");
+        QApplication::setPalette(light);
+    }
+
     // The rule dialog, editing a file rule.
     window.findChild<QComboBox *>(QStringLiteral("rulePicker"))->setCurrentIndex(2);
     BURuleDialog dialog(6, 2, &window);

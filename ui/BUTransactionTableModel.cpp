@@ -11,9 +11,6 @@
 
 namespace {
 
-// The red of failed rows and crosses.
-const QColor kAlertRed(195, 33, 33);
-
 bool Failed(const BUTransaction &transaction)
 {
     return transaction.errorIndex() != BUTransaction::kNoError;
@@ -85,7 +82,7 @@ QVariant BUTransactionTableModel::data(const QModelIndex &index, int role) const
         return index.column() == kTypeColumn && t.isFolder() ? QVariant(folderImage) : QVariant();
     case Qt::ForegroundRole:
         if (failed && index.column() != kTypeColumn)
-            return QBrush(kAlertRed);
+            return QBrush(BUTransactionTableModel::alertRed());
         return {};
     case Qt::TextAlignmentRole:
         return index.column() == kStatusColumn ? QVariant(Qt::AlignCenter) : QVariant(Qt::AlignLeft | Qt::AlignVCenter);

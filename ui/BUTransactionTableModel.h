@@ -5,6 +5,7 @@
 #pragma once
 
 #include <QAbstractTableModel>
+#include <QColor>
 #include <QIcon>
 
 class BUTransactionTableModel : public QAbstractTableModel {
@@ -23,6 +24,9 @@ public:
     int columnCount(const QModelIndex &parent = {}) const override;
     QVariant data(const QModelIndex &index, int role) const override;
     QVariant headerData(int section, Qt::Orientation orientation, int role) const override;
+
+    // The red of failed rows, crosses and failure statuses (sRGB 195, 33, 33).
+    static QColor alertRed() { return QColor(195, 33, 33); }
 
     // The location column's text: the parent folder, without the volumes root.
     static QString locationOf(const QString &path);

@@ -28,7 +28,6 @@
 
 namespace {
 
-const QColor kAlertRed(195, 33, 33);
 const QString kExpandRecentKey = QStringLiteral("twbackup.expandR");
 const QString kExpandOtherKey = QStringLiteral("twbackup.expandO");
 const QString kWindowKey = QStringLiteral("twbackup.window");
@@ -315,7 +314,8 @@ void BUWindowController::validateMenuItems()
 void BUWindowController::setStatus(const QString &text, bool alert)
 {
     QPalette palette = ui->statusField->palette();
-    palette.setColor(QPalette::WindowText, alert ? kAlertRed : QApplication::palette().color(QPalette::WindowText));
+    palette.setColor(QPalette::WindowText,
+        alert ? BUTransactionTableModel::alertRed() : QApplication::palette().color(QPalette::WindowText));
     ui->statusField->setPalette(palette);
     ui->statusField->setText(text);
 }

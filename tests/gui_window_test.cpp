@@ -6,6 +6,7 @@
 #include "keelson/KSDayIndex.h"
 #include "keelson/gui/KSAlert.h"
 #include "keelson/gui/KSAlertController.h"
+#include "keelson/gui/KSFileChooser.h"
 #include "tests/support/GuiTestSupport.h"
 #include "tests/support/TestSupport.h"
 #include "ui/BUExtraStuffDialog.h"
@@ -148,6 +149,31 @@ TEST_F(MainWindow, VolumesAppearAndGoWhileTheWindowIsOpen)
     ASSERT_TRUE(LazyUnmount(late));
     EXPECT_TRUE(WaitUntil([this] { return !selectDevice(QStringLiteral("Late Disk")); }));
     EXPECT_TRUE(selectDevice(QStringLiteral("Backup Disk")));
+}
+
+TEST_F(MainWindow, AddingFoldersAndDeletingRules)
+{
+    const QString photos = home.path() + QStringLiteral("/a/Photos"), other = home.path() + QStringLiteral("/b/photos");
+    QDir().mkpath(photos);
+    QDir().mkpath(other);
+    auto *rules = window->findChild<QListView *>(QStringLiteral("ruleTable"));
+    auto *deleteButton = window->findChild<QPushButton *>(QStringLiteral("deleteRuleButton"));
+    KSSetNextChooserAnswer(QStringList {photos, other, source});
+    window->addRule();
+    EXPECT_EQ(KSLastChooserMessage(), QStringLiteral("Select one or more folders to backup"));
+    EXPECT_EQ(alerts, QStringList {QStringLiteral("Can't add a backup folder.")}); // "photos" twice; Docs silently
+    EXPECT_EQ(BUAppController::sharedInstance().backupFolders(), (QStringList {source, photos}));
+    EXPECT_EQ(rules->model()->rowCount(), 2);
+
+    // Deleting the last row selects the new last one; deleting the only one turns Delete off.
+    rules->setCurrentIndex(rules->model()->index(1, 0));
+    EXPECT_TRUE(deleteButton->isEnabled());
+    deleteButton->click();
+    EXPECT_EQ(rules->currentIndex().row(), 0);
+    deleteButton->click();
+    EXPECT_EQ(rules->model()->rowCount(), 0);
+    EXPECT_FALSE(deleteButton->isEnabled());
+    EXPECT_FALSE(backupButton->isEnabled()); // nothing to back up
 }
 
 TEST_F(MainWindow, FailedActionIsRedAndNextErrorFindsIt)

@@ -99,6 +99,20 @@ QString _TargetFilePath(const BUTransaction &transaction, const QString &deviceR
 
 // Clears the immutable flags of a device item and gives it read and write for everyone, with
 // everything inside it when `inside` (before a removal); only if something is there.
+void _SetFullPermissionsAt(int parentFd, const QByteArray &name, const QString &devicePath, bool inside)
+{
+    struct stat status;
+    if (parentFd < 0 || ::fstatat(parentFd, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return;
+    ClearImmutableFlags(parentFd, name.constData());
+    if (inside) {
+        GiveUserFilePermissions(parentFd, name.constData(), devicePath);
+    } else if (!S_ISLNK(status.st_mode) && (status.st_mode & 0666) != 0666
+        && ::fchmodat(parentFd, name.constData(), (status.st_mode & 07777) | 0666, AT_SYMLINK_NOFOLLOW) != 0) {
+        LogString("Can't change permissions of %@. %@", devicePath, SystemErrorText(errno));
+    }
+}
+
 void _SetFullPermissions(BackupRun &run, const QString &devicePath, bool inside, bool caseFallback)
 {
     const QString relative = run.device.relativePath(devicePath);
@@ -106,16 +120,7 @@ void _SetFullPermissions(BackupRun &run, const QString &devicePath, bool inside,
         return;
     QByteArray name;
     const Descriptor parent {run.device.openParent(relative, &name, caseFallback, nullptr)};
-    struct stat status;
-    if (parent.fd < 0 || ::fstatat(parent.fd, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0)
-        return;
-    ClearImmutableFlags(parent.fd, name.constData());
-    if (inside) {
-        GiveUserFilePermissions(parent.fd, name.constData(), devicePath);
-    } else if (!S_ISLNK(status.st_mode) && (status.st_mode & 0666) != 0666
-        && ::fchmodat(parent.fd, name.constData(), (status.st_mode & 07777) | 0666, AT_SYMLINK_NOFOLLOW) != 0) {
-        LogString("Can't change permissions of %@. %@", devicePath, SystemErrorText(errno));
-    }
+    _SetFullPermissionsAt(parent.fd, name, devicePath, inside);
 }
 
 // Gives the device copy of a transaction's source item the source's attributes; the text is ""
@@ -130,14 +135,22 @@ QString _UpdateItem(BackupRun &run, const BUTransaction &transaction)
     BUError error;
     if (!ReadItemAttributesAtPath(FileNameToBytes(transaction.path()), &attributes, &error))
         return _ErrorStringFromError(run, error, QString());
-    // Only the item itself: the modes of what is inside a folder are its own attributes, and a
-    // pass over them would leave every copy inside with modes that differ from the sources.
-    _SetFullPermissions(run, devicePath, false, true);
     const QString relative = run.device.relativePath(devicePath);
     QByteArray name;
     const Descriptor parent {run.device.openParent(relative, &name, true, &error)};
     if (parent.fd < 0)
         return _ErrorStringFromError(run, BUError::deviceWrite(error.code), devicePath);
+    // The analysis matched names without regard to case: the device item may be spelled
+    // differently from the source.
+    struct stat status;
+    if (::fstatat(parent.fd, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT) {
+        const QByteArray listed = NameIgnoringCase(parent.fd, name, transaction.isFolder());
+        if (!listed.isEmpty())
+            name = listed;
+    }
+    // Only the item itself: the modes of what is inside a folder are its own attributes, and a
+    // pass over them would leave every copy inside with modes that differ from the sources.
+    _SetFullPermissionsAt(parent.fd, name, devicePath, false);
     const Descriptor item {
         ::openat(parent.fd, name.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
     if (item.fd < 0)
@@ -250,6 +263,34 @@ QString _DeleteItem(BackupRun &run, const BUTransaction &transaction)
     return QString();
 }
 
+// The source folder that a device folder mirrors, found by name: the backup folder whose last
+// component is the mirror's exact name at the top of the device, then each further component as
+// the device spells it or, where the source has no such folder, as the analysis matched it:
+// without regard to case, the first listed winning.
+QString _SourceOfMirror(const BackupRun &run, const QString &relative)
+{
+    const QStringList components = relative.split(u'/');
+    QByteArray path;
+    for (const QString &folder : *run.backupFolders) {
+        if (LastPathComponent(folder) == components[0]) {
+            path = FileNameToBytes(folder);
+            break;
+        }
+    }
+    for (qsizetype i = 1; i < components.size() && !path.isEmpty(); ++i) {
+        QByteArray name = FileNameToBytes(components[i]);
+        struct stat status;
+        if (::lstat((path + '/' + name).constData(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+            const Descriptor folder {::open(path.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)};
+            name = folder.fd >= 0 ? NameIgnoringCase(folder.fd, name, true) : QByteArray();
+            if (name.isEmpty())
+                return QString();
+        }
+        path += '/' + name;
+    }
+    return FileNameFromBytes(path);
+}
+
 // Gives every folder the run changed its source's mode and times, as the last step: creating and
 // removing items inside a folder sets its time.
 void _RestoreFolderAttributes(BackupRun &run)
@@ -259,16 +300,8 @@ void _RestoreFolderAttributes(BackupRun &run)
         [](const QString &a, const QString &b) { return a.count(u'/') > b.count(u'/'); });
     for (const QString &relative : std::as_const(folders)) {
         QString source = run.touchedFolders.value(relative);
-        if (source.isEmpty()) {
-            // The mirror of a backup folder carries its exact name at the top of the device.
-            const QString top = relative.section(u'/', 0, 0);
-            for (const QString &folder : *run.backupFolders) {
-                if (LastPathComponent(folder) == top) {
-                    source = folder + relative.mid(top.size());
-                    break;
-                }
-            }
-        }
+        if (source.isEmpty())
+            source = _SourceOfMirror(run, relative);
         BUItemAttributes attributes;
         struct stat status;
         if (source.isEmpty() || ::lstat(FileNameToBytes(source).constData(), &status) != 0 || !S_ISDIR(status.st_mode)

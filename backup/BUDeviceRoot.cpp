@@ -53,22 +53,14 @@ bool _ListFolder(int folderFd, QList<QByteArray> *names)
     return complete;
 }
 
-// Finds a folder in folderFd whose name equals `wanted` without regard to case.
 int _OpenFolderIgnoringCase(int folderFd, const QByteArray &wanted)
 {
-    QList<QByteArray> names;
-    if (!_ListFolder(folderFd, &names))
+    const QByteArray name = NameIgnoringCase(folderFd, wanted, true);
+    if (name.isEmpty()) {
+        errno = ENOENT;
         return -1;
-    const QString wantedName = FileNameFromBytes(wanted);
-    for (const QByteArray &name : std::as_const(names)) {
-        if (CaseInsensitiveCompare(FileNameFromBytes(name), wantedName) != KSOrderedSame)
-            continue;
-        struct stat status;
-        if (::fstatat(folderFd, name.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode))
-            return _OpenBeneath(folderFd, name.constData(), O_RDONLY | O_DIRECTORY);
     }
-    errno = ENOENT;
-    return -1;
+    return _OpenBeneath(folderFd, name.constData(), O_RDONLY | O_DIRECTORY);
 }
 
 uint64_t _MountId(int fd, const char *path)
@@ -194,6 +186,23 @@ bool BUDeviceRoot::isStillMounted()
             && (m_mountId == 0 || _MountId(AT_FDCWD, FileNameToBytes(m_path).constData()) == m_mountId);
     }
     return m_mounted;
+}
+
+QByteArray NameIgnoringCase(int folderFd, const QByteArray &wanted, bool folder)
+{
+    QList<QByteArray> names;
+    if (!_ListFolder(folderFd, &names))
+        return QByteArray();
+    const QString wantedName = FileNameFromBytes(wanted);
+    for (const QByteArray &name : std::as_const(names)) {
+        if (CaseInsensitiveCompare(FileNameFromBytes(name), wantedName) != KSOrderedSame)
+            continue;
+        struct stat status;
+        if (::fstatat(folderFd, name.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0
+            && (folder ? S_ISDIR(status.st_mode) : S_ISREG(status.st_mode)))
+            return name;
+    }
+    return QByteArray();
 }
 
 bool RemoveItemAt(int folderFd, const char *name, BUError *error)

@@ -64,6 +64,9 @@ private:
     BUVolumeKind m_kind;
 };
 
+// The first name listed in a folder that equals `wanted` without regard to case and is a folder
+// (or a regular file); empty when there is none. Links never match.
+QByteArray NameIgnoringCase(int folderFd, const QByteArray &wanted, bool folder);
 // Removes an item and, for a folder, everything inside it, never following a link and never
 // entering another file system mounted inside (EBUSY).
 bool RemoveItemAt(int folderFd, const char *name, BUError *error);

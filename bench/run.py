@@ -3,17 +3,19 @@
 device, in a private mount namespace, and writes the medians and ratios to docs/PERFORMANCE.md.
 
 Run as root:  bench/run.py [--runs 5] [--workloads W1,W2,W3,W4,W5] [--devices ext4,tmpfs]
-              [--binary build/tanner-backup] [--tiny] [--no-write]
+              [--scale 1.0] [--cache cold|warm] [--binary build/tanner-backup] [--tiny] [--no-write]
 
-Workloads (fixed random seed):
+Workloads (fixed random seed; --scale shrinks the counts and sizes, keeping the shape):
   W1  200,000 files of 0 to 16 KiB in 20,000 folders, 6 levels deep: a full backup
   W2  8 files of 256 MiB: a full backup
   W3  W1 right after a backup: a pure comparison
   W4  W1 with 1% of files modified, 0.5% deleted, 0.5% added and one folder renamed
   W5  100,000 files in one folder: a full backup
-Every tool runs on the same source and the same freshly prepared device; the tools alternate run
-by run, and the page cache is dropped before every timed run (or, where that is not allowed,
-warmed by reading both trees, the same for every tool).
+The source lives on an ext4 file system of its own (a loop device), as a user's files live on a
+disk; the device is a second ext4 loop device or a tmpfs. Every tool runs on the same source and
+the same freshly prepared device; the tools alternate run by run, and before every timed run the
+page cache is dropped (--cache cold) or dropped and then filled by reading both trees (--cache
+warm), the same for every tool.
 """
 import argparse
 import os
@@ -22,10 +24,25 @@ import shutil
 import statistics
 import subprocess
 import sys
+import threading
 import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 SEED = 20261122
+MKFS = ["mkfs.ext4", "-q", "-F", "-i", "8192", "-E", "lazy_itable_init=0,lazy_journal_init=0"]
+
+# The targets: (workload, peer, largest tanner/peer ratio of the medians, what is compared).
+TARGETS = [
+    ("W3", "rsync -n", 0.5, "wall"),
+    ("W3", "stat floor", 1.5, "wall"),
+    ("W1", "rsync", 0.8, "wall"),
+    ("W1", "cp -a", 1.2, "wall"),
+    ("W2", "cp -a", 1.05, "wall"),
+    ("W4", "rsync", 0.6, "wall"),
+    ("W5", "rsync", 0.8, "wall"),
+    ("W1", "rsync", 0.5, "rss"),
+    ("W3", "rsync", 0.5, "rss"),
+]
 
 
 def sh(*args, check=True, **kw):
@@ -44,29 +61,49 @@ def enter_private_namespace():
 
 
 class Scale:
-    def __init__(self, tiny):
-        self.files = 2000 if tiny else 200_000
-        self.fanout = 3 if tiny else 5  # 6 levels of 5: 19,530 folders
+    """The workloads' sizes; 1.0 is the full benchmark, smaller values keep its shape for quick runs."""
+
+    def __init__(self, scale):
+        self.scale = scale
+        self.files = max(100, round(200_000 * scale))
+        self.folders = max(6, round(20_000 * scale))
+        self.levels = 6
         self.max_size = 16 * 1024
-        self.big_files = 2 if tiny else 8
-        self.big_size = (4 if tiny else 256) * 1024 * 1024
-        self.flat_files = 1000 if tiny else 100_000
+        self.big_files = 8
+        self.big_size = max(4, round(256 * scale)) * 1024 * 1024
+        self.flat_files = max(100, round(100_000 * scale))
+
+    def size_mib(self, name):
+        """A file system that holds one copy of the workload with room to spare."""
+        if name == "W2":
+            data = self.big_files * self.big_size
+        elif name == "W5":
+            data = self.flat_files * 8192
+        else:
+            data = self.files * 14 * 1024 + self.folders * 4096
+        return max(256, int(data * 1.5 / 2**20))
 
 
-def folder_paths(root, fanout, levels=6):
+def folder_paths(root, total, levels):
+    """About `total` folders, `levels` deep, each level r times as wide as the one above."""
+    lo, hi = 1.0, float(total)
+    for _ in range(100):
+        r = (lo + hi) / 2
+        lo, hi = (r, hi) if sum(r**k for k in range(1, levels + 1)) < total else (lo, r)
     paths, frontier = [], [root]
-    for _ in range(levels):
-        nxt = []
-        for parent in frontier:
-            for i in range(fanout):
-                nxt.append(os.path.join(parent, f"d{i:02d}"))
-        paths += nxt
-        frontier = nxt
+    for k in range(1, levels + 1):
+        count = max(len(frontier), round(lo**k))
+        level = []
+        for j in range(count):
+            parent = frontier[j % len(frontier)]
+            level.append(os.path.join(parent, f"d{j // len(frontier):02d}"))
+        paths += level
+        frontier = level
     return paths
 
 
 def make_w1(root, scale, rng):
-    folders = folder_paths(root, scale.fanout)
+    folders = folder_paths(root, scale.folders, scale.levels)
     for f in folders:
         os.makedirs(f, exist_ok=True)
     files = []
@@ -85,7 +122,7 @@ def make_w2(root, scale, rng):
     for i in range(scale.big_files):
         with open(os.path.join(root, f"big{i}.bin"), "wb") as out:
             for k in range(scale.big_size // len(block)):
-                out.write(block[k % 7:] + block[: k % 7])
+                out.write(block[k % 7 :] + block[: k % 7])
 
 
 def make_w5(root, scale, rng):
@@ -98,7 +135,7 @@ def make_w5(root, scale, rng):
 def change_w4(root, files, rng):
     """1% modified, 0.5% deleted, 0.5% added, one folder renamed."""
     n = len(files)
-    picks = rng.sample(files, n // 50)
+    picks = rng.sample(files, n // 100 + n // 200)
     modified, deleted = picks[: n // 100], picks[n // 100 :]
     now = time.time() + 3600
     for path in modified:
@@ -111,54 +148,129 @@ def change_w4(root, files, rng):
     for i in range(n // 200):
         with open(os.path.join(folders[i % len(folders)], f"new{i:06d}.dat"), "wb") as out:
             out.write(rng.randbytes(rng.randint(0, 16 * 1024)))
-    victim = next(f for f in folders if os.path.exists(f) and f.count("/") == root.count("/") + 2)
+    # A folder two levels above the bottom: about 1/600 of the tree moves.
+    victim = next(f for f in folders if os.path.exists(f) and f.count("/") == root.count("/") + 4)
     os.rename(victim, victim + "-renamed")
 
 
 def drop_caches():
     sh("sync")
-    try:
-        with open("/proc/sys/vm/drop_caches", "w") as f:
-            f.write("3\n")
-        return "dropped"
-    except OSError:
-        return None
+    with open("/proc/sys/vm/drop_caches", "w") as f:
+        f.write("3\n")
 
 
 def warm(*trees):
+    """Reads every item's metadata and every file's data."""
     for tree in trees:
-        sh("sh", "-c", f"find '{tree}' -type f -print0 | xargs -0 -r cat > /dev/null", check=False)
+        sh("sh", "-c", f"find '{tree}' -printf '' ; find '{tree}' -type f -print0 | xargs -0 -r cat > /dev/null",
+           check=False)
 
 
-def timed(cmd, env=None):
-    """Runs a command under /usr/bin/time; returns (wall seconds, peak RSS in KiB)."""
-    out = subprocess.run(["/usr/bin/time", "-f", "TIME %e %M"] + cmd, env=env, stdout=subprocess.DEVNULL,
-                         stderr=subprocess.PIPE, text=True)
-    line = [l for l in out.stderr.splitlines() if l.startswith("TIME ")]
-    if out.returncode not in (0, 1) or not line:
-        raise RuntimeError(f"{cmd[0]} failed ({out.returncode}): {out.stderr[-2000:]}")
+def _tree_rss_kib(pid):
+    """Resident KiB of a process's descendants (not the process itself)."""
+    total, stack = 0, [pid]
+    while stack:
+        parent = stack.pop()
+        try:
+            tasks = os.listdir(f"/proc/{parent}/task")
+        except OSError:
+            continue
+        for task in tasks:
+            try:
+                with open(f"/proc/{parent}/task/{task}/children") as f:
+                    children = [int(c) for c in f.read().split()]
+            except OSError:
+                continue
+            for child in children:
+                stack.append(child)
+                try:
+                    with open(f"/proc/{child}/statm") as f:
+                        total += int(f.read().split()[1]) * os.sysconf("SC_PAGE_SIZE") // 1024
+                except OSError:
+                    pass
+    return total
+
+
+def timed(cmd, env=None, ok=(0,)):
+    """Runs a command under /usr/bin/time. Returns (wall seconds, peak RSS KiB of its largest
+    process, peak RSS KiB of all its processes together, sampled every 20 ms)."""
+    process = subprocess.Popen(["/usr/bin/time", "-f", "TIME %e %M"] + cmd, env=env, stdout=subprocess.DEVNULL,
+                               stderr=subprocess.PIPE, text=True)
+    peak = [0]
+
+    def sample():
+        while process.poll() is None:
+            peak[0] = max(peak[0], _tree_rss_kib(process.pid))
+            time.sleep(0.02)
+
+    sampler = threading.Thread(target=sample)
+    sampler.start()
+    _, err = process.communicate()
+    sampler.join()
+    line = [l for l in err.splitlines() if l.startswith("TIME ")]
+    if process.returncode not in ok or not line:
+        raise RuntimeError(f"{cmd[0]} failed ({process.returncode}): {err[-2000:]}")
     _, wall, rss = line[-1].split()
-    return float(wall), int(rss)
+    return float(wall), int(rss), max(int(rss), peak[0])
+
+
+class Ext4:
+    """An ext4 file system on a loop device, made from an image file."""
+
+    def __init__(self, image, mount, size_mib):
+        self.image, self.mount, self.size_mib = image, mount, size_mib
+
+    def fresh(self, pristine=None):
+        self.close()
+        os.makedirs(self.mount, exist_ok=True)
+        if pristine:
+            sh("cp", "--sparse=always", pristine, self.image)
+        else:
+            with open(self.image, "wb") as f:
+                f.truncate(self.size_mib * 1024 * 1024)
+            sh(*MKFS, self.image)
+        sh("mount", "-o", "loop", self.image, self.mount)
+        if not pristine:
+            # A device's top level holds only the mirrors: mkfs's lost+found would be an extra item.
+            os.rmdir(os.path.join(self.mount, "lost+found"))
+
+    def close(self):
+        if os.path.ismount(self.mount):
+            sh("umount", self.mount)
 
 
 class Device:
+    """The backup device "BenchDisk": ext4 on a loop device or a tmpfs, prepared afresh for every
+    run, empty or as a pristine copy saved after the first backup."""
+
     def __init__(self, kind, work, size_mib):
         self.kind, self.work, self.size_mib = kind, work, size_mib
         self.volumes = os.path.join(work, "volumes")
         self.mount = os.path.join(self.volumes, "BenchDisk")
-        self.image = os.path.join(work, "device.img")
+        self.ext4 = Ext4(os.path.join(work, "device.img"), self.mount, size_mib)
+        self.pristine = None
 
     def fresh(self):
-        if os.path.ismount(self.mount):
-            sh("umount", self.mount)
-        os.makedirs(self.mount, exist_ok=True)
         if self.kind == "tmpfs":
+            self.close()
+            os.makedirs(self.mount, exist_ok=True)
             sh("mount", "-t", "tmpfs", "-o", f"size={self.size_mib}m", "tmpfs", self.mount)
+            if self.pristine:
+                sh("cp", "-a", self.pristine + "/.", self.mount)
         else:
-            with open(self.image, "wb") as f:
-                f.truncate(self.size_mib * 1024 * 1024)
-            sh("mkfs.ext4", "-q", "-F", "-E", "lazy_itable_init=0,lazy_journal_init=0", self.image)
-            sh("mount", "-o", "loop", self.image, self.mount)
+            self.ext4.fresh(self.pristine)
+
+    def save_pristine(self):
+        """Keeps the device as it is now; fresh() then restores it."""
+        if self.kind == "tmpfs":
+            self.pristine = os.path.join(self.work, "pristine")
+            if os.path.exists(self.pristine):
+                shutil.rmtree(self.pristine)
+            sh("cp", "-a", self.mount, self.pristine)
+        else:
+            self.ext4.close()
+            self.pristine = os.path.join(self.work, "pristine.img")
+            sh("cp", "--sparse=always", self.ext4.image, self.pristine)
 
     def close(self):
         if os.path.ismount(self.mount):
@@ -178,13 +290,10 @@ def tanner_env(work, folder):
 
 def run_workload(name, args, work, scale, device_kind):
     rng = random.Random(SEED)
-    src_mount = os.path.join(work, "source")
-    os.makedirs(src_mount, exist_ok=True)
-    if not os.path.ismount(src_mount):
-        sh("mount", "-t", "tmpfs", "-o", "size=4g" if args.tiny else "size=6g", "tmpfs", src_mount)
-    for entry in os.listdir(src_mount):
-        shutil.rmtree(os.path.join(src_mount, entry))
-    folder = os.path.join(src_mount, name)
+    size_mib = scale.size_mib(name)
+    source = Ext4(os.path.join(work, "source.img"), os.path.join(work, "source"), size_mib)
+    source.fresh()
+    folder = os.path.join(source.mount, name)
     files = []
     if name in ("W1", "W3", "W4"):
         files = make_w1(folder, scale, rng)
@@ -193,25 +302,16 @@ def run_workload(name, args, work, scale, device_kind):
     else:
         make_w5(folder, scale, rng)
 
-    size_mib = 2048 if args.tiny else (4096 if name == "W2" else 3072)
     device = Device(device_kind, work, size_mib)
     env = tanner_env(work, folder)
     binary = os.path.abspath(args.binary)
     target = os.path.join(device.mount, name)
-    pristine = os.path.join(work, "pristine")
-
-    def prepare(full):
-        device.fresh()
-        if not full:
-            sh("cp", "-a", pristine, target)
 
     incremental = name in ("W3", "W4")
     if incremental:
         device.fresh()
         sh(binary, "backup", "BenchDisk", env=env, stdout=subprocess.DEVNULL)
-        if os.path.exists(pristine):
-            shutil.rmtree(pristine)
-        sh("cp", "-a", target, pristine)
+        device.save_pristine()
         if name == "W4":
             change_w4(folder, files, rng)
 
@@ -226,12 +326,14 @@ def run_workload(name, args, work, scale, device_kind):
     results = {tool: [] for tool in tools}
     order = list(tools)
     for run in range(args.runs):
-        for tool in order[run % len(order):] + order[: run % len(order)]:
-            prepare(full=not incremental)
-            if drop_caches() is None:
+        for tool in order[run % len(order) :] + order[: run % len(order)]:
+            device.fresh()
+            drop_caches()
+            if args.cache == "warm":
                 warm(folder, device.mount)
             results[tool].append(timed(tools[tool], env=env if tool == "tanner" else None))
     device.close()
+    source.close()
     return results
 
 
@@ -243,20 +345,39 @@ def machine():
                 model = line.split(":", 1)[1].strip()
                 break
     mem = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") / 2**30
-    return f"{os.cpu_count()} cores ({model}), {mem:.0f} GiB, Linux {os.uname().release}"
+    rsync = subprocess.run(["rsync", "--version"], capture_output=True, text=True).stdout.split("\n")[0]
+    cp = subprocess.run(["cp", "--version"], capture_output=True, text=True).stdout.split("\n")[0]
+    return f"{os.cpu_count()} cores ({model}), {mem:.0f} GiB, Linux {os.uname().release}; {rsync}; {cp}"
+
+
+def medians(results):
+    return {t: tuple(statistics.median(r[i] for r in runs) for i in range(3)) for t, runs in results.items()}
 
 
 def report(all_results, args):
-    lines = [f"Machine: {machine()}. {args.runs} runs per tool, medians.", ""]
-    lines.append("| workload | device | tool | wall s | peak RSS MiB | tanner/tool wall | tanner/tool RSS |")
-    lines.append("|---|---|---|---|---|---|---|")
+    lines = [f"Machine: {machine()}.", "",
+             f"Scale {args.scale:g}, page cache {args.cache}, {args.runs} runs per tool, medians. RSS: the largest "
+             "process's peak (from the kernel) and the peak of all the tool's processes together (sampled).", "",
+             "| workload | device | tool | wall s | RSS MiB | RSS all MiB | tanner/tool wall | tanner/tool RSS all |",
+             "|---|---|---|---|---|---|---|---|"]
     for (name, dev), results in all_results.items():
-        med = {t: (statistics.median(w for w, _ in r), statistics.median(m for _, m in r)) for t, r in results.items()}
-        tw, tm = med["tanner"]
-        for tool, (wall, rss) in med.items():
+        med = medians(results)
+        tw, _, ta = med["tanner"]
+        for tool, (wall, rss, alls) in med.items():
             ratio = "" if tool == "tanner" else f"{tw / wall:.2f}" if wall > 0 else "n/a"
-            mratio = "" if tool == "tanner" or "floor" in tool else f"{tm / rss:.2f}"
-            lines.append(f"| {name} | {dev} | {tool} | {wall:.2f} | {rss / 1024:.1f} | {ratio} | {mratio} |")
+            mratio = "" if tool == "tanner" or "floor" in tool else f"{ta / alls:.2f}"
+            lines.append(f"| {name} | {dev} | {tool} | {wall:.2f} | {rss / 1024:.1f} | {alls / 1024:.1f} "
+                         f"| {ratio} | {mratio} |")
+    lines += ["", "| target | device | ratio | limit | met |", "|---|---|---|---|---|"]
+    for name, peer, limit, what in TARGETS:
+        for (workload, dev), results in all_results.items():
+            if workload != name or peer not in results:
+                continue
+            med = medians(results)
+            index = 0 if what == "wall" else 2
+            ratio = med["tanner"][index] / med[peer][index] if med[peer][index] > 0 else float("inf")
+            label = f"{name} {'time' if what == 'wall' else 'memory'} / {peer}"
+            lines.append(f"| {label} | {dev} | {ratio:.2f} | {limit} | {'yes' if ratio <= limit else 'no'} |")
     return "\n".join(lines)
 
 
@@ -265,28 +386,36 @@ def main():
     parser.add_argument("--runs", type=int, default=5)
     parser.add_argument("--workloads", default="W1,W2,W3,W4,W5")
     parser.add_argument("--devices", default="ext4,tmpfs")
+    parser.add_argument("--scale", type=float, default=1.0, help="fraction of the full workloads (1.0)")
+    parser.add_argument("--cache", choices=("cold", "warm"), default="cold",
+                        help="page cache before every timed run: dropped, or dropped and filled with both trees")
     parser.add_argument("--binary", default=os.path.join(ROOT, "build", "tanner-backup"))
     parser.add_argument("--workdir", default="/var/tmp/tanner-bench")
-    parser.add_argument("--tiny", action="store_true", help="a small workload, to check that the benchmark runs")
+    parser.add_argument("--tiny", action="store_true", help="a small workload (--scale 0.01), to check that it runs")
     parser.add_argument("--no-write", action="store_true", help="print the results without writing docs/PERFORMANCE.md")
     args = parser.parse_args()
+    if args.tiny:
+        args.scale = min(args.scale, 0.01)
     enter_private_namespace()
     os.makedirs(args.workdir, exist_ok=True)
-    scale = Scale(args.tiny)
+    scale = Scale(args.scale)
     all_results = {}
     for dev in args.devices.split(","):
         for name in args.workloads.split(","):
             print(f"== {name} on {dev}", flush=True)
             all_results[(name, dev)] = run_workload(name, args, args.workdir, scale, dev)
+            print(report({(name, dev): all_results[(name, dev)]}, args).split("\n\n")[2], flush=True)
     text = report(all_results, args)
     print(text)
-    if not args.no_write and not args.tiny:
+    if not args.no_write and args.scale == 1.0 and args.runs >= 5:
         path = os.path.join(ROOT, "docs", "PERFORMANCE.md")
         old = open(path).read() if os.path.exists(path) else "# Performance\n"
-        marker = "## Benchmark results"
-        head = old.split(marker)[0].rstrip() + "\n\n"
+        marker = f"## Benchmark results, page cache {args.cache}"
+        head, _, rest = old.partition(marker)
+        tail = rest[rest.find("\n## ") :] if "\n## " in rest else ""
         with open(path, "w") as f:
-            f.write(head + marker + "\n\n" + f"`bench/run.py`, {time.strftime('%Y-%m-%d')}.\n\n" + text + "\n")
+            f.write(head.rstrip() + "\n\n" + marker + "\n\n" + f"`bench/run.py --cache {args.cache}`, "
+                    f"{time.strftime('%Y-%m-%d')}.\n\n" + text + "\n" + tail)
 
 
 if __name__ == "__main__":

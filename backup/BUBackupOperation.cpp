@@ -15,10 +15,72 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
 const QString kInternalError = QStringLiteral("Internal logic error");
+constexpr qint64 kReportInterval = 40; // milliseconds between bundles of progress reports
+
+// RAII for a descriptor.
+struct Descriptor {
+    int fd;
+    ~Descriptor()
+    {
+        if (fd >= 0)
+            ::close(fd);
+    }
+};
+
+// The last few folders that copies went into, kept open: the files of one folder come one after
+// the other in the list, and each would otherwise resolve its whole path again. Emptied whenever
+// something is deleted, so that nothing is ever written into a folder that a deletion removed.
+class FolderCache {
+public:
+    FolderCache() = default;
+    FolderCache(const FolderCache &) = delete;
+    FolderCache &operator=(const FolderCache &) = delete;
+    ~FolderCache() { clear(); }
+
+    // The open folder for the key, or -1 when it is not held.
+    int find(const QByteArray &key, bool caseFallback)
+    {
+        for (std::size_t i = 0; i < m_entries.size(); ++i) {
+            if (m_entries[i].caseFallback == caseFallback && m_entries[i].key == key) {
+                std::rotate(m_entries.begin(), m_entries.begin() + qsizetype(i), m_entries.begin() + qsizetype(i) + 1);
+                return m_entries.front().fd;
+            }
+        }
+        return -1;
+    }
+    // Takes over fd; returns it, or -1 for a failed open.
+    int keep(const QByteArray &key, bool caseFallback, int fd)
+    {
+        if (fd < 0)
+            return -1;
+        if (m_entries.size() == kSize) {
+            ::close(m_entries.back().fd);
+            m_entries.pop_back();
+        }
+        m_entries.insert(m_entries.begin(), {key, caseFallback, fd});
+        return fd;
+    }
+    void clear()
+    {
+        for (const Entry &entry : m_entries)
+            ::close(entry.fd);
+        m_entries.clear();
+    }
+
+private:
+    static constexpr std::size_t kSize = 4;
+    struct Entry {
+        QByteArray key;
+        bool caseFallback;
+        int fd;
+    };
+    std::vector<Entry> m_entries;
+};
 
 // The state of one run beside the batching.
 struct BackupRun {
@@ -28,15 +90,35 @@ struct BackupRun {
     // Device folders whose contents or attributes changed (relative to the device root), with the
     // source folder whose mode and times they get at the end (empty: found by name).
     QMap<QString, QString> touchedFolders;
-};
+    QString lastTouched; // the last folder a copy touched: the next file's is usually the same
+    FolderCache deviceFolders; // by path relative to the device root
+    FolderCache sourceFolders; // by absolute path
 
-// RAII for a descriptor.
-struct Descriptor {
-    int fd;
-    ~Descriptor()
+    // The folder holding a device path's last component, and that component; the descriptor
+    // belongs to the cache.
+    int deviceParent(const QString &relative, QByteArray *name, bool caseFallback, BUError *error)
     {
-        if (fd >= 0)
-            ::close(fd);
+        const QByteArray bytes = FileNameToBytes(relative);
+        const qsizetype slash = bytes.lastIndexOf('/');
+        const QByteArray key = slash < 0 ? QByteArray() : bytes.left(slash);
+        *name = bytes.mid(slash + 1);
+        const int held = deviceFolders.find(key, caseFallback);
+        if (held >= 0)
+            return held;
+        QByteArray ignored;
+        return deviceFolders.keep(key, caseFallback, device.openParent(relative, &ignored, caseFallback, error));
+    }
+    // The source folder holding an absolute path's last component (reached as open() would reach
+    // it), and that component; -1 with errno on failure.
+    int sourceParent(const QByteArray &path, QByteArray *name)
+    {
+        const qsizetype slash = path.lastIndexOf('/');
+        const QByteArray key = slash <= 0 ? QByteArrayLiteral("/") : path.left(slash);
+        *name = path.mid(slash + 1);
+        const int held = sourceFolders.find(key, false);
+        if (held >= 0)
+            return held;
+        return sourceFolders.keep(key, false, ::open(key.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     }
 };
 
@@ -53,6 +135,18 @@ void _TouchFolder(BackupRun &run, const QString &relative, const QString &source
     QString &known = run.touchedFolders[relative];
     if (known.isEmpty())
         known = source;
+}
+
+// The same for the folder of a copied file, from the paths of the file.
+void _TouchParentOfFile(BackupRun &run, const QString &relative, const QString &source)
+{
+    const qsizetype slash = relative.lastIndexOf(u'/');
+    if (slash <= 0 || (run.lastTouched.size() == slash && relative.startsWith(run.lastTouched)))
+        return;
+    run.lastTouched = relative.left(slash);
+    const QString &known = run.touchedFolders.value(run.lastTouched);
+    if (known.isEmpty())
+        run.touchedFolders.insert(run.lastTouched, _ParentOf(source));
 }
 
 QString _ErrorForUnmountedVolume(BackupRun &run, const QString &path)
@@ -137,22 +231,22 @@ QString _UpdateItem(BackupRun &run, const BUTransaction &transaction)
         return _ErrorStringFromError(run, error, QString());
     const QString relative = run.device.relativePath(devicePath);
     QByteArray name;
-    const Descriptor parent {run.device.openParent(relative, &name, true, &error)};
-    if (parent.fd < 0)
+    const int parentFd = run.deviceParent(relative, &name, true, &error);
+    if (parentFd < 0)
         return _ErrorStringFromError(run, BUError::deviceWrite(error.code), devicePath);
     // The analysis matched names without regard to case: the device item may be spelled
     // differently from the source.
     struct stat status;
-    if (::fstatat(parent.fd, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT) {
-        const QByteArray listed = NameIgnoringCase(parent.fd, name, transaction.isFolder());
+    if (::fstatat(parentFd, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT) {
+        const QByteArray listed = NameIgnoringCase(parentFd, name, transaction.isFolder());
         if (!listed.isEmpty())
             name = listed;
     }
     // Only the item itself: the modes of what is inside a folder are its own attributes, and a
     // pass over them would leave every copy inside with modes that differ from the sources.
-    _SetFullPermissionsAt(parent.fd, name, devicePath, false);
+    _SetFullPermissionsAt(parentFd, name, devicePath, false);
     const Descriptor item {
-        ::openat(parent.fd, name.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
+        ::openat(parentFd, name.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
     if (item.fd < 0)
         return _ErrorStringFromError(run, BUError::deviceWrite(errno), devicePath);
     uint32_t extraMode = 0;
@@ -178,13 +272,13 @@ QString _CopyFolder(BackupRun &run, const BUTransaction &transaction, QString *f
     const QString relative = run.device.relativePath(devicePath);
     BUError error;
     QByteArray name;
-    const Descriptor parent {run.device.openParent(relative, &name, true, &error)};
-    if (parent.fd >= 0 && ::mkdirat(parent.fd, name.constData(), 0777) == 0) {
+    const int parentFd = run.deviceParent(relative, &name, true, &error);
+    if (parentFd >= 0 && ::mkdirat(parentFd, name.constData(), 0777) == 0) {
         _TouchFolder(run, _ParentOf(relative), _ParentOf(transaction.path()));
         _UpdateItem(run, transaction);
         return QString();
     }
-    error = BUError::deviceWrite(parent.fd >= 0 ? errno : error.code);
+    error = BUError::deviceWrite(parentFd >= 0 ? errno : error.code);
     const QString text = _ErrorStringFromError(run, error, devicePath);
     *fatal = FormatString("%@\n\nThe folder \"%@\" could not be created.", text, devicePath);
     return text;
@@ -195,29 +289,36 @@ QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fat
     const QString devicePath = _TargetFilePath(transaction, run.device.path(), nullptr);
     if (devicePath.isEmpty())
         return kInternalError;
-    _SetFullPermissions(run, devicePath, true, true);
     const QString relative = run.device.relativePath(devicePath);
     QByteArray name;
     BUError error;
-    const Descriptor parent {run.device.openParent(relative, &name, true, &error)};
-    // The old copy goes first, which frees its space before the new data arrives. Where there is
-    // none nothing is removed: Linux refuses even that on a read-only file system.
+    const int parentFd = run.deviceParent(relative, &name, true, &error);
+    // The old copy goes first, which frees its space before the new data arrives; it and all it
+    // holds get write access and lose the immutable flags. Where there is none nothing is
+    // removed: Linux refuses even that on a read-only file system.
     BUError removeError = error;
     bool removed = false;
     struct stat old;
-    if (parent.fd >= 0 && ::fstatat(parent.fd, name.constData(), &old, AT_SYMLINK_NOFOLLOW) != 0)
+    if (parentFd >= 0 && ::fstatat(parentFd, name.constData(), &old, AT_SYMLINK_NOFOLLOW) != 0) {
         removeError = BUError::posix(errno);
-    else if (parent.fd >= 0)
-        removed = RemoveItemAt(parent.fd, name.constData(), &removeError);
+    } else if (parentFd >= 0) {
+        _SetFullPermissionsAt(parentFd, name, devicePath, true);
+        removed = RemoveItemAt(parentFd, name.constData(), &removeError);
+    }
     if (!removed && CocoaDomainErrorCode(removeError) != kNoSuchFileError)
         return _ErrorStringFromError(run, removeError, devicePath);
-    if (parent.fd >= 0
-        && run.copier.copyFile(FileNameToBytes(transaction.path()), parent.fd, name, run.device.kind(), &error)) {
-        _TouchFolder(run, _ParentOf(relative), _ParentOf(transaction.path()));
-        return QString();
-    }
-    if (parent.fd < 0)
+    if (parentFd >= 0) {
+        QByteArray sourceName;
+        const int sourceFd = run.sourceParent(FileNameToBytes(transaction.path()), &sourceName);
+        if (sourceFd < 0)
+            error = BUError::sourceRead(errno);
+        else if (run.copier.copyFile(sourceFd, sourceName, parentFd, name, run.device.kind(), &error)) {
+            _TouchParentOfFile(run, relative, transaction.path());
+            return QString();
+        }
+    } else {
         error = BUError::deviceWrite(error.code);
+    }
     const int code = CocoaDomainErrorCode(error);
     if (code == kReadNoPermissionError)
         return _ErrorStringFromError(run, error, QString());
@@ -253,6 +354,8 @@ QString _DeleteItem(BackupRun &run, const BUTransaction &transaction)
     const QString relative = run.device.relativePath(transaction.path());
     if (relative.isNull())
         return kInternalError;
+    // A folder that a copy still holds open may be the one that goes.
+    run.deviceFolders.clear();
     _SetFullPermissions(run, transaction.path(), true, false);
     QByteArray name;
     BUError error;
@@ -342,17 +445,35 @@ bool BUBackupOperation::performOperation()
     QString fatal;
     qsizetype current = 0;
     QElapsedTimer sinceProgress;
+    // Reports go to the receiver in bundles, a few dozen times a second, each still delivered on
+    // its own and in order: one wake-up of the receiver's thread per copied file would cost a
+    // backup of many small files more than the copying.
+    std::vector<BUBackupStatusReport> pending;
+    QElapsedTimer sinceFlush; // invalid until the first report, which goes out at once
+    auto flush = [&] {
+        if (pending.empty())
+            return;
+        PostToReceiver(m_controller, [reports = std::move(pending)](BUEngineReceiver *r) {
+            for (const BUBackupStatusReport &report : reports)
+                r->backupStatus(report);
+        });
+        pending.clear();
+        sinceFlush.start();
+    };
     run.copier.deviceGone = [&run] { return !run.device.isStillMounted(); };
     run.copier.progress = [&](int64_t bytes) {
         if (sinceProgress.isValid() && sinceProgress.elapsed() < 200)
             return;
         sinceProgress.start();
+        flush(); // what came before this file, first
         const qsizetype index = current;
         const double written = double(bytes);
         PostToReceiver(m_controller, [index, written](BUEngineReceiver *r) { r->copyProgress(index, written); });
     };
-    auto post = [this](BUBackupStatusReport report) {
-        PostToReceiver(m_controller, [report](BUEngineReceiver *r) { r->backupStatus(report); });
+    auto post = [&](BUBackupStatusReport report) {
+        pending.push_back(std::move(report));
+        if (!sinceFlush.isValid() || sinceFlush.elapsed() >= kReportInterval)
+            flush();
     };
 
     for (qsizetype i = 0; i < m_transactions.size(); ++i) {
@@ -403,6 +524,7 @@ bool BUBackupOperation::performOperation()
     }
     if (!status.trans.isEmpty())
         post(status);
+    flush();
 
     if (run.device.fd() >= 0 && run.device.isStillMounted()) {
         _RestoreFolderAttributes(run);

@@ -4,10 +4,12 @@
 
 #include <QRandomGenerator>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,6 +17,7 @@ namespace {
 
 constexpr std::size_t kBufferSize = 1 << 20; // per read and write
 constexpr int64_t kWindowSize = 8 << 20; // written back and dropped from the cache as a unit
+constexpr int64_t kLargeFileSize = 1 << 20; // reserved before it is written, read ahead
 
 BUError _ReadError(int errorNumber)
 {
@@ -32,14 +35,24 @@ bool _WriteBackUnsupported(int errorNumber)
     return errorNumber == EINVAL || errorNumber == ESPIPE || errorNumber == ENOSYS || errorNumber == EOPNOTSUPP;
 }
 
-int _OpenSource(const QByteArray &path)
+// O_NONBLOCK keeps the open from waiting on a FIFO swapped in since the analysis; on a regular
+// file it changes nothing, so it stays set.
+int _OpenSource(int folderFd, const QByteArray &name)
 {
     const int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     // Reading for a backup should not mark every file as just used; only the owner may ask that.
-    int fd = ::open(path.constData(), flags | O_NOATIME);
+    int fd = ::openat(folderFd, name.constData(), flags | O_NOATIME);
     if (fd < 0 && errno == EPERM)
-        fd = ::open(path.constData(), flags);
+        fd = ::openat(folderFd, name.constData(), flags);
     return fd;
+}
+
+// After an EIO from an in-kernel copy: whether reading the source is what fails.
+bool _SourceFailed(int in)
+{
+    char byte;
+    const off_t position = ::lseek(in, 0, SEEK_CUR);
+    return position >= 0 && ::pread(in, &byte, 1, position) < 0;
 }
 
 } // namespace
@@ -54,22 +67,6 @@ BUFileCopier::BUFileCopier() : m_buffer(static_cast<char *>(std::aligned_alloc(4
 }
 
 BUFileCopier::~BUFileCopier() = default;
-
-bool BUFileCopier::writeAll(int out, const char *data, std::size_t size, BUError *error)
-{
-    while (size > 0) {
-        const ssize_t written = ::write(out, data, size);
-        if (written < 0) {
-            if (errno == EINTR)
-                continue;
-            *error = _WriteError(errno);
-            return false;
-        }
-        data += written;
-        size -= std::size_t(written);
-    }
-    return true;
-}
 
 bool BUFileCopier::waitForWriteBack(int out, int in, int64_t start, int64_t length, bool *streaming, BUError *error)
 {
@@ -90,8 +87,50 @@ bool BUFileCopier::waitForWriteBack(int out, int in, int64_t start, int64_t leng
     return true;
 }
 
-bool BUFileCopier::copyFile(
-    const QByteArray &sourcePath, int folderFd, const QByteArray &name, const BUVolumeKind &kind, BUError *error)
+ssize_t BUFileCopier::transfer(int in, int out, std::size_t length, bool *readFailed)
+{
+    *readFailed = false;
+    for (;;) {
+        ssize_t count = -1;
+        switch (m_method) {
+        case Method::RangeCopy:
+            // One call per chunk inside the kernel, and a shared extent where the file system
+            // offers one; only between files of the same file system.
+            count = ::copy_file_range(in, nullptr, out, nullptr, length, 0);
+            if (count < 0 && (errno == EXDEV || errno == EINVAL || errno == EOPNOTSUPP || errno == ENOSYS)) {
+                m_method = Method::Splice;
+                continue;
+            }
+            break;
+        case Method::Splice:
+            count = ::sendfile(out, in, nullptr, length);
+            if (count < 0 && (errno == EINVAL || errno == ENOSYS)) {
+                m_method = Method::ReadWrite;
+                continue;
+            }
+            break;
+        case Method::ReadWrite:
+            count = ::read(in, m_buffer.get(), std::min(length, kBufferSize));
+            if (count < 0) {
+                *readFailed = true;
+                break;
+            }
+            for (ssize_t done = 0; done < count;) {
+                const ssize_t put = ::write(out, m_buffer.get() + done, std::size_t(count - done));
+                if (put < 0 && errno != EINTR)
+                    return -1;
+                done += std::max<ssize_t>(put, 0);
+            }
+            break;
+        }
+        if (count < 0 && errno == EINTR)
+            continue;
+        return count;
+    }
+}
+
+bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, int folderFd, const QByteArray &name,
+    const BUVolumeKind &kind, BUError *error)
 {
     BUError ignored;
     if (!error)
@@ -100,14 +139,14 @@ bool BUFileCopier::copyFile(
         *error = BUError::cocoa(kWriteUnknownError, ENOMEM);
         return false;
     }
-    const int in = _OpenSource(sourcePath);
+    const int in = _OpenSource(sourceFolderFd, sourceName);
     if (in < 0) {
         *error = _ReadError(errno);
         return false;
     }
     struct stat status;
     BUItemAttributes attributes;
-    if (::fstat(in, &status) != 0 || !ReadItemAttributes(in, &attributes, nullptr)) {
+    if (::fstat(in, &status) != 0 || !ReadItemAttributesWithStatus(in, status, &attributes, nullptr)) {
         *error = _ReadError(errno);
         ::close(in);
         return false;
@@ -118,8 +157,16 @@ bool BUFileCopier::copyFile(
         ::close(in);
         return false;
     }
-    ::fcntl(in, F_SETFL, ::fcntl(in, F_GETFL) & ~O_NONBLOCK);
-    ::posix_fadvise(in, 0, 0, POSIX_FADV_SEQUENTIAL);
+    const bool large = status.st_size >= kLargeFileSize;
+    if (large)
+        ::posix_fadvise(in, 0, 0, POSIX_FADV_SEQUENTIAL);
+    // A copier writes to one device; each source file system gets the fastest way that works
+    // from it, found by its first file.
+    auto known
+        = std::find_if(m_methods.begin(), m_methods.end(), [&](const auto &m) { return m.first == status.st_dev; });
+    if (known == m_methods.end())
+        known = m_methods.insert(m_methods.end(), {status.st_dev, Method::RangeCopy});
+    m_method = known->second;
 
     QByteArray temporary;
     int out = -1;
@@ -141,31 +188,36 @@ bool BUFileCopier::copyFile(
         ::close(in);
         return false;
     };
-    // Reserving the space first finds a full device before any data is written.
-    if (status.st_size > 0 && ::fallocate(out, 0, 0, status.st_size) != 0
-        && (errno == ENOSPC || errno == EDQUOT || errno == EFBIG)) {
+    // Reserving the space of a big file first finds a full device before its data is written; a
+    // small one finds it at its first write just as soon.
+    const bool reserved = large && ::fallocate(out, 0, 0, status.st_size) == 0;
+    if (large && !reserved && (errno == ENOSPC || errno == EDQUOT || errno == EFBIG)) {
         *error = _WriteError(errno);
         return discard();
     }
 
+    // The size read at the start is what is copied, with the times read at the start: a file
+    // that grows meanwhile is newer than its copy and is copied again by the next backup.
     bool streaming = status.st_size >= kWindowSize;
     int64_t written = 0, windowStart = 0, previousStart = -1;
-    for (;;) {
-        if (deviceGone && deviceGone()) {
+    while (written < status.st_size) {
+        if (written > 0 && deviceGone && deviceGone()) {
             *error = _WriteError(ENODEV);
             return discard();
         }
-        const ssize_t count = ::read(in, m_buffer.get(), kBufferSize);
+        const std::size_t chunk = std::size_t(std::min<int64_t>(status.st_size - written, kWindowSize));
+        bool readFailed;
+        const ssize_t count = transfer(in, out, chunk, &readFailed);
         if (count < 0) {
-            if (errno == EINTR)
-                continue;
-            *error = _ReadError(errno);
+            // copy_file_range and sendfile do not say which side failed: the device's errors
+            // are the ones a write gives.
+            const int errorNumber = errno;
+            *error = (readFailed || (errorNumber == EIO && _SourceFailed(in))) ? _ReadError(errorNumber)
+                                                                               : _WriteError(errorNumber);
             return discard();
         }
         if (count == 0)
-            break;
-        if (!writeAll(out, m_buffer.get(), std::size_t(count), error))
-            return discard();
+            break; // the source shrank
         written += count;
         if (streaming && written - windowStart >= kWindowSize) {
             // Start this window's write-back, then wait for the one before it: the device stays
@@ -182,17 +234,18 @@ bool BUFileCopier::copyFile(
             windowStart = written;
         }
     }
+    known->second = m_method;
     if (streaming) {
         const int64_t start = previousStart >= 0 ? previousStart : 0;
         if (written > start && !waitForWriteBack(out, in, start, written - start, &streaming, error))
             return discard();
     }
-    if (written < status.st_size && ::ftruncate(out, written) != 0) {
+    if (reserved && written < status.st_size && ::ftruncate(out, written) != 0) {
         *error = _WriteError(errno); // the source shrank: drop the reserved tail
         return discard();
     }
     BUError attributeError;
-    if (!WriteItemAttributes(out, attributes, kind, 0, &attributeError)) {
+    if (!WriteItemAttributes(out, attributes, kind, 0, &attributeError, true)) {
         *error = _WriteError(attributeError.code);
         return discard();
     }

@@ -14,6 +14,9 @@
 
 #include <functional>
 #include <memory>
+#include <sys/types.h>
+#include <utility>
+#include <vector>
 
 // The prefix of the temporary names; the analysis lists leftovers of an interrupted run as
 // items to delete.
@@ -33,15 +36,25 @@ public:
     // Asked between chunks; true stops the copy with ENODEV (the device was ejected).
     std::function<bool()> deviceGone;
 
-    // Copies the file at sourcePath (never following a link) to `name` in the device folder.
-    // Errors are in the Cocoa file domain: reading the source 257 (no permission), 260 (gone) or
-    // 256; writing 513 (no permission), 640 (full), 642 (read-only), 4 (folder gone) or 512.
-    bool copyFile(
-        const QByteArray &sourcePath, int folderFd, const QByteArray &name, const BUVolumeKind &kind, BUError *error);
+    // Copies the file sourceName in the source folder sourceFolderFd (AT_FDCWD for a path; never
+    // following a link) to `name` in the device folder. Errors are in the Cocoa file domain:
+    // reading the source 257 (no permission), 260 (gone) or 256; writing 513 (no permission), 640
+    // (full), 642 (read-only), 4 (folder gone) or 512.
+    bool copyFile(int sourceFolderFd, const QByteArray &sourceName, int folderFd, const QByteArray &name,
+        const BUVolumeKind &kind, BUError *error);
 
 private:
-    bool writeAll(int out, const char *data, std::size_t size, BUError *error);
+    // How the data moves: inside the kernel where the two file systems allow it, else through
+    // the buffer.
+    enum class Method { RangeCopy, Splice, ReadWrite };
+
     bool waitForWriteBack(int out, int in, int64_t start, int64_t length, bool *streaming, BUError *error);
+    // Moves up to `length` bytes from the current position of `in` to that of `out`, falling back
+    // to the next method where one is refused. The count, 0 at the end of the source, or -1 with
+    // errno (readFailed when a read gave it).
+    ssize_t transfer(int in, int out, std::size_t length, bool *readFailed);
 
     std::unique_ptr<char, void (*)(void *)> m_buffer;
+    Method m_method = Method::RangeCopy;
+    std::vector<std::pair<dev_t, Method>> m_methods; // per source file system
 };

@@ -231,16 +231,10 @@ BUVolumeKind VolumeKindForFileSystem(const QString &fileSystemType)
 bool ReadItemAttributes(int fd, BUItemAttributes *attributes, BUError *error)
 {
     struct stat status;
-    int errorNumber = 0;
-    if (::fstat(fd, &status) != 0)
-        errorNumber = errno;
-    else {
-        _AttributesFromStat(status, attributes);
-        if (_ReadExtendedAttributes(fd, {}, attributes, &errorNumber))
-            return true;
-    }
+    if (::fstat(fd, &status) == 0)
+        return ReadItemAttributesWithStatus(fd, status, attributes, error);
     if (error)
-        *error = BUError::posix(errorNumber);
+        *error = BUError::posix(errno);
     return false;
 }
 
@@ -262,8 +256,19 @@ bool ReadItemAttributesAtPath(const QByteArray &path, BUItemAttributes *attribut
     return false;
 }
 
-bool WriteItemAttributes(
-    int fd, const BUItemAttributes &attributes, const BUVolumeKind &kind, uint32_t extraMode, BUError *error)
+bool ReadItemAttributesWithStatus(int fd, const struct stat &status, BUItemAttributes *attributes, BUError *error)
+{
+    _AttributesFromStat(status, attributes);
+    int errorNumber = 0;
+    if (_ReadExtendedAttributes(fd, {}, attributes, &errorNumber))
+        return true;
+    if (error)
+        *error = BUError::posix(errorNumber);
+    return false;
+}
+
+bool WriteItemAttributes(int fd, const BUItemAttributes &attributes, const BUVolumeKind &kind, uint32_t extraMode,
+    BUError *error, bool newItem)
 {
     auto fail = [error](int errorNumber) {
         if (error)
@@ -275,8 +280,9 @@ bool WriteItemAttributes(
         if (RunningAsRoot() && ::fchown(fd, attributes.owner, attributes.group) != 0)
             return fail(errno);
         QByteArray list;
-        const bool listed = _QueryAttribute([fd](char *b, std::size_t s) { return ::flistxattr(fd, b, s); }, &list);
-        const bool supported = listed || (errno != ENOTSUP && errno != EOPNOTSUPP);
+        const bool listed
+            = !newItem && _QueryAttribute([fd](char *b, std::size_t s) { return ::flistxattr(fd, b, s); }, &list);
+        const bool supported = newItem || listed || (errno != ENOTSUP && errno != EOPNOTSUPP);
         if (supported) {
             if (listed) {
                 for (const QByteArray &name : _UserAttributeNames(list)) {

@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <sys/stat.h>
 
 // The compared attributes of one item. Trivially copyable: it is stored in entry arrays.
 struct FileStats {
@@ -93,9 +94,12 @@ bool ReadItemAttributes(int fd, BUItemAttributes *attributes, BUError *error);
 bool ReadItemAttributesAtPath(const QByteArray &path, BUItemAttributes *attributes, BUError *error);
 // Writes mode, owner (as root), extended attributes (removing user.* ones the source lacks) and
 // times to an open item, as far as the volume holds them. extraMode is or-ed into the mode (a
-// folder that is still being filled keeps its owner's access until the end of the run).
-bool WriteItemAttributes(
-    int fd, const BUItemAttributes &attributes, const BUVolumeKind &kind, uint32_t extraMode, BUError *error);
+// folder that is still being filled keeps its owner's access until the end of the run). A file
+// this process has just created has no user.* attributes to remove: newItem skips the listing.
+bool WriteItemAttributes(int fd, const BUItemAttributes &attributes, const BUVolumeKind &kind, uint32_t extraMode,
+    BUError *error, bool newItem = false);
+// The attributes of an open item whose status the caller has already read.
+bool ReadItemAttributesWithStatus(int fd, const struct stat &status, BUItemAttributes *attributes, BUError *error);
 
 // True when this process runs as root: owners are compared and written only then.
 bool RunningAsRoot();

@@ -11,6 +11,14 @@
 
 #include <QHash>
 
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <thread>
+
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
@@ -20,6 +28,7 @@
 namespace {
 
 constexpr uint64_t kNone = KSNotFound;
+const QString kMemoryReason = QStringLiteral("there's not enough memory. Perhaps your source folders are too complex");
 constexpr char16_t kAdvancedUserMark = 0x273D; // names the advanced user keeps out of backups
 
 // One node of a folder tree; files are never nodes.
@@ -40,7 +49,27 @@ struct AnalysisContext {
     const BURuleList *ignoreFolders;
     const BURuleList *ignoreFiles;
     BUDeviceRoot *device;
+    // Set when the other thread of the analysis failed: this one's work is no longer wanted.
+    const std::atomic<bool> *abandon = nullptr;
 };
+
+// The files of one device folder that the sources are compared with, sorted without regard to
+// case; of names that differ only in case, the first one listed.
+struct DeviceFile {
+    FileStats stats;
+    QString name;
+};
+using DeviceFileList = std::vector<DeviceFile>;
+
+// The file of that name without regard to case, or null.
+DeviceFile *_FindDeviceFile(DeviceFileList &files, const QString &name)
+{
+    const auto found
+        = std::lower_bound(files.begin(), files.end(), name, [](const DeviceFile &file, const QString &wanted) {
+              return CaseInsensitiveCompare(file.name, wanted) == KSOrderedAscending;
+          });
+    return found != files.end() && CaseInsensitiveCompare(found->name, name) == KSOrderedSame ? &*found : nullptr;
+}
 
 // A folder's entries in listing order, read from an open descriptor that it owns.
 class FolderListing {
@@ -108,6 +137,10 @@ QString _Child(const QString &folder, const QString &name)
 
 bool _CancelAnalysis(AnalysisContext &context)
 {
+    if (context.abandon && context.abandon->load(std::memory_order_relaxed)) {
+        context.reason = QStringLiteral("canceled");
+        return true;
+    }
     if (!context.cancelAnalysis->load(std::memory_order_relaxed))
         return false;
     context.result->cancel = true;
@@ -150,7 +183,10 @@ bool _NameAllowsItem(const QString &name, bool deviceSide)
         return false;
     if (g_advancedUser && name[0] == QChar(kAdvancedUserMark))
         return false;
-    const QString rest = DeletingPathExtension(name);
+    // The name without its extension: a single "~" is a name, a longer one ending in "~" a
+    // backup copy that editors leave behind.
+    const qsizetype dot = name.lastIndexOf(u'.');
+    const QStringView rest = dot < 0 ? QStringView(name) : QStringView(name).first(dot);
     if (rest.size() == 1)
         return true;
     return !rest.endsWith(u'~');
@@ -452,7 +488,7 @@ void _CountDeviceItems(KSArrayString &deviceTree, BUAnalysisReport *result)
 }
 
 bool _RecordFilesInFolder(AnalysisContext &context, const QString &folder, const QString &rootPath, bool isBackupFolder,
-    KSArrayString *deviceFiles, int deviceFolderFd)
+    DeviceFileList *deviceFiles, int deviceFolderFd)
 {
     if (_CancelAnalysis(context))
         return false;
@@ -478,17 +514,16 @@ bool _RecordFilesInFolder(AnalysisContext &context, const QString &folder, const
             continue;
         uint32_t action = BUTransaction::kCopy;
         bool counted = true;
-        std::size_t found;
-        if (deviceFiles && deviceFiles->findString(itemName, true, &found)) {
-            FileStats *device = static_cast<FileStats *>(deviceFiles->entryAtIndex(found));
+        DeviceFile *deviceFile = deviceFiles ? _FindDeviceFile(*deviceFiles, itemName) : nullptr;
+        if (deviceFile) {
+            FileStats *device = &deviceFile->stats;
             device->seen = true;
             const BUVolumeKind &kind = context.device->kind();
             if (ComparableContentTime(stats.contentModified, kind)
                 <= ComparableContentTime(device->contentModified, kind)) {
                 if (_NeedsDigests(context, stats, *device)) {
                     ReadAttributeDigest(listing.fd(), name, &stats);
-                    ReadAttributeDigest(
-                        deviceFolderFd, FileNameToBytes(_Name(*deviceFiles, found)).constData(), device);
+                    ReadAttributeDigest(deviceFolderFd, FileNameToBytes(deviceFile->name).constData(), device);
                 }
                 if (!_ShouldUpdateAttributes(context, stats, *device))
                     continue;
@@ -514,9 +549,9 @@ bool _RecordFilesInFolder(AnalysisContext &context, const QString &folder, const
 // Lists a matched device folder into the sorted device file list. Temporary files that an
 // interrupted backup left behind go in too: no source file is ever named like them, so they are
 // deleted.
-bool _ListDeviceFiles(AnalysisContext &context, FolderListing &listing, const QString &folder, KSArrayString &files)
+bool _ListDeviceFiles(AnalysisContext &context, FolderListing &listing, const QString &folder, DeviceFileList &files)
 {
-    files.deleteAllEntries();
+    files.clear();
     const char *name;
     unsigned char type;
     while (listing.next(&name, &type)) {
@@ -533,16 +568,143 @@ bool _ListDeviceFiles(AnalysisContext &context, FolderListing &listing, const QS
         }
         if (use == 2)
             return false;
-        std::size_t index;
-        if (use == 1 && !files.findString(itemName, true, &index) && !files.insertEntry(&stats, &itemName, index))
-            return false;
+        if (use == 1)
+            files.push_back({stats, itemName});
     }
     if (listing.errorNumber != 0) {
         _SetFolderReason(context, folder, listing.errorNumber);
         return false;
     }
+    // Sorted once; the stable sort keeps names equal without regard to case in listing order, and
+    // only the first of them stays.
+    std::stable_sort(files.begin(), files.end(), [](const DeviceFile &a, const DeviceFile &b) {
+        return CaseInsensitiveCompare(a.name, b.name) == KSOrderedAscending;
+    });
+    files.erase(std::unique(files.begin(), files.end(),
+                    [](const DeviceFile &a, const DeviceFile &b) {
+                        return CaseInsensitiveCompare(a.name, b.name) == KSOrderedSame;
+                    }),
+        files.end());
     return true;
 }
+
+// The listings of the device folders that the file comparison needs, made on a thread of their
+// own a few folders ahead of it, in the order it walks the source tree: while it examines a
+// source folder the next device folders are already being read.
+class DeviceListingPipeline {
+public:
+    struct Listing {
+        uint64_t sourceIndex = kNone;
+        QString folder; // the device folder's path
+        std::unique_ptr<FolderListing> listing; // kept open for the extended-attribute digests
+        DeviceFileList files;
+        bool ok = false;
+        QString reason; // when not ok
+    };
+
+    DeviceListingPipeline(const AnalysisContext &context, KSArrayString &sourceTree, KSArrayString &deviceTree)
+        : m_context(context), m_sourceTree(sourceTree), m_deviceTree(deviceTree)
+    {
+        m_context.abandon = &m_stop;
+        m_context.result = &m_result;
+        m_thread = std::thread([this] { run(); });
+    }
+    ~DeviceListingPipeline()
+    {
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_stop = true;
+        }
+        m_changed.notify_all();
+        m_thread.join();
+    }
+    DeviceListingPipeline(const DeviceListingPipeline &) = delete;
+    DeviceListingPipeline &operator=(const DeviceListingPipeline &) = delete;
+
+    // The listing for the next matched source folder, in tree order.
+    Listing next()
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait(lock, [this] { return !m_ready.empty(); });
+        Listing listing = std::move(m_ready.front());
+        m_ready.pop_front();
+        lock.unlock();
+        m_changed.notify_all();
+        return listing;
+    }
+
+private:
+    static constexpr std::size_t kAhead = 16;
+
+    void run()
+    {
+        uint64_t index = 1;
+        QString path;
+        do {
+            const FolderEntry *entry = _Entry(m_sourceTree, index);
+            if (entry->parent == 0)
+                path = _Name(m_sourceTree, index);
+            if (entry->match == kNone)
+                continue;
+            Listing listing;
+            listing.sourceIndex = index;
+            try {
+                list(entry->match, &listing);
+            } catch (const std::bad_alloc &) {
+                listing.ok = false;
+                listing.reason = kMemoryReason;
+            }
+            const bool failed = !listing.ok;
+            std::unique_lock<std::mutex> lock(m_mutex);
+            m_changed.wait(lock, [this] { return m_stop || m_ready.size() < kAhead; });
+            if (m_stop)
+                return;
+            m_ready.push_back(std::move(listing));
+            lock.unlock();
+            m_changed.notify_all();
+            if (failed)
+                return; // the comparison stops at this folder
+        } while (_NextFolder(m_sourceTree, &index, &path, true));
+    }
+
+    void list(uint64_t deviceIndex, Listing *listing)
+    {
+        listing->folder = _DeviceFolderPath(m_deviceTree, deviceIndex);
+        const int fd = _OpenFolder(m_context, listing->folder, true, false);
+        if (fd < 0) {
+            _SetFolderReason(m_context, listing->folder, errno);
+        } else {
+            listing->listing = std::make_unique<FolderListing>(fd);
+            listing->ok = _ListDeviceFiles(m_context, *listing->listing, listing->folder, listing->files);
+        }
+        if (!listing->ok)
+            listing->reason = m_context.reason;
+    }
+
+    AnalysisContext m_context;
+    BUAnalysisReport m_result; // the cancel flag of this thread's context
+    KSArrayString &m_sourceTree;
+    KSArrayString &m_deviceTree;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::deque<Listing> m_ready;
+    std::atomic<bool> m_stop {false};
+    std::thread m_thread;
+};
+
+// A thread that the scope waits for; leaving the scope early (a failure, an exception) tells it
+// to stop first.
+struct JoinedThread {
+    std::atomic<bool> &abandon;
+    std::thread thread;
+    ~JoinedThread()
+    {
+        if (!thread.joinable())
+            return;
+        abandon = true;
+        thread.join();
+    }
+};
 
 } // namespace
 
@@ -590,8 +752,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
     BUAnalysisReport result;
     result.target = m_targetName;
     BUDeviceRoot device;
-    AnalysisContext context {QStringLiteral("there's not enough memory. Perhaps your source folders are too complex"),
-        &result, &m_cancelAnalysis, &m_ignoreFolders, &m_ignoreFiles, &device};
+    AnalysisContext context {kMemoryReason, &result, &m_cancelAnalysis, &m_ignoreFolders, &m_ignoreFiles, &device};
     auto fail = [&] {
         result.error = FormatString("I can't backup to \"%@\" because %@.", m_targetName, context.reason);
         return result;
@@ -662,18 +823,42 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
     if (folderCount == 0)
         return result; // nothing to mirror, and nothing on the device to remove
 
-    for (uint64_t i = 1; i <= folderCount; ++i) {
-        if (!_BuildFolderTree(context, _Name(*sourceTree, i), *sourceTree, i, false))
-            return fail();
-    }
+    // The two trees are built at once, the device's on a thread of its own: the two walks wait
+    // on different disks, or at least keep one disk's queue fuller. A failure of the source walk
+    // is the one reported, as it would be if the source came first.
     std::unique_ptr<KSArrayString> deviceTree = KSArrayString::create(sizeof(FolderEntry), 10000);
     if (!deviceTree)
         return fail();
     FolderEntry deviceRoot {kNone, kNone, kNone, kNone, {}, true};
     if (deviceTree->addEntry(&deviceRoot, &device.path()) == KSNotFound)
         return fail();
-    if (!_BuildFolderTree(context, device.path(), *deviceTree, 0, true))
+    std::atomic<bool> abandonDeviceWalk {false};
+    BUAnalysisReport deviceResult;
+    AnalysisContext deviceContext = context;
+    deviceContext.result = &deviceResult;
+    deviceContext.abandon = &abandonDeviceWalk;
+    bool deviceBuilt = false;
+    {
+        JoinedThread deviceWalk {abandonDeviceWalk, std::thread([&] {
+                                     try {
+                                         deviceBuilt
+                                             = _BuildFolderTree(deviceContext, device.path(), *deviceTree, 0, true);
+                                     } catch (const std::bad_alloc &) {
+                                         deviceContext.reason = kMemoryReason;
+                                     }
+                                 })};
+        for (uint64_t i = 1; i <= folderCount; ++i) {
+            if (!_BuildFolderTree(context, _Name(*sourceTree, i), *sourceTree, i, false))
+                return fail();
+        }
+        deviceWalk.thread.join();
+    }
+    if (!deviceBuilt) {
+        if (deviceResult.cancel)
+            result.cancel = true;
+        context.reason = deviceContext.reason;
         return fail();
+    }
 
     for (uint64_t i = 1; i <= folderCount; ++i) {
         const QString name = LastPathComponent(_Name(*sourceTree, i));
@@ -692,9 +877,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
 
     _CountDeviceItems(*deviceTree, &result);
 
-    std::unique_ptr<KSArrayString> deviceFiles = KSArrayString::create(sizeof(FileStats), 200);
-    if (!deviceFiles)
-        return fail();
+    DeviceListingPipeline deviceListings(context, *sourceTree, *deviceTree);
     uint64_t index = 1;
     QString path, rootPath;
     do {
@@ -710,20 +893,23 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
                 return fail();
             continue;
         }
-        const QString deviceFolder = _DeviceFolderPath(*deviceTree, entry.match);
-        const int fd = _OpenFolder(context, deviceFolder, true, false);
-        if (fd < 0) {
-            _SetFolderReason(context, deviceFolder, errno);
+        DeviceListingPipeline::Listing device = deviceListings.next();
+        if (device.sourceIndex != index) {
+            context.reason = QStringLiteral("Internal logic error");
             return fail();
         }
-        FolderListing listing(fd);
-        if (!_ListDeviceFiles(context, listing, deviceFolder, *deviceFiles)
-            || !_RecordFilesInFolder(context, path, rootPath, entry.parent == 0, deviceFiles.get(), listing.fd()))
+        if (!device.ok) {
+            if (_CancelAnalysis(context))
+                return fail();
+            context.reason = device.reason;
             return fail();
-        for (std::size_t i = 0; i < deviceFiles->count(); ++i) {
-            if (static_cast<const FileStats *>(deviceFiles->entryAtIndex(i))->seen)
+        }
+        if (!_RecordFilesInFolder(context, path, rootPath, entry.parent == 0, &device.files, device.listing->fd()))
+            return fail();
+        for (const DeviceFile &file : device.files) {
+            if (file.stats.seen)
                 continue;
-            BUTransaction transaction(_Child(deviceFolder, _Name(*deviceFiles, i)), QString());
+            BUTransaction transaction(_Child(device.folder, file.name), QString());
             transaction.setAction(BUTransaction::kDelete);
             g_transactions.append(transaction);
             ++result.itemsToDelete;

@@ -13,10 +13,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include <cerrno>
@@ -110,6 +112,27 @@ public:
 
 private:
     DIR *m_folder;
+};
+
+// A source file that takes part, with its stats.
+struct SourceFile {
+    QString name;
+    FileStats stats;
+};
+
+// Both sides of one source folder of the file comparison, listed and examined.
+struct FolderListings {
+    uint64_t sourceIndex = kNone;
+    std::unique_ptr<FolderListing> source; // kept open for the extended-attribute digests
+    std::vector<SourceFile> sourceFiles; // in listing order; up to the failure when not sourceOk
+    bool sourceOk = false;
+    QString sourceReason;
+    bool matched = false;
+    QString deviceFolder; // the device folder's path
+    std::unique_ptr<FolderListing> device;
+    DeviceFileList deviceFiles;
+    bool deviceOk = false;
+    QString deviceReason;
 };
 
 FolderEntry *_Entry(KSArrayString &tree, uint64_t index)
@@ -487,34 +510,17 @@ void _CountDeviceItems(KSArrayString &deviceTree, BUAnalysisReport *result)
     }
 }
 
-bool _RecordFilesInFolder(AnalysisContext &context, const QString &folder, const QString &rootPath, bool isBackupFolder,
-    DeviceFileList *deviceFiles, int deviceFolderFd)
+bool _RecordFilesInFolder(
+    AnalysisContext &context, const QString &folder, const QString &rootPath, FolderListings &listings)
 {
-    if (_CancelAnalysis(context))
-        return false;
-    const int fd = _OpenFolder(context, folder, false, isBackupFolder);
-    if (fd < 0) {
-        if (CocoaDomainErrorCode(BUError::posix(errno)) == kReadNoPermissionError)
-            return true;
-        _SetFolderReason(context, folder, errno);
-        return false;
-    }
-    FolderListing listing(fd);
-    const char *name;
-    unsigned char type;
-    while (listing.next(&name, &type)) {
+    DeviceFileList *deviceFiles = listings.matched ? &listings.deviceFiles : nullptr;
+    for (SourceFile &file : listings.sourceFiles) {
         if (_CancelAnalysis(context))
             return false;
-        const QString itemName = FileNameFromBytes(QByteArrayView(name));
-        FileStats stats;
-        const int use = _ShouldCopyFile(context, listing.fd(), folder, name, itemName, type, false, &stats);
-        if (use == 2)
-            return false;
-        if (use == 0 || !_RulesAllowItem(context, itemName, false))
-            continue;
+        FileStats &stats = file.stats;
         uint32_t action = BUTransaction::kCopy;
         bool counted = true;
-        DeviceFile *deviceFile = deviceFiles ? _FindDeviceFile(*deviceFiles, itemName) : nullptr;
+        DeviceFile *deviceFile = deviceFiles ? _FindDeviceFile(*deviceFiles, file.name) : nullptr;
         if (deviceFile) {
             FileStats *device = &deviceFile->stats;
             device->seen = true;
@@ -522,8 +528,8 @@ bool _RecordFilesInFolder(AnalysisContext &context, const QString &folder, const
             if (ComparableContentTime(stats.contentModified, kind)
                 <= ComparableContentTime(device->contentModified, kind)) {
                 if (_NeedsDigests(context, stats, *device)) {
-                    ReadAttributeDigest(listing.fd(), name, &stats);
-                    ReadAttributeDigest(deviceFolderFd, FileNameToBytes(deviceFile->name).constData(), device);
+                    ReadAttributeDigest(listings.source->fd(), FileNameToBytes(file.name).constData(), &stats);
+                    ReadAttributeDigest(listings.device->fd(), FileNameToBytes(deviceFile->name).constData(), device);
                 }
                 if (!_ShouldUpdateAttributes(context, stats, *device))
                     continue;
@@ -531,7 +537,7 @@ bool _RecordFilesInFolder(AnalysisContext &context, const QString &folder, const
                 counted = false;
             }
         }
-        BUTransaction transaction(_Child(folder, itemName), rootPath);
+        BUTransaction transaction(_Child(folder, file.name), rootPath);
         transaction.setAction(action);
         if (counted) {
             g_totalBytes += double(stats.size);
@@ -539,8 +545,9 @@ bool _RecordFilesInFolder(AnalysisContext &context, const QString &folder, const
         }
         g_transactions.append(transaction);
     }
-    if (listing.errorNumber != 0) {
-        _SetFolderReason(context, folder, listing.errorNumber);
+    if (!listings.sourceOk) {
+        if (!_CancelAnalysis(context))
+            context.reason = listings.sourceReason;
         return false;
     }
     return true;
@@ -588,108 +595,264 @@ bool _ListDeviceFiles(AnalysisContext &context, FolderListing &listing, const QS
     return true;
 }
 
-// The listings of the device folders that the file comparison needs, made on a thread of their
-// own a few folders ahead of it, in the order it walks the source tree: while it examines a
-// source folder the next device folders are already being read.
-class DeviceListingPipeline {
-public:
-    struct Listing {
-        uint64_t sourceIndex = kNone;
-        QString folder; // the device folder's path
-        std::unique_ptr<FolderListing> listing; // kept open for the extended-attribute digests
-        DeviceFileList files;
-        bool ok = false;
-        QString reason; // when not ok
-    };
+QString _SourceFolderPath(KSArrayString &sourceTree, uint64_t index)
+{
+    QStringList names;
+    for (; _Entry(sourceTree, index)->parent != 0; index = _Entry(sourceTree, index)->parent)
+        names.prepend(_Name(sourceTree, index));
+    QString path = _Name(sourceTree, index); // a backup folder: its whole path
+    for (const QString &name : std::as_const(names))
+        path = _Child(path, name);
+    return path;
+}
 
-    DeviceListingPipeline(const AnalysisContext &context, KSArrayString &sourceTree, KSArrayString &deviceTree)
-        : m_context(context), m_sourceTree(sourceTree), m_deviceTree(deviceTree)
+// Lists a source folder's files that take part, with their stats, as the comparison needs them.
+void _ListSourceFiles(AnalysisContext &context, const QString &folder, bool isBackupFolder, FolderListings *out)
+{
+    out->sourceOk = false;
+    const int fd = _OpenFolder(context, folder, false, isBackupFolder);
+    if (fd < 0) {
+        if (CocoaDomainErrorCode(BUError::posix(errno)) == kReadNoPermissionError)
+            out->sourceOk = true; // a folder the user cannot read has nothing to copy
+        else
+            _SetFolderReason(context, folder, errno);
+        return;
+    }
+    out->source = std::make_unique<FolderListing>(fd);
+    FolderListing &listing = *out->source;
+    const char *name;
+    unsigned char type;
+    while (listing.next(&name, &type)) {
+        if (_CancelAnalysis(context))
+            return;
+        QString itemName = FileNameFromBytes(QByteArrayView(name));
+        FileStats stats;
+        const int use = _ShouldCopyFile(context, listing.fd(), folder, name, itemName, type, false, &stats);
+        if (use == 2)
+            return;
+        if (use == 1 && _RulesAllowItem(context, itemName, false))
+            out->sourceFiles.push_back({std::move(itemName), stats});
+    }
+    if (listing.errorNumber != 0) {
+        _SetFolderReason(context, folder, listing.errorNumber);
+        return;
+    }
+    out->sourceOk = true;
+}
+
+// The listings of both sides of every source folder, in the order the comparison walks the
+// source tree, made by a few threads at once a bounded number of folders ahead of it: the
+// comparison itself is quick, the waiting is on the disks, and a cold disk answers several
+// questions at once far faster than one after another.
+class FolderListingPool {
+public:
+    FolderListingPool(const AnalysisContext &context, KSArrayString &sourceTree, KSArrayString &deviceTree)
+        : m_context(context), m_sourceTree(sourceTree), m_deviceTree(deviceTree), m_slots(kAhead)
     {
         m_context.abandon = &m_stop;
-        m_context.result = &m_result;
-        m_thread = std::thread([this] { run(); });
+        uint64_t index = 1;
+        QString ignored;
+        do
+            m_work.push_back(index);
+        while (_NextFolder(m_sourceTree, &index, &ignored, true));
+        for (int i = 0; i < kThreads; ++i)
+            m_threads.emplace_back([this] { run(); });
     }
-    ~DeviceListingPipeline()
+    ~FolderListingPool()
     {
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_stop = true;
         }
         m_changed.notify_all();
-        m_thread.join();
+        for (std::thread &thread : m_threads)
+            thread.join();
     }
-    DeviceListingPipeline(const DeviceListingPipeline &) = delete;
-    DeviceListingPipeline &operator=(const DeviceListingPipeline &) = delete;
+    FolderListingPool(const FolderListingPool &) = delete;
+    FolderListingPool &operator=(const FolderListingPool &) = delete;
 
-    // The listing for the next matched source folder, in tree order.
-    Listing next()
+    // The listings of the next source folder in tree order.
+    FolderListings next()
     {
         std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait(lock, [this] { return !m_ready.empty(); });
-        Listing listing = std::move(m_ready.front());
-        m_ready.pop_front();
+        std::optional<FolderListings> &slot = m_slots[m_consumed % kAhead];
+        m_changed.wait(lock, [&slot] { return slot.has_value(); });
+        FolderListings listings = std::move(*slot);
+        slot.reset();
+        ++m_consumed;
         lock.unlock();
         m_changed.notify_all();
-        return listing;
+        return listings;
     }
 
 private:
-    static constexpr std::size_t kAhead = 16;
+    static constexpr int kThreads = 4;
+    static constexpr std::size_t kAhead = 32;
 
     void run()
     {
-        uint64_t index = 1;
-        QString path;
-        do {
-            const FolderEntry *entry = _Entry(m_sourceTree, index);
-            if (entry->parent == 0)
-                path = _Name(m_sourceTree, index);
-            if (entry->match == kNone)
-                continue;
-            Listing listing;
-            listing.sourceIndex = index;
-            try {
-                list(entry->match, &listing);
-            } catch (const std::bad_alloc &) {
-                listing.ok = false;
-                listing.reason = kMemoryReason;
+        for (;;) {
+            std::size_t task;
+            {
+                std::unique_lock<std::mutex> lock(m_mutex);
+                m_changed.wait(
+                    lock, [this] { return m_stop || m_next == m_work.size() || m_next < m_consumed + kAhead; });
+                if (m_stop || m_next == m_work.size())
+                    return;
+                task = m_next++;
             }
-            const bool failed = !listing.ok;
-            std::unique_lock<std::mutex> lock(m_mutex);
-            m_changed.wait(lock, [this] { return m_stop || m_ready.size() < kAhead; });
-            if (m_stop)
-                return;
-            m_ready.push_back(std::move(listing));
-            lock.unlock();
+            FolderListings listings;
+            listings.sourceIndex = m_work[task];
+            try {
+                list(&listings);
+            } catch (const std::bad_alloc &) {
+                listings.deviceOk = listings.sourceOk = false;
+                listings.deviceReason = listings.sourceReason = kMemoryReason;
+            }
+            {
+                const std::lock_guard<std::mutex> lock(m_mutex);
+                m_slots[task % kAhead] = std::move(listings);
+            }
             m_changed.notify_all();
-            if (failed)
-                return; // the comparison stops at this folder
-        } while (_NextFolder(m_sourceTree, &index, &path, true));
+        }
     }
 
-    void list(uint64_t deviceIndex, Listing *listing)
+    void list(FolderListings *listings)
     {
-        listing->folder = _DeviceFolderPath(m_deviceTree, deviceIndex);
-        const int fd = _OpenFolder(m_context, listing->folder, true, false);
-        if (fd < 0) {
-            _SetFolderReason(m_context, listing->folder, errno);
-        } else {
-            listing->listing = std::make_unique<FolderListing>(fd);
-            listing->ok = _ListDeviceFiles(m_context, *listing->listing, listing->folder, listing->files);
+        AnalysisContext context = m_context;
+        BUAnalysisReport result; // this context's cancel flag
+        context.result = &result;
+        const FolderEntry *entry = _Entry(m_sourceTree, listings->sourceIndex);
+        listings->matched = entry->match != kNone;
+        if (listings->matched) {
+            listings->deviceFolder = _DeviceFolderPath(m_deviceTree, entry->match);
+            const int fd = _OpenFolder(context, listings->deviceFolder, true, false);
+            if (fd < 0) {
+                _SetFolderReason(context, listings->deviceFolder, errno);
+            } else {
+                listings->device = std::make_unique<FolderListing>(fd);
+                listings->deviceOk
+                    = _ListDeviceFiles(context, *listings->device, listings->deviceFolder, listings->deviceFiles);
+            }
+            if (!listings->deviceOk) {
+                listings->deviceReason = context.reason;
+                return; // the comparison stops at the device folder
+            }
         }
-        if (!listing->ok)
-            listing->reason = m_context.reason;
+        _ListSourceFiles(context, _SourceFolderPath(m_sourceTree, listings->sourceIndex), entry->parent == 0, listings);
+        if (!listings->sourceOk)
+            listings->sourceReason = context.reason;
     }
 
     AnalysisContext m_context;
-    BUAnalysisReport m_result; // the cancel flag of this thread's context
     KSArrayString &m_sourceTree;
     KSArrayString &m_deviceTree;
+    std::vector<uint64_t> m_work; // source tree indexes in walking order
+    std::vector<std::optional<FolderListings>> m_slots; // task % kAhead
+    std::size_t m_next = 0; // the next task to take
+    std::size_t m_consumed = 0; // tasks handed to the comparison
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::deque<Listing> m_ready;
     std::atomic<bool> m_stop {false};
-    std::thread m_thread;
+    std::vector<std::thread> m_threads;
+};
+
+// Reads a folder tree into the kernel's caches with a few threads at once, ahead of the walk
+// that builds the tree one folder after another: each folder's entries and its subfolders'
+// properties. On a cold disk the walk then finds most of what it asks for already in memory.
+// Nothing is kept, and nothing but folders is opened.
+class TreeWarmer {
+public:
+    // root: an absolute source path, or "" for the device root (the folders of the device are
+    // opened beneath its root, never through a link).
+    TreeWarmer(const AnalysisContext &context, const QByteArray &root, bool deviceSide)
+        : m_device(context.device), m_deviceSide(deviceSide)
+    {
+        m_queue.push_back(root);
+        for (int i = 0; i < kThreads; ++i)
+            m_threads.emplace_back([this] { run(); });
+    }
+    ~TreeWarmer()
+    {
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_stop = true;
+        }
+        m_changed.notify_all();
+        for (std::thread &thread : m_threads)
+            thread.join();
+    }
+    TreeWarmer(const TreeWarmer &) = delete;
+    TreeWarmer &operator=(const TreeWarmer &) = delete;
+
+private:
+    static constexpr int kThreads = 3;
+    static constexpr int kSample = 64;
+    static constexpr std::chrono::microseconds kCachedFolderTime {100};
+
+    void run()
+    {
+        for (;;) {
+            QByteArray folder;
+            {
+                std::unique_lock<std::mutex> lock(m_mutex);
+                m_changed.wait(lock, [this] { return m_stop || !m_queue.empty() || m_busy == 0; });
+                if (m_stop || m_queue.empty())
+                    return; // stopped, or no folder left and none being read
+                folder = std::move(m_queue.back());
+                m_queue.pop_back();
+                ++m_busy;
+            }
+            const auto start = std::chrono::steady_clock::now();
+            std::vector<QByteArray> found = read(folder);
+            const auto spent = std::chrono::steady_clock::now() - start;
+            {
+                const std::lock_guard<std::mutex> lock(m_mutex);
+                for (QByteArray &child : found)
+                    m_queue.push_back(std::move(child));
+                --m_busy;
+                // Folders that come back this quickly are in memory already: the walk needs no
+                // help, and the warming would only take processor time from it.
+                m_spent += spent;
+                if (++m_read == kSample && m_spent < kSample * kCachedFolderTime)
+                    m_stop = true;
+            }
+            m_changed.notify_all();
+        }
+    }
+
+    std::vector<QByteArray> read(const QByteArray &folder)
+    {
+        std::vector<QByteArray> children;
+        const int fd = m_deviceSide ? m_device->openFolder(FileNameFromBytes(folder), false, nullptr)
+                                    : ::open(folder.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (fd < 0)
+            return children;
+        FolderListing listing(fd);
+        const char *name;
+        unsigned char type;
+        while (!m_stop && listing.next(&name, &type)) {
+            if (name[0] == '.' || (type != DT_DIR && type != DT_UNKNOWN))
+                continue;
+            BUItemProperties properties;
+            if (!ReadItemProperties(listing.fd(), name, &properties, nullptr) || !properties.isDirectory()
+                || m_device->isRootFolder(properties))
+                continue;
+            children.push_back(folder.isEmpty() ? QByteArray(name) : folder + '/' + name);
+        }
+        return children;
+    }
+
+    BUDeviceRoot *m_device;
+    bool m_deviceSide;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<QByteArray> m_queue;
+    int m_busy = 0;
+    int m_read = 0;
+    std::chrono::steady_clock::duration m_spent {};
+    std::atomic<bool> m_stop {false};
+    std::vector<std::thread> m_threads;
 };
 
 // A thread that the scope waits for; leaving the scope early (a failure, an exception) tells it
@@ -841,6 +1004,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
     {
         JoinedThread deviceWalk {abandonDeviceWalk, std::thread([&] {
                                      try {
+                                         const TreeWarmer warmer(deviceContext, QByteArray(), true);
                                          deviceBuilt
                                              = _BuildFolderTree(deviceContext, device.path(), *deviceTree, 0, true);
                                      } catch (const std::bad_alloc &) {
@@ -848,6 +1012,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
                                      }
                                  })};
         for (uint64_t i = 1; i <= folderCount; ++i) {
+            const TreeWarmer warmer(context, FileNameToBytes(_Name(*sourceTree, i)), false);
             if (!_BuildFolderTree(context, _Name(*sourceTree, i), *sourceTree, i, false))
                 return fail();
         }
@@ -877,7 +1042,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
 
     _CountDeviceItems(*deviceTree, &result);
 
-    DeviceListingPipeline deviceListings(context, *sourceTree, *deviceTree);
+    FolderListingPool listings(context, *sourceTree, *deviceTree);
     uint64_t index = 1;
     QString path, rootPath;
     do {
@@ -888,28 +1053,22 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
             path = _Name(*sourceTree, index);
             rootPath = _ParentPath(path);
         }
-        if (entry.match == kNone) {
-            if (!_RecordFilesInFolder(context, path, rootPath, entry.parent == 0, nullptr, -1))
-                return fail();
-            continue;
-        }
-        DeviceListingPipeline::Listing device = deviceListings.next();
-        if (device.sourceIndex != index) {
+        FolderListings folder = listings.next();
+        if (folder.sourceIndex != index) {
             context.reason = QStringLiteral("Internal logic error");
             return fail();
         }
-        if (!device.ok) {
-            if (_CancelAnalysis(context))
-                return fail();
-            context.reason = device.reason;
+        if (folder.matched && !folder.deviceOk) {
+            if (!_CancelAnalysis(context))
+                context.reason = folder.deviceReason;
             return fail();
         }
-        if (!_RecordFilesInFolder(context, path, rootPath, entry.parent == 0, &device.files, device.listing->fd()))
+        if (!_RecordFilesInFolder(context, path, rootPath, folder))
             return fail();
-        for (const DeviceFile &file : device.files) {
+        for (const DeviceFile &file : folder.deviceFiles) {
             if (file.stats.seen)
                 continue;
-            BUTransaction transaction(_Child(device.folder, file.name), QString());
+            BUTransaction transaction(_Child(folder.deviceFolder, file.name), QString());
             transaction.setAction(BUTransaction::kDelete);
             g_transactions.append(transaction);
             ++result.itemsToDelete;

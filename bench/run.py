@@ -321,6 +321,8 @@ def run_workload(name, args, work, scale, device_kind):
         tools["stat floor"] = ["sh", "-c", f"find '{folder}' '{target}' -printf '%s %T@ %m\\n' > /dev/null"]
     else:
         tools["cp -a"] = ["cp", "-a", folder, device.mount + "/"]
+        # tanner-backup ends a backup with the data on the device; cp -a leaves it in the page cache.
+        tools["cp -a + sync"] = ["sh", "-c", f"cp -a '{folder}' '{device.mount}/' && sync -f '{device.mount}'"]
         tools["read floor"] = ["sh", "-c", f"find '{folder}' -type f -print0 | xargs -0 -r cat > /dev/null"]
 
     results = {tool: [] for tool in tools}

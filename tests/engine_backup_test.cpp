@@ -6,6 +6,7 @@
 
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/xattr.h>
 
 using namespace tanner::test;
@@ -200,5 +201,58 @@ TEST_F(DeviceTest, FatalErrorsStopTheRun)
         EXPECT_GE(g_failedTransactions, 1);
         EXPECT_TRUE(TemporaryFiles(device()).isEmpty());
         EXPECT_FALSE(QFile::exists(file));
+    }
+}
+
+// Within one file system the data moves with copy_file_range, between two with sendfile; files of
+// 1 MiB and more are reserved first, and those of 8 MiB and more stream in windows. Every way must
+// give the same copy.
+TEST_F(DeviceTest, CopiesWithinOneFileSystemAndAcrossTwoAlike)
+{
+    Tree tree;
+    QByteArray big(9 << 20, '\0'), medium(3 << 20, '\0');
+    for (qsizetype i = 0; i < big.size(); ++i)
+        big[i] = char((i * 7919) >> 3);
+    for (qsizetype i = 0; i < medium.size(); ++i)
+        medium[i] = char(i % 251);
+    tree.insert(QStringLiteral("big.bin"), big);
+    tree.insert(QStringLiteral("sub/medium.bin"), medium);
+    tree.insert(QStringLiteral("sub/small.txt"), "small");
+    tree.insert(QStringLiteral("empty"), QByteArray());
+
+    for (const bool oneFileSystem : {true, false}) {
+        SCOPED_TRACE(oneFileSystem ? "one file system" : "two file systems");
+        TearDown();
+        SetUp();
+        // One tmpfs holds the source, and, bound onto the device's mount point, the device.
+        const QString shared = m_sources.path() + QStringLiteral("/shared");
+        QDir().mkpath(shared);
+        ASSERT_TRUE(MountTmpfs(shared, 64 << 20, {}));
+        m_mounted.prepend(shared);
+        m_source = shared + QStringLiteral("/Docs");
+        QDir().mkpath(shared + QStringLiteral("/device"));
+        QDir().mkpath(m_device);
+        if (oneFileSystem) {
+            ASSERT_EQ(::mount(FileNameToBytes(shared + QStringLiteral("/device")).constData(),
+                          FileNameToBytes(m_device).constData(), nullptr, MS_BIND, nullptr),
+                0);
+            m_mounted.prepend(m_device);
+        } else {
+            mountDevice();
+        }
+        WriteTree(source(), tree);
+        ::chmod(FileNameToBytes(source(QStringLiteral("big.bin"))).constData(), 0640);
+        SetModificationTime(source(QStringLiteral("sub/medium.bin")), 1500000000);
+
+        ASSERT_FALSE(analyze().error);
+        RecordingReceiver receiver;
+        backup(receiver);
+        ASSERT_TRUE(receiver.complete);
+        EXPECT_FALSE(receiver.complete->error);
+        EXPECT_EQ(g_failedTransactions, 0);
+        EXPECT_EQ(ReadTree(device(QStringLiteral("Docs"))), ReadTree(source()));
+        EXPECT_EQ(Mode(device(QStringLiteral("Docs/big.bin"))), 0640u);
+        EXPECT_EQ(ModificationTime(device(QStringLiteral("Docs/sub/medium.bin"))), 1500000000);
+        EXPECT_TRUE(TemporaryFiles(device()).isEmpty());
     }
 }

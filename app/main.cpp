@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <dlfcn.h>
+#include <malloc.h>
 #include <string>
 #include <unistd.h>
 
@@ -63,6 +64,10 @@ int RunDesktopModule(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
+    // One malloc arena for every thread: the analysis lists folders on several threads, and an
+    // arena per thread would keep each one's freed memory to itself (a few megabytes more
+    // resident for a comparison, no faster).
+    ::mallopt(M_ARENA_MAX, 1);
 #ifdef TANNER_WITH_GUI
     if (argc <= 1)
         return RunDesktopModule(argc, argv);

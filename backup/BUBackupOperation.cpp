@@ -130,7 +130,7 @@ private:
         std::deque<std::pair<qsizetype, double>> ahead; // read in, not yet copied
         double aheadBytes = 0;
         for (qsizetype next = 0; next < m_transactions.size(); ++next) {
-            const BUTransaction &transaction = m_transactions[next];
+            const BUTransaction &transaction = m_transactions.at(next);
             if (transaction.action() != BUTransaction::kCopy || transaction.isFolder())
                 continue;
             std::unique_lock<std::mutex> lock(m_mutex);
@@ -583,7 +583,7 @@ bool BUBackupOperation::performOperation()
         if (m_cancelBackup.load(std::memory_order_relaxed) || !fatal.isEmpty())
             break;
         prefetcher.reached(i);
-        const BUTransaction &transaction = m_transactions[i];
+        const BUTransaction &transaction = m_transactions.at(i);
         const bool joins = !lastWasFileCopy && transaction.action() == groupAction
             && transaction.isFolder() == groupFolder && batchCount < 2;
         if (!joins) {

@@ -6,6 +6,7 @@
 #include "keelson/KSStrings.h"
 
 #include <algorithm>
+#include <vector>
 
 BUTransactionList g_transactions;
 QStringList g_errors;
@@ -41,8 +42,32 @@ int BUTransaction::compare(const BUTransaction &other) const
 
 void SortTransactions(BUTransactionList &transactions)
 {
-    std::stable_sort(transactions.begin(), transactions.end(),
-        [](const BUTransaction &a, const BUTransaction &b) { return a.compare(b) < 0; });
+    // The order is found on indexes and then applied in place, cycle by cycle: a stable sort of
+    // the transactions themselves would take a second list's worth of memory for its buffer.
+    const qsizetype count = transactions.size();
+    std::vector<uint32_t> order(static_cast<std::size_t>(count));
+    for (qsizetype i = 0; i < count; ++i)
+        order[std::size_t(i)] = uint32_t(i);
+    const BUTransactionList &list = transactions;
+    std::stable_sort(
+        order.begin(), order.end(), [&list](uint32_t a, uint32_t b) { return list.at(a).compare(list.at(b)) < 0; });
+    // Position i takes the transaction at order[i]; a placed position is marked with its own index.
+    for (qsizetype start = 0; start < count; ++start) {
+        if (order[std::size_t(start)] == uint32_t(start))
+            continue;
+        BUTransaction held = std::move(transactions[start]);
+        qsizetype position = start;
+        for (;;) {
+            const qsizetype from = qsizetype(order[std::size_t(position)]);
+            order[std::size_t(position)] = uint32_t(position);
+            if (from == start) {
+                transactions[position] = std::move(held);
+                break;
+            }
+            transactions[position] = std::move(transactions[from]);
+            position = from;
+        }
+    }
 }
 
 qsizetype ApplyBackupStatus(const QMap<qsizetype, QString> &trans, double copied)
@@ -52,7 +77,7 @@ qsizetype ApplyBackupStatus(const QMap<qsizetype, QString> &trans, double copied
     for (auto it = trans.cbegin(); it != trans.cend(); ++it) {
         if (it.key() < 0 || it.key() >= g_transactions.size())
             continue;
-        BUTransaction &transaction = g_transactions[it.key()];
+        const BUTransaction &transaction = g_transactions.at(it.key());
         transaction.setDone(true);
         ++g_finishedTransactions;
         highest = std::max(highest, it.key());

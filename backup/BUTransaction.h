@@ -4,8 +4,11 @@
 //
 // Threads: the analysis fills g_transactions and the counters on its worker thread before it
 // reports; from then on only the main thread touches them. The backup works on a copy of the
-// list handed to it on the main thread, so the main thread may mark transactions done while it
-// runs.
+// list handed to it on the main thread. The copy shares its storage with g_transactions (a list of
+// a few hundred thousand transactions is not duplicated): the main thread writes a transaction's
+// outcome (done, errorIndex) in place, through const access, and the backup never reads those
+// two fields, only the ones that nothing changes while it runs. Read g_transactions with at() or
+// through a const reference, never with the non-const operator[], which would copy the whole list.
 #pragma once
 
 #include <QList>
@@ -13,6 +16,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <algorithm>
 #include <cstdint>
 
 class BUTransaction {
@@ -31,13 +35,17 @@ public:
     const QString &rootPath() const { return m_rootPath; }
     void setRootPath(const QString &rootPath) { m_rootPath = rootPath; }
     uint32_t action() const { return m_action; }
-    void setAction(uint32_t action) { m_action = action; }
-    uint64_t errorIndex() const { return m_errorIndex; }
-    void setErrorIndex(uint64_t errorIndex) { m_errorIndex = errorIndex; }
+    void setAction(uint32_t action) { m_action = uint8_t(std::min<uint32_t>(action, 255)); }
+    uint64_t errorIndex() const { return m_errorIndex == kStoredNoError ? kNoError : m_errorIndex; }
+    // The outcome is written in place, also in a list shared with a running backup (see above).
+    void setErrorIndex(uint64_t errorIndex) const
+    {
+        m_errorIndex = uint32_t(std::min<uint64_t>(errorIndex, kStoredNoError));
+    }
     double fileSize() const { return m_fileSize; }
     void setFileSize(double fileSize) { m_fileSize = fileSize; }
     bool isDone() const { return m_done; }
-    void setDone(bool done) { m_done = done; }
+    void setDone(bool done) const { m_done = done; }
     bool isFolder() const { return m_folder; }
     void setFolder(bool folder) { m_folder = folder; }
 
@@ -48,12 +56,14 @@ public:
     int compare(const BUTransaction &other) const;
 
 private:
+    // 64 bytes a transaction: a full backup of a large tree holds hundreds of thousands.
+    static constexpr uint32_t kStoredNoError = 0xFFFFFFFFU;
     QString m_path;
     QString m_rootPath;
-    uint32_t m_action = kCopy;
-    uint64_t m_errorIndex = kNoError;
     double m_fileSize = 0;
-    bool m_done = false;
+    mutable uint32_t m_errorIndex = kStoredNoError;
+    uint8_t m_action = kCopy;
+    mutable bool m_done = false;
     bool m_folder = false;
 };
 

@@ -180,7 +180,7 @@ public:
             if (it.value().isEmpty() || m_json)
                 continue;
             clearProgress();
-            const BUTransaction &transaction = g_transactions[it.key()];
+            const BUTransaction &transaction = g_transactions.at(it.key());
             PrintLine(stdout,
                 transaction.actionName() + u'\t' + _KindName(transaction) + u'\t' + transaction.path() + u'\t'
                     + it.value());
@@ -288,7 +288,7 @@ private:
         out += QStringLiteral(",\n  \"totalBytes\": ") + QString::number(g_totalBytes, 'f', 0);
         out += QStringLiteral(",\n  \"transactions\": [");
         for (qsizetype i = 0; i < g_transactions.size(); ++i) {
-            const BUTransaction &t = g_transactions[i];
+            const BUTransaction &t = g_transactions.at(i);
             out += i == 0 ? QStringLiteral("\n    {") : QStringLiteral(",\n    {");
             out += QStringLiteral("\"action\": ") + _Json(t.actionName());
             out += QStringLiteral(", \"folder\": ") + (t.isFolder() ? QStringLiteral("true") : QStringLiteral("false"));

@@ -58,7 +58,7 @@ QVariant BUTransactionTableModel::data(const QModelIndex &index, int role) const
 {
     if (!index.isValid() || index.row() >= g_transactions.size())
         return {};
-    const BUTransaction &t = g_transactions[index.row()];
+    const BUTransaction &t = g_transactions.at(index.row());
     const bool failed = Failed(t);
     switch (role) {
     case Qt::DisplayRole:

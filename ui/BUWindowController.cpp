@@ -591,7 +591,7 @@ void BUWindowController::ruleDoubleClick(const QModelIndex &index)
 void BUWindowController::actionDoubleClick(const QModelIndex &index)
 {
     if (index.isValid() && index.row() < g_transactions.size())
-        KSShowInFileManager(g_transactions[index.row()].path());
+        KSShowInFileManager(g_transactions.at(index.row()).path());
 }
 
 void BUWindowController::nextError()
@@ -603,13 +603,13 @@ void BUWindowController::nextError()
     const qsizetype start = current.isValid() ? current.row() + 1 : 0;
     auto failed = [](const BUTransaction &t) { return t.errorIndex() != BUTransaction::kNoError; };
     for (qsizetype row = start; row < count; ++row) {
-        if (failed(g_transactions[row])) {
+        if (failed(g_transactions.at(row))) {
             selectTransactionRow(row);
             return;
         }
     }
     for (qsizetype row = 0; row < std::min(start, count); ++row) {
-        if (failed(g_transactions[row])) {
+        if (failed(g_transactions.at(row))) {
             selectTransactionRow(row);
             return;
         }

@@ -146,7 +146,10 @@ private:
                     break; // the copy got here first
                 if (qsizetype(ahead.size()) < kAheadFiles && aheadBytes < kAheadBytes)
                     break;
-                m_wakeAt.store(ahead.front().first + 1, std::memory_order_relaxed);
+                // Woken when the copy has passed a quarter of what lies ahead, to refill that at
+                // once: a wake-up per copied file costs a backup of small files more than the reading.
+                const std::size_t refill = std::min<std::size_t>(kAheadFiles / 4, ahead.size()) - 1;
+                m_wakeAt.store(ahead[refill].first + 1, std::memory_order_relaxed);
                 m_moved.wait(lock);
                 m_wakeAt.store(std::numeric_limits<qsizetype>::max(), std::memory_order_relaxed);
             }
@@ -180,6 +183,77 @@ private:
     std::condition_variable m_moved;
     std::atomic<qsizetype> m_current {0};
     std::atomic<qsizetype> m_wakeAt {std::numeric_limits<qsizetype>::max()};
+    bool m_stop = false;
+    std::thread m_thread;
+};
+
+// Writes the device's data back while the copies go on, a batch at a time: the run ends with
+// syncfs, and without this it would wait there for everything at once (seconds after many small
+// files) while the device sat idle during the copies. A file system's write-back of many files
+// together is cheaper than file by file. Works through a descriptor of its own, so that the
+// closing syncfs on the run's descriptor still reports any write-back error since the start.
+class DeviceWriteBack {
+public:
+    explicit DeviceWriteBack(int deviceFd)
+        : m_fd(deviceFd >= 0 ? ::openat(deviceFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1)
+    {
+        if (m_fd >= 0)
+            m_thread = std::thread([this] { run(); });
+    }
+    ~DeviceWriteBack()
+    {
+        if (m_fd < 0)
+            return;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_stop = true;
+        }
+        m_wake.notify_one();
+        m_thread.join();
+        ::close(m_fd);
+    }
+    DeviceWriteBack(const DeviceWriteBack &) = delete;
+    DeviceWriteBack &operator=(const DeviceWriteBack &) = delete;
+
+    // A file of this size was written; small files count for a block and their metadata.
+    void wrote(double bytes)
+    {
+        m_pending += std::max(bytes, double(kPerFile));
+        if (m_fd < 0 || m_pending < kBatch)
+            return;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_busy)
+                return; // the next batch starts when this one is on the device
+            m_busy = true;
+        }
+        m_pending = 0;
+        m_wake.notify_one();
+    }
+
+private:
+    static constexpr double kBatch = 64 << 20;
+    static constexpr double kPerFile = 4096;
+
+    void run()
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        for (;;) {
+            m_wake.wait(lock, [this] { return m_stop || m_busy; });
+            if (m_stop)
+                return;
+            lock.unlock();
+            ::syncfs(m_fd); // errors are the closing syncfs's to report
+            lock.lock();
+            m_busy = false;
+        }
+    }
+
+    int m_fd;
+    double m_pending = 0; // copy thread only
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    bool m_busy = false;
     bool m_stop = false;
     std::thread m_thread;
 };
@@ -579,6 +653,7 @@ bool BUBackupOperation::performOperation()
     };
 
     SourcePrefetcher prefetcher(m_transactions);
+    DeviceWriteBack writeBack(run.device.fd());
     for (qsizetype i = 0; i < m_transactions.size(); ++i) {
         if (m_cancelBackup.load(std::memory_order_relaxed) || !fatal.isEmpty())
             break;
@@ -619,6 +694,7 @@ bool BUBackupOperation::performOperation()
             } else {
                 text = _CopyFile(run, transaction, &fatal);
                 status.copied += transaction.fileSize();
+                writeBack.wrote(transaction.fileSize());
                 lastWasFileCopy = true;
             }
             break;

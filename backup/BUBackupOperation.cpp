@@ -232,7 +232,7 @@ public:
     }
 
 private:
-    static constexpr double kBatch = 64 << 20;
+    static constexpr double kBatch = 8 << 20;
     static constexpr double kPerFile = 4096;
 
     void run()

@@ -146,6 +146,43 @@ TEST_F(DeviceTest, ListsWhatMakesTheDeviceAMirror)
     EXPECT_EQ(g_totalBytes, 1.0 + 12 + 3 + 2 + 5 + 5);
 }
 
+// A folder of thousands of entries is read in blocks whose properties several threads read at
+// once; the outcome and the table order must be those of a small folder.
+TEST_F(DeviceTest, LargeFolderListsTheSameAsSmallOnes)
+{
+    mountDevice();
+    const qint64 old = 1500000000;
+    QStringList expected;
+    QDir().mkpath(device(QStringLiteral("Docs")));
+    for (int i = 0; i < 2600; ++i) {
+        const QString name = QStringLiteral("f%1.txt").arg(i, 4, 10, QLatin1Char('0'));
+        const int fate = i % 4; // 0 new, 1 older on the device, 2 the same, 3 gone from the source
+        if (fate != 3) {
+            WriteFileBytes(FileNameToBytes(source(name)), "s");
+            SetModificationTime(source(name), old);
+        }
+        if (fate != 0) {
+            WriteFileBytes(FileNameToBytes(device(QStringLiteral("Docs/") + name)), "d");
+            SetModificationTime(device(QStringLiteral("Docs/") + name), fate == 1 ? old - 10 : old);
+        }
+        if (fate == 0 || fate == 1)
+            expected.append(QStringLiteral("Copy file Docs/") + name);
+        else if (fate == 3)
+            expected.prepend(QStringLiteral("Delete file Docs/") + name);
+    }
+    std::sort(expected.begin(), expected.begin() + 650); // the deletes were prepended backwards
+    WriteTree(source(), {{".dot.txt", "x"}, {"Sub/inner.txt", "i"}});
+    QFile::link(QStringLiteral("/etc/passwd"), source(QStringLiteral("f9999-link.txt")));
+    ::mkfifo(FileNameToBytes(source(QStringLiteral("f9999.fifo"))).constData(), 0644);
+    expected.insert(650, QStringLiteral("Copy folder Docs/Sub"));
+    expected.append(QStringLiteral("Copy file Docs/Sub/inner.txt"));
+
+    const BUAnalysisReport report = analyze();
+    EXPECT_FALSE(report.error.has_value()) << report.error.value_or(QString()).toStdString();
+    EXPECT_EQ(transactionLines(), expected);
+    EXPECT_EQ(g_totalBytes, 1300.0 + 1);
+}
+
 TEST_F(DeviceTest, AdvancedUserMarkKeepsNamesOut)
 {
     mountDevice();

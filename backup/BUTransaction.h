@@ -67,6 +67,10 @@ private:
     bool m_folder = false;
 };
 
+// Two strings and plain values: a growing list may move its transactions as bytes (realloc) instead
+// of copying each one into a second block.
+Q_DECLARE_TYPEINFO(BUTransaction, Q_RELOCATABLE_TYPE);
+
 using BUTransactionList = QList<BUTransaction>;
 
 // Sorts a list into table order with compare() (stable).

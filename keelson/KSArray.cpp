@@ -39,12 +39,11 @@ bool KSArray::reserveStored(std::size_t storedCount)
         return true;
     if (storedCount > SIZE_MAX / stride)
         return false;
-    auto *block = static_cast<unsigned char *>(AllocateMemory(storedCount * stride));
+    // realloc moves a large block by remapping its pages: no copy, and no moment with both the
+    // old and the new block resident.
+    auto *block = static_cast<unsigned char *>(ReallocateMemory(entries, storedCount * stride));
     if (!block)
         return false;
-    if (usedCount > 0)
-        std::memcpy(block, entries, usedCount * stride);
-    std::free(entries);
     entries = block;
     allocatedCount = storedCount;
     return true;

@@ -65,3 +65,13 @@ void *AllocateMemory(std::size_t size)
     }
     return block;
 }
+
+void *ReallocateMemory(void *block, std::size_t size)
+{
+    void *moved = std::realloc(block, size);
+    if (!moved && size > 0) {
+        LogString("Allocation failed for %lu bytes.", static_cast<unsigned long>(size));
+        LogBacktrace();
+    }
+    return moved;
+}

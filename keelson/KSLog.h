@@ -24,3 +24,5 @@ void LogBacktrace();
 
 // malloc that logs "Allocation failed for %lu bytes." and a backtrace when it fails.
 void *AllocateMemory(std::size_t size);
+// realloc that logs the same way; on failure the block is left as it was.
+void *ReallocateMemory(void *block, std::size_t size);

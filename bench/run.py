@@ -404,7 +404,7 @@ def main():
     all_results = {}
     for dev in args.devices.split(","):
         for name in args.workloads.split(","):
-            print(f"== {name} on {dev}", flush=True)
+            print(f"== {name} on {dev} ({time.strftime('%H:%M:%S')})", flush=True)
             all_results[(name, dev)] = run_workload(name, args, args.workdir, scale, dev)
             print(report({(name, dev): all_results[(name, dev)]}, args).split("\n\n")[2], flush=True)
     text = report(all_results, args)
@@ -412,11 +412,12 @@ def main():
     if not args.no_write and args.scale == 1.0 and args.runs >= 5:
         path = os.path.join(ROOT, "docs", "PERFORMANCE.md")
         old = open(path).read() if os.path.exists(path) else "# Performance\n"
-        marker = f"## Benchmark results, page cache {args.cache}"
+        # One section per cache state and device set, so that runs on each device can be kept apart.
+        marker = f"## Benchmark results, page cache {args.cache}, devices {args.devices}"
         head, _, rest = old.partition(marker)
         tail = rest[rest.find("\n## ") :] if "\n## " in rest else ""
         with open(path, "w") as f:
-            f.write(head.rstrip() + "\n\n" + marker + "\n\n" + f"`bench/run.py --cache {args.cache}`, "
+            f.write(head.rstrip() + "\n\n" + marker + "\n\n" + f"`bench/run.py --cache {args.cache} --devices {args.devices}`, "
                     f"{time.strftime('%Y-%m-%d')}.\n\n" + text + "\n" + tail)
 
 

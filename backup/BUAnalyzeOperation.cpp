@@ -19,6 +19,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <system_error>
 #include <thread>
 
 #include <cerrno>
@@ -115,6 +116,18 @@ private:
     DIR *m_folder;
 };
 
+// Starts a helper thread; false when the system refuses one (a limit on processes): the helpers
+// only speed the work up, and whoever starts them carries on with those it has.
+template <typename Work> bool _StartThread(std::vector<std::thread> &threads, Work &&work)
+{
+    try {
+        threads.emplace_back(std::forward<Work>(work));
+        return true;
+    } catch (const std::system_error &) {
+        return false;
+    }
+}
+
 // A folder's entries a block at a time, with the properties of its files read ahead. A block that
 // comes back full (a large folder) has them read by several threads at once: a flat folder of a
 // hundred thousand files would otherwise wait on a cold disk for one file after another. Names
@@ -185,8 +198,7 @@ private:
             }
         };
         std::vector<std::thread> helpers;
-        for (int i = 1; i < kThreads; ++i)
-            helpers.emplace_back(work);
+        for (int i = 1; i < kThreads && _StartThread(helpers, work); ++i) { }
         work();
         for (std::thread &helper : helpers)
             helper.join();
@@ -748,8 +760,7 @@ public:
         do
             m_work.push_back(index);
         while (_NextFolder(m_sourceTree, &index, &ignored, true));
-        for (int i = 0; i < kThreads; ++i)
-            m_threads.emplace_back([this] { run(); });
+        for (int i = 0; i < kThreads && _StartThread(m_threads, [this] { run(); }); ++i) { }
     }
     ~FolderListingPool()
     {
@@ -767,6 +778,13 @@ public:
     // The listings of the next source folder in tree order.
     FolderListings next()
     {
+        if (m_threads.empty()) {
+            // No thread could be started: the comparison lists each folder itself.
+            FolderListings listings;
+            listings.sourceIndex = m_work[m_consumed++];
+            list(&listings);
+            return listings;
+        }
         std::unique_lock<std::mutex> lock(m_mutex);
         std::optional<FolderListings> &slot = m_slots[m_consumed % kAhead];
         m_changed.wait(lock, [&slot] { return slot.has_value(); });
@@ -862,8 +880,7 @@ public:
     TreeWarmer(const AnalysisContext &context, const QList<QByteArray> &roots, bool deviceSide)
         : m_device(context.device), m_deviceSide(deviceSide), m_folders(roots.crbegin(), roots.crend())
     {
-        for (int i = 0; i < kThreads; ++i)
-            m_threads.emplace_back([this] { run(); });
+        for (int i = 0; i < kThreads && _StartThread(m_threads, [this] { run(); }); ++i) { }
     }
     ~TreeWarmer()
     {
@@ -1101,19 +1118,27 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
     const TreeWarmer sourceWarmer(context, sourceRoots, false);
     const TreeWarmer deviceWarmer(deviceContext, {QByteArray()}, true);
     {
-        JoinedThread deviceWalk {abandonDeviceWalk, std::thread([&] {
-                                     try {
-                                         deviceBuilt
-                                             = _BuildFolderTree(deviceContext, device.path(), *deviceTree, 0, true);
-                                     } catch (const std::bad_alloc &) {
-                                         deviceContext.reason = kMemoryReason;
-                                     }
-                                 })};
+        auto walkDevice = [&] {
+            try {
+                deviceBuilt = _BuildFolderTree(deviceContext, device.path(), *deviceTree, 0, true);
+            } catch (const std::bad_alloc &) {
+                deviceContext.reason = kMemoryReason;
+            }
+        };
+        JoinedThread deviceWalk {abandonDeviceWalk, {}};
+        try {
+            deviceWalk.thread = std::thread(walkDevice);
+        } catch (const std::system_error &) {
+            // No thread to spare: the device's tree is built after the sources'.
+        }
         for (uint64_t i = 1; i <= folderCount; ++i) {
             if (!_BuildFolderTree(context, _Name(*sourceTree, i), *sourceTree, i, false))
                 return fail();
         }
-        deviceWalk.thread.join();
+        if (deviceWalk.thread.joinable())
+            deviceWalk.thread.join();
+        else
+            walkDevice();
     }
     if (!deviceBuilt) {
         if (deviceResult.cancel)

@@ -19,6 +19,7 @@
 #include <limits>
 #include <mutex>
 #include <sys/stat.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -96,10 +97,16 @@ class SourcePrefetcher {
 public:
     explicit SourcePrefetcher(const BUTransactionList &transactions) : m_transactions(transactions)
     {
-        m_thread = std::thread([this] { run(); });
+        try {
+            m_thread = std::thread([this] { run(); });
+        } catch (const std::system_error &) {
+            // No thread to spare: the copies read for themselves.
+        }
     }
     ~SourcePrefetcher()
     {
+        if (!m_thread.joinable())
+            return;
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_stop = true;
@@ -197,8 +204,16 @@ public:
     explicit DeviceWriteBack(int deviceFd)
         : m_fd(deviceFd >= 0 ? ::openat(deviceFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1)
     {
-        if (m_fd >= 0)
-            m_thread = std::thread([this] { run(); });
+        try {
+            if (m_fd >= 0)
+                m_thread = std::thread([this] { run(); });
+        } catch (const std::system_error &) {
+            // No thread to spare: the closing syncfs writes everything.
+        }
+        if (!m_thread.joinable() && m_fd >= 0) {
+            ::close(m_fd);
+            m_fd = -1;
+        }
     }
     ~DeviceWriteBack()
     {

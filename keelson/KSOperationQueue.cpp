@@ -1,5 +1,7 @@
 #include "keelson/KSOperationQueue.h"
 
+#include "keelson/KSLog.h"
+
 #include <QThread>
 
 #include <pthread.h>
@@ -42,6 +44,15 @@ void KSOperationQueue::addOperation(std::shared_ptr<KSAsyncOperation> operation)
         m_thread.reset(QThread::create([this] { work(); }));
         m_thread->setObjectName(QStringLiteral("KSOperationQueue"));
         m_thread->start();
+        if (!m_thread->isRunning()) {
+            // No thread could be started (a limit on processes, say): the work runs here, so that
+            // it still ends and reports, at the cost of this thread meanwhile.
+            m_thread.reset();
+            LogString("Can't start a thread for the operation %@; it runs on the calling thread.",
+                m_pending.back()->threadName());
+            while (runNext(false)) { }
+            return;
+        }
     }
     m_wake.notify_one();
 }
@@ -70,34 +81,46 @@ qsizetype KSOperationQueue::operationCount() const
 void KSOperationQueue::work()
 {
     for (;;) {
-        std::shared_ptr<KSAsyncOperation> operation;
         {
             std::unique_lock lock(m_mutex);
             m_wake.wait(lock, [this] { return m_stopping || !m_pending.empty(); });
             if (m_pending.empty())
                 return; // stopping, nothing left
-            operation = std::move(m_pending.front());
-            m_pending.pop_front();
-            m_current = operation;
-            m_busy = true;
         }
-        if (!operation->isCancelled()) {
-            _NameCurrentThread(operation->threadName());
-            operation->main();
-        } else {
-            operation->cancelledBeforeStart();
-        }
-        {
-            std::lock_guard lock(m_mutex);
-            m_current.reset();
-        }
-        // The queue's reference goes before the operation counts as finished, so that nothing of
-        // it is destroyed on this thread after a waiter has returned.
-        operation.reset();
-        {
-            std::lock_guard lock(m_mutex);
-            m_busy = false;
-        }
-        m_idle.notify_all();
+        runNext(true);
     }
+}
+
+bool KSOperationQueue::runNext(bool onWorker)
+{
+    std::shared_ptr<KSAsyncOperation> operation;
+    {
+        std::lock_guard lock(m_mutex);
+        if (m_pending.empty())
+            return false;
+        operation = std::move(m_pending.front());
+        m_pending.pop_front();
+        m_current = operation;
+        m_busy = true;
+    }
+    if (!operation->isCancelled()) {
+        if (onWorker)
+            _NameCurrentThread(operation->threadName());
+        operation->main();
+    } else {
+        operation->cancelledBeforeStart();
+    }
+    {
+        std::lock_guard lock(m_mutex);
+        m_current.reset();
+    }
+    // The queue's reference goes before the operation counts as finished, so that nothing of it
+    // is destroyed on this thread after a waiter has returned.
+    operation.reset();
+    {
+        std::lock_guard lock(m_mutex);
+        m_busy = false;
+    }
+    m_idle.notify_all();
+    return true;
 }

@@ -38,6 +38,9 @@ public:
 
 private:
     void work();
+    // Runs the oldest queued operation; false when none is queued. onWorker: on the queue's own
+    // thread, which takes the operation's name.
+    bool runNext(bool onWorker);
 
     mutable std::mutex m_mutex;
     std::condition_variable m_wake; // work arrived, or the queue is going away

@@ -220,6 +220,40 @@ TEST_F(CommandLineTest, UnreadableSourcesAreLeftOutForAnUnprivilegedUser)
     EXPECT_EQ(ReadTree(device(QStringLiteral("Docs"))), (Tree {{"open.txt", "o"}}));
 }
 
+// A user at the limit of their processes: no helper thread and not even the job's own thread can
+// be started. The analysis and the backup must still run, on the one thread there is.
+TEST_F(CommandLineTest, BacksUpWithNoThreadToSpare)
+{
+    if (QProcess::execute(QStringLiteral("setpriv"), {QStringLiteral("--reuid=nobody"), QStringLiteral("true")}) != 0)
+        GTEST_SKIP() << "setpriv cannot run a program as nobody here";
+    mountDevice(64 << 20, QStringLiteral("mode=0777"));
+    Tree tree = {{"sub/inner.txt", "i"}};
+    for (int i = 0; i < 1100; ++i) // more than one block of a large folder
+        tree.insert(QStringLiteral("f%1.txt").arg(i), QByteArray::number(i));
+    WriteTree(source(), tree);
+    for (const QString &path : {m_home.path(), m_sources.path()})
+        QProcess::execute(QStringLiteral("chown"), {QStringLiteral("-R"), QStringLiteral("nobody:nogroup"), path});
+    ::chmod(FileNameToBytes(m_volumes.path()).constData(), 0755);
+    auto asNobody = [this](const QStringList &args) {
+        QProcess process;
+        process.setProcessEnvironment(m_env);
+        process.start(QStringLiteral("setpriv"),
+            QStringList {QStringLiteral("--reuid=nobody"), QStringLiteral("--regid=nogroup"),
+                QStringLiteral("--clear-groups"), QStringLiteral("prlimit"), QStringLiteral("--nproc=1:1"),
+                QStringLiteral(TANNER_BINARY)}
+                + args);
+        process.waitForFinished(60000);
+        return ProcessResult {process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError()};
+    };
+    ASSERT_EQ(asNobody({QStringLiteral("folders"), QStringLiteral("add"), source()}).exitCode, 0);
+    ASSERT_EQ(asNobody({QStringLiteral("folders"), QStringLiteral("remove"), QStringLiteral("home")}).exitCode, 0);
+    const ProcessResult result = asNobody({QStringLiteral("backup"), QStringLiteral("Dev")});
+    EXPECT_EQ(result.exitCode, 0) << result.out.toStdString() << result.err.toStdString();
+    EXPECT_TRUE(Text(result.out).endsWith(QStringLiteral("Backup succeeded\n"))) << result.out.toStdString();
+    tree.insert(QStringLiteral("sub/"), {});
+    EXPECT_EQ(ReadTree(device(QStringLiteral("Docs"))), tree);
+}
+
 TEST_F(CommandLineTest, FatAndExfatDevicesStayUpToDate)
 {
     struct Kind {

@@ -636,7 +636,7 @@ bool _RecordFilesInFolder(
                 counted = false;
             }
         }
-        BUTransaction transaction(_Child(folder, file.name), rootPath);
+        BUTransaction transaction(folder, file.name, rootPath);
         transaction.setAction(action);
         if (counted) {
             g_totalBytes += double(stats.size);
@@ -1190,7 +1190,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
         for (const DeviceFile &file : folder.deviceFiles) {
             if (file.stats.seen)
                 continue;
-            BUTransaction transaction(_Child(folder.deviceFolder, file.name), QString());
+            BUTransaction transaction(folder.deviceFolder, file.name, QString());
             transaction.setAction(BUTransaction::kDelete);
             g_transactions.append(transaction);
             ++result.itemsToDelete;

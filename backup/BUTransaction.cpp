@@ -5,6 +5,8 @@
 
 #include "keelson/KSStrings.h"
 
+#include <QVarLengthArray>
+
 #include <algorithm>
 #include <vector>
 
@@ -17,6 +19,31 @@ int64_t g_failedTransactions = 0;
 
 BUTransaction::BUTransaction(const QString &path, const QString &root) : m_path(path), m_rootPath(root)
 {
+}
+
+BUTransaction::BUTransaction(const QString &folder, const QString &name, const QString &root)
+    : m_path(folder), m_name(name), m_rootPath(root)
+{
+}
+
+template <typename Buffer> void BUTransaction::appendPath(Buffer &buffer) const
+{
+    buffer.append(m_path.constData(), m_path.size());
+    if (m_name.isNull())
+        return;
+    if (!m_path.endsWith(u'/'))
+        buffer.append(QChar(u'/'));
+    buffer.append(m_name.constData(), m_name.size());
+}
+
+QString BUTransaction::path() const
+{
+    if (m_name.isNull())
+        return m_path;
+    QString path;
+    path.reserve(m_path.size() + 1 + m_name.size());
+    appendPath(path);
+    return path;
 }
 
 QString BUTransaction::actionName() const
@@ -37,7 +64,14 @@ int BUTransaction::compare(const BUTransaction &other) const
         return m_action < other.m_action ? -1 : 1;
     if (m_folder != other.m_folder)
         return m_folder ? -1 : 1;
-    return CaseInsensitiveCompare(m_path, other.m_path);
+    // Items of one folder (one shared folder string) differ only after the folder's "/".
+    if (!m_name.isNull() && !other.m_name.isNull() && m_path.constData() == other.m_path.constData()
+        && m_path.size() == other.m_path.size())
+        return CaseInsensitiveCompare(m_name, other.m_name);
+    QVarLengthArray<QChar, 256> a, b;
+    appendPath(a);
+    other.appendPath(b);
+    return CaseInsensitiveCompare(QStringView(a.constData(), a.size()), QStringView(b.constData(), b.size()));
 }
 
 void SortTransactions(BUTransactionList &transactions)

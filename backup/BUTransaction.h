@@ -27,9 +27,16 @@ public:
     BUTransaction() = default;
     // Action Copy, no error, not done, not a folder, size 0. A null root is "none".
     BUTransaction(const QString &path, const QString &root);
+    // The item `name` in `folder`. The analysis passes one folder string for all the items of a
+    // folder: its text is shared, not repeated in each of hundreds of thousands of transactions.
+    BUTransaction(const QString &folder, const QString &name, const QString &root);
 
-    const QString &path() const { return m_path; }
-    void setPath(const QString &path) { m_path = path; }
+    QString path() const;
+    void setPath(const QString &path)
+    {
+        m_path = path;
+        m_name = QString();
+    }
     // For a source item, the parent folder of its backup folder; the device root for a device
     // folder to delete; null for a device file to delete.
     const QString &rootPath() const { return m_rootPath; }
@@ -56,9 +63,13 @@ public:
     int compare(const BUTransaction &other) const;
 
 private:
-    // 64 bytes a transaction: a full backup of a large tree holds hundreds of thousands.
+    // 88 bytes and a name a transaction: a full backup of a large tree holds hundreds of thousands.
     static constexpr uint32_t kStoredNoError = 0xFFFFFFFFU;
-    QString m_path;
+    // Appends the path to a buffer, without allocating a string of it.
+    template <typename Buffer> void appendPath(Buffer &buffer) const;
+
+    QString m_path; // the whole path, or the folder when m_name is set
+    QString m_name;
     QString m_rootPath;
     double m_fileSize = 0;
     mutable uint32_t m_errorIndex = kStoredNoError;

@@ -4,6 +4,7 @@
 #include "backup/BUDevices.h"
 #include "backup/BUFileCopier.h"
 #include "backup/BUFileStats.h"
+#include "backup/BUFolderReading.h"
 #include "keelson/FormatString.h"
 #include "keelson/KSLog.h"
 #include "keelson/KSStrings.h"
@@ -19,7 +20,6 @@
 #include <limits>
 #include <mutex>
 #include <sys/stat.h>
-#include <system_error>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -97,11 +97,7 @@ class SourcePrefetcher {
 public:
     explicit SourcePrefetcher(const BUTransactionList &transactions) : m_transactions(transactions)
     {
-        try {
-            m_thread = std::thread([this] { run(); });
-        } catch (const std::system_error &) {
-            // No thread to spare: the copies read for themselves.
-        }
+        StartHelperThread(m_thread, [this] { run(); }); // without it the copies read for themselves
     }
     ~SourcePrefetcher()
     {
@@ -204,13 +200,8 @@ public:
     explicit DeviceWriteBack(int deviceFd)
         : m_fd(deviceFd >= 0 ? ::openat(deviceFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1)
     {
-        try {
-            if (m_fd >= 0)
-                m_thread = std::thread([this] { run(); });
-        } catch (const std::system_error &) {
-            // No thread to spare: the closing syncfs writes everything.
-        }
-        if (!m_thread.joinable() && m_fd >= 0) {
+        // Without its thread the closing syncfs writes everything.
+        if (m_fd >= 0 && !StartHelperThread(m_thread, [this] { run(); })) {
             ::close(m_fd);
             m_fd = -1;
         }

@@ -14,12 +14,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
-#include <deque>
 #include <memory>
 #include <mutex>
-#include <optional>
-#include <system_error>
+#include <numeric>
 #include <thread>
 
 #include <cerrno>
@@ -79,21 +78,6 @@ DeviceFile *_FindDeviceFile(DeviceFileList &files, const QString &name)
 struct SourceFile {
     QString name;
     FileStats stats;
-};
-
-// Both sides of one source folder of the file comparison, listed and examined.
-struct FolderListings {
-    uint64_t sourceIndex = kNone;
-    std::unique_ptr<FolderListing> source; // kept open for the extended-attribute digests
-    std::vector<SourceFile> sourceFiles; // in listing order; up to the failure when not sourceOk
-    bool sourceOk = false;
-    QString sourceReason;
-    bool matched = false;
-    QString deviceFolder; // the device folder's path
-    std::unique_ptr<FolderListing> device;
-    DeviceFileList deviceFiles;
-    bool deviceOk = false;
-    QString deviceReason;
 };
 
 FolderEntry *_Entry(KSArrayString &tree, uint64_t index)
@@ -237,138 +221,6 @@ int _ShouldCopyFile(AnalysisContext &context, int folderFd, const QString &folde
     return 1;
 }
 
-bool _BuildFolderTree(
-    AnalysisContext &context, const QString &startPath, KSArrayString &tree, uint64_t startIndex, bool deviceSide)
-{
-    uint64_t node = startIndex;
-    QString path = startPath;
-    QStringList stack; // the paths of the folders from the start node down to the current one
-    for (;;) {
-        if (_CancelAnalysis(context))
-            return false;
-        stack.append(path);
-        const int fd = _OpenFolder(context, path, deviceSide, node == startIndex);
-        if (fd < 0) {
-            if (CocoaDomainErrorCode(BUError::posix(errno)) != kReadNoPermissionError) {
-                _SetFolderReason(context, path, errno);
-                return false;
-            }
-        } else {
-            FolderListing listing(fd);
-            BUItemProperties properties;
-            // A device mounted inside a backup folder is never walked into, the backup folder
-            // itself included.
-            bool walk = deviceSide || node != startIndex
-                || !(ReadItemProperties(listing.fd(), "", &properties, nullptr)
-                    && context.device->isRootFolder(properties));
-            uint64_t previous = kNone;
-            const char *name;
-            unsigned char type;
-            while (walk && listing.next(&name, &type)) {
-                if (_CancelAnalysis(context))
-                    return false;
-                if (type != DT_DIR && type != DT_UNKNOWN) {
-                    _Entry(tree, node)->files += deviceSide ? 1 : 0;
-                    continue;
-                }
-                const QString itemName = FileNameFromBytes(QByteArrayView(name));
-                if (!_NameAllowsItem(itemName, deviceSide))
-                    continue;
-                BUError error;
-                if (!ReadItemProperties(listing.fd(), name, &properties, &error)) {
-                    context.reason = FormatString(
-                        "I can't examine the properties of \"%@\" -- %@", _Child(path, itemName), error.failureReason);
-                    return false;
-                }
-                if (!properties.isDirectory()) {
-                    _Entry(tree, node)->files += deviceSide ? 1 : 0;
-                    continue;
-                }
-                if (!deviceSide
-                    && (properties.systemImmutable || !properties.isReadable()
-                        || !_RulesAllowItem(context, itemName, true) || context.device->isRootFolder(properties)))
-                    continue;
-                FolderEntry entry {node, kNone, kNone, kNone, {}, true};
-                _GetFileStats(properties, &entry.stats);
-                const uint64_t index = tree.addEntry(&entry, &itemName);
-                if (index == KSNotFound)
-                    return false; // the memory reason stands
-                if (previous == kNone)
-                    _Entry(tree, node)->firstChild = index;
-                else
-                    _Entry(tree, previous)->nextSibling = index;
-                previous = index;
-            }
-            if (walk && listing.errorNumber != 0) {
-                _SetFolderReason(context, path, listing.errorNumber);
-                return false;
-            }
-        }
-        // Move on: down to the first child, else to the next sibling of the nearest folder that
-        // has one, without climbing above the start.
-        const uint64_t firstChild = _Entry(tree, node)->firstChild;
-        if (firstChild != kNone) {
-            node = firstChild;
-            path = _Child(path, _Name(tree, node));
-            continue;
-        }
-        if (node == startIndex)
-            return true;
-        stack.removeLast();
-        for (;;) {
-            const FolderEntry *entry = _Entry(tree, node);
-            if (entry->nextSibling != kNone) {
-                node = entry->nextSibling;
-                path = _Child(stack.last(), _Name(tree, node));
-                break;
-            }
-            node = entry->parent;
-            if (node == startIndex)
-                return true;
-            stack.removeLast();
-        }
-    }
-}
-
-bool _MatchFolders(
-    AnalysisContext &context, KSArrayString &sourceTree, uint64_t s, KSArrayString &deviceTree, uint64_t d)
-{
-    if (_CancelAnalysis(context))
-        return false;
-    _Entry(sourceTree, s)->match = d;
-    _Entry(deviceTree, d)->match = s;
-
-    // A linear search, the first listed device folder winning; many folders get a table of the
-    // folded names that answers the same.
-    int deviceChildren = 0;
-    for (uint64_t e = _Entry(deviceTree, d)->firstChild; e != kNone; e = _Entry(deviceTree, e)->nextSibling)
-        ++deviceChildren;
-    QHash<QString, uint64_t> folded;
-    if (deviceChildren > 16) {
-        for (uint64_t e = _Entry(deviceTree, d)->firstChild; e != kNone; e = _Entry(deviceTree, e)->nextSibling) {
-            const QString key = CaseFoldedString(_Name(deviceTree, e));
-            if (!folded.contains(key))
-                folded.insert(key, e);
-        }
-    }
-    for (uint64_t c = _Entry(sourceTree, s)->firstChild; c != kNone; c = _Entry(sourceTree, c)->nextSibling) {
-        uint64_t partner = kNone;
-        if (deviceChildren > 16) {
-            partner = folded.value(CaseFoldedString(_Name(sourceTree, c)), kNone);
-        } else {
-            for (uint64_t e = _Entry(deviceTree, d)->firstChild; e != kNone; e = _Entry(deviceTree, e)->nextSibling) {
-                if (CaseInsensitiveCompare(_Name(sourceTree, c), _Name(deviceTree, e)) == KSOrderedSame) {
-                    partner = e;
-                    break;
-                }
-            }
-        }
-        if (partner != kNone && !_MatchFolders(context, sourceTree, c, deviceTree, partner))
-            return false;
-    }
-    return true;
-}
-
 // The pre-order successor of `index`; descend false skips its subtree. The path follows along,
 // except for the children of the root, whose paths the callers derive themselves.
 bool _NextFolder(KSArrayString &tree, uint64_t *index, QString *path, bool descend)
@@ -474,14 +326,495 @@ void _CountDeviceItems(KSArrayString &deviceTree, BUAnalysisReport *result)
     }
 }
 
-bool _RecordFilesInFolder(
-    AnalysisContext &context, const QString &folder, const QString &rootPath, FolderListings &listings)
+// What the reading of one folder found for the comparison. A failure of the tree itself (the
+// folder or one of its subfolders could not be examined) outranks a failure among its files: the
+// folders are compared before the files.
+struct ListedFolder {
+    bool treeFailed = false;
+    QString treeReason;
+    bool filesFailed = false; // the files up to the failure are kept
+    QString filesReason;
+    std::vector<SourceFile> sourceFiles; // in listing order
+    DeviceFileList deviceFiles; // sorted without regard to case
+};
+
+// A subfolder found by a reading, before it joins its tree.
+struct FoundFolder {
+    QString name;
+    FileStats stats;
+};
+
+// A folder opened only when the comparison needs it (the extended-attribute digests): most never are.
+class FolderOpenedOnDemand {
+public:
+    FolderOpenedOnDemand(AnalysisContext &context, const QString &path, bool deviceSide, bool followLink)
+        : m_context(context), m_path(path), m_deviceSide(deviceSide), m_followLink(followLink)
+    {
+    }
+    ~FolderOpenedOnDemand()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd);
+    }
+    FolderOpenedOnDemand(const FolderOpenedOnDemand &) = delete;
+    FolderOpenedOnDemand &operator=(const FolderOpenedOnDemand &) = delete;
+
+    int fd()
+    {
+        if (!m_tried) {
+            m_tried = true;
+            m_fd = _OpenFolder(m_context, m_path, m_deviceSide, m_followLink);
+        }
+        return m_fd;
+    }
+
+private:
+    AnalysisContext &m_context;
+    QString m_path;
+    bool m_deviceSide;
+    bool m_followLink;
+    bool m_tried = false;
+    int m_fd = -1;
+};
+
+// Reads one folder: its subfolders for the tree, its files for the comparison, each entry examined
+// once. The device side keeps temporary files that an interrupted backup left behind: no source
+// file is ever named like them, so they are deleted.
+void _ReadFolder(AnalysisContext &context, const QString &path, bool deviceSide, bool isBackupFolder, ListedFolder &out,
+    std::vector<FoundFolder> &subfolders, uint32_t *otherItems)
 {
-    DeviceFileList *deviceFiles = listings.matched ? &listings.deviceFiles : nullptr;
-    for (SourceFile &file : listings.sourceFiles) {
+    auto treeFailure = [&out, &context] {
+        out.treeFailed = true;
+        out.treeReason = context.reason;
+    };
+    const int fd = _OpenFolder(context, path, deviceSide, isBackupFolder);
+    if (fd < 0) {
+        const int errorNumber = errno;
+        const bool noPermission = CocoaDomainErrorCode(BUError::posix(errorNumber)) == kReadNoPermissionError;
+        if (!noPermission || deviceSide)
+            _SetFolderReason(context, path, errorNumber);
+        if (!noPermission) {
+            treeFailure();
+        } else if (deviceSide) {
+            // The tree goes on without it; the comparison stops here if it needs its files. A
+            // source folder the user cannot read simply has nothing to copy.
+            out.filesFailed = true;
+            out.filesReason = context.reason;
+        }
+        return;
+    }
+    FolderListing listing(fd);
+    BUItemProperties properties;
+    // A device mounted inside a backup folder is never walked into, the backup folder itself
+    // included.
+    const bool walk = deviceSide || !isBackupFolder
+        || !(ReadItemProperties(listing.fd(), "", &properties, nullptr) && context.device->isRootFolder(properties));
+    FolderReader reader(listing);
+    const char *name;
+    unsigned char type;
+    const BUItemProperties *known;
+    while (reader.next(&name, &type, &known)) {
+        if (_CancelAnalysis(context))
+            return treeFailure();
+        const bool maybeFolder = type == DT_DIR || type == DT_UNKNOWN;
+        if (walk && !maybeFolder && deviceSide)
+            ++*otherItems;
+        const QString itemName = FileNameFromBytes(QByteArrayView(name));
+        if (walk && maybeFolder && _NameAllowsItem(itemName, deviceSide)) {
+            BUError error;
+            if (!known) {
+                if (!ReadItemProperties(listing.fd(), name, &properties, &error)) {
+                    context.reason = FormatString(
+                        "I can't examine the properties of \"%@\" -- %@", _Child(path, itemName), error.failureReason);
+                    return treeFailure();
+                }
+                known = &properties;
+            }
+            if (known->isDirectory()) {
+                if (deviceSide
+                    || !(known->systemImmutable || !known->isReadable() || !_RulesAllowItem(context, itemName, true)
+                        || context.device->isRootFolder(*known))) {
+                    FoundFolder folder {itemName, {}};
+                    _GetFileStats(*known, &folder.stats);
+                    subfolders.push_back(std::move(folder));
+                }
+                continue; // a folder is never one of the files
+            }
+            if (deviceSide)
+                ++*otherItems;
+        }
+        if (out.filesFailed)
+            continue; // the tree is read on
+        FileStats stats;
+        if (deviceSide && IsTemporaryName(name) && (type == DT_REG || type == DT_UNKNOWN)) {
+            const bool read = known || ReadItemProperties(listing.fd(), name, &properties, nullptr);
+            if (read && (known ? *known : properties).isRegularFile())
+                out.deviceFiles.push_back({stats, itemName});
+            continue;
+        }
+        const int use = _ShouldCopyFile(context, listing.fd(), path, name, itemName, type, deviceSide, known, &stats);
+        if (use == 2) {
+            out.filesFailed = true;
+            out.filesReason = context.reason;
+        } else if (use == 1 && deviceSide) {
+            out.deviceFiles.push_back({stats, itemName});
+        } else if (use == 1 && _RulesAllowItem(context, itemName, false)) {
+            out.sourceFiles.push_back({itemName, stats});
+        }
+    }
+    if (listing.errorNumber != 0) {
+        _SetFolderReason(context, path, listing.errorNumber);
+        if (walk)
+            return treeFailure();
+        out.filesFailed = true;
+        out.filesReason = context.reason;
+    }
+    // Sorted once; the stable sort keeps names equal without regard to case in listing order, and
+    // only the first of them stays.
+    DeviceFileList &files = out.deviceFiles;
+    std::stable_sort(files.begin(), files.end(), [](const DeviceFile &a, const DeviceFile &b) {
+        return CaseInsensitiveCompare(a.name, b.name) == KSOrderedAscending;
+    });
+    files.erase(std::unique(files.begin(), files.end(),
+                    [](const DeviceFile &a, const DeviceFile &b) {
+                        return CaseInsensitiveCompare(a.name, b.name) == KSOrderedSame;
+                    }),
+        files.end());
+}
+
+// Folders in the order of their names without regard to case; names equal that way stay in
+// listing order.
+void _SortByName(const KSArrayString &tree, std::vector<uint64_t> &nodes)
+{
+    std::stable_sort(nodes.begin(), nodes.end(), [&tree](uint64_t a, uint64_t b) {
+        return CaseInsensitiveCompare(_Name(tree, a), _Name(tree, b)) == KSOrderedAscending;
+    });
+}
+
+// Both folder trees, read by a pool of threads that lists every folder once: its subfolders join
+// its tree, its files are examined there and then and kept until the comparison takes them. The
+// comparison follows the source tree close behind. The disks are the wait, and a cold disk
+// answers many questions at once far faster than one after another. The files kept are bounded:
+// the readers pause when the comparison falls behind, and the comparison reads a folder that it
+// needs itself rather than wait for it.
+//
+// The trees grow while the comparison reads them: every access to their entries holds lock().
+class TreeReader {
+public:
+    enum Side { Source = 0, Device = 1 };
+
+    // Reads the device tree from its root (entry 0) and the source tree from its backup folders
+    // (entries 1 to folderCount).
+    TreeReader(
+        const AnalysisContext &context, KSArrayString &sourceTree, KSArrayString &deviceTree, uint64_t folderCount)
+        : m_context(context), m_trees {&sourceTree, &deviceTree}
+    {
+        m_context.abandon = &m_stop;
+        addTask({Device, 0, _Name(deviceTree, 0), true, {0}});
+        for (uint64_t i = 1; i <= folderCount; ++i) {
+            addTask({Source, i, _Name(sourceTree, i), true, {uint32_t(i)}});
+            m_backupFolderNames.append(LastPathComponent(_Name(sourceTree, i)));
+        }
+        for (Side side : {Source, Device})
+            grow(side);
+        for (int i = 0; i < kThreads && StartHelperThread(m_threads, [this] { run(); }); ++i) { }
+    }
+    ~TreeReader()
+    {
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_stop = true;
+        }
+        m_work.notify_all();
+        for (std::thread &thread : m_threads)
+            thread.join();
+    }
+    TreeReader(const TreeReader &) = delete;
+    TreeReader &operator=(const TreeReader &) = delete;
+
+    std::unique_lock<std::mutex> lock() { return std::unique_lock<std::mutex>(m_mutex); }
+
+    // Waits until a folder has been read, reading it here if no reader has begun it; false when
+    // the analysis is canceled first.
+    bool waitFor(Side side, uint64_t node, const std::atomic<bool> &cancel)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return waitUntil(
+            lock, cancel, [&] { return m_read[side][node]; }, side, node);
+    }
+    // What the reading of a folder found, handed over once; null the second time, or for a
+    // folder declared unwanted.
+    std::unique_ptr<ListedFolder> take(Side side, uint64_t node)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        std::unique_ptr<ListedFolder> listed = std::move(m_listed[side][node]);
+        if (listed)
+            release(lock, *listed);
+        return listed;
+    }
+    // A device folder that no source folder matches: its files are not wanted, nor those of its
+    // subfolders. Call with lock() held.
+    void unwanted(uint64_t node)
+    {
+        m_unwanted[node] = true;
+        if (std::unique_ptr<ListedFolder> &listed = m_listed[Device][node]) {
+            m_keptFiles -= kept(*listed);
+            listed.reset();
+        }
+    }
+    // Waits until both trees are whole; false when the analysis is canceled first.
+    bool waitForAll(const std::atomic<bool> &cancel)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return waitUntil(
+            lock, cancel, [this] { return m_tasks.empty() && m_busy == 0; }, Source, kNone);
+    }
+    // Why the reading of a tree stopped at a folder, or null; after waitForAll().
+    QString treeFailure(Side side, uint64_t node) const { return m_treeFailures[side].value(node); }
+    bool treeFailed(Side side) const { return !m_treeFailures[side].isEmpty(); }
+
+private:
+    static constexpr int kThreads = 16;
+    static constexpr std::size_t kKeptFiles = 32768;
+    static constexpr std::chrono::milliseconds kCancelCheck {100};
+    struct Task {
+        Side side;
+        uint64_t node;
+        QString path;
+        bool isBackupFolder;
+        std::vector<uint32_t> order; // the place in the comparison's order: positions from the top
+    };
+    // The readers take the task that comes first in the comparison's order: a heap on this.
+    static bool later(const Task &a, const Task &b) { return a.order > b.order; }
+    void addTask(Task task)
+    {
+        m_tasks.push_back(std::move(task));
+        std::push_heap(m_tasks.begin(), m_tasks.end(), later);
+    }
+
+    static std::size_t kept(const ListedFolder &listed)
+    {
+        return 1 + listed.sourceFiles.size() + listed.deviceFiles.size();
+    }
+
+    void grow(Side side)
+    {
+        const std::size_t count = m_trees[side]->count();
+        m_listed[side].resize(count);
+        m_read[side].resize(count);
+        if (side == Device)
+            m_unwanted.resize(count);
+    }
+
+    void release(std::unique_lock<std::mutex> &lock, const ListedFolder &listed)
+    {
+        const bool wasFull = m_keptFiles >= kKeptFiles;
+        m_keptFiles -= kept(listed);
+        if (wasFull && m_keptFiles < kKeptFiles) {
+            lock.unlock();
+            m_work.notify_all();
+            lock.lock();
+        }
+    }
+
+    template <typename Ready>
+    bool waitUntil(
+        std::unique_lock<std::mutex> &lock, const std::atomic<bool> &cancel, Ready ready, Side side, uint64_t node)
+    {
+        ++m_waiting;
+        while (!ready()) {
+            if (cancel.load(std::memory_order_relaxed)) {
+                --m_waiting;
+                return false;
+            }
+            // A folder that no reader has begun is read here: the readers may be paused, or
+            // busy with folders the comparison needs later. With no reader at all, every folder.
+            auto wanted = m_tasks.end();
+            if (node != kNone)
+                wanted = std::find_if(m_tasks.begin(), m_tasks.end(),
+                    [&](const Task &task) { return task.node == node && task.side == side; });
+            if (wanted == m_tasks.end() && m_threads.empty() && !m_tasks.empty())
+                wanted = m_tasks.begin();
+            if (wanted != m_tasks.end()) {
+                Task task = std::move(*wanted);
+                m_tasks.erase(wanted);
+                std::make_heap(m_tasks.begin(), m_tasks.end(), later);
+                ++m_busy;
+                lock.unlock();
+                read(task);
+                lock.lock();
+            } else {
+                m_progress.wait_for(lock, kCancelCheck);
+            }
+        }
+        --m_waiting;
+        return true;
+    }
+
+    void run()
+    {
+        for (;;) {
+            Task task;
+            {
+                std::unique_lock<std::mutex> lock(m_mutex);
+                m_work.wait(lock, [this] { return m_stop || (!m_tasks.empty() && m_keptFiles < kKeptFiles); });
+                if (m_stop)
+                    return;
+                std::pop_heap(m_tasks.begin(), m_tasks.end(), later);
+                task = std::move(m_tasks.back());
+                m_tasks.pop_back();
+                ++m_busy;
+            }
+            read(task);
+        }
+    }
+
+    void read(const Task &task)
+    {
+        AnalysisContext context = m_context;
+        BUAnalysisReport result; // this reading's own cancel flag
+        context.result = &result;
+        auto listed = std::make_unique<ListedFolder>();
+        std::vector<FoundFolder> subfolders;
+        uint32_t otherItems = 0;
+        try {
+            _ReadFolder(context, task.path, task.side == Device, task.isBackupFolder, *listed, subfolders, &otherItems);
+        } catch (const std::bad_alloc &) {
+            listed->treeFailed = true;
+            listed->treeReason = kMemoryReason;
+            subfolders.clear();
+        }
+        std::size_t added = 0;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            KSArrayString &tree = *m_trees[task.side];
+            uint64_t previous = kNone;
+            for (const FoundFolder &folder : subfolders) {
+                FolderEntry entry {task.node, kNone, kNone, kNone, folder.stats, true};
+                const uint64_t index = tree.addEntry(&entry, &folder.name);
+                if (index == KSNotFound) {
+                    listed->treeFailed = true;
+                    listed->treeReason = kMemoryReason;
+                    break;
+                }
+                if (previous == kNone)
+                    _Entry(tree, task.node)->firstChild = index;
+                else
+                    _Entry(tree, previous)->nextSibling = index;
+                previous = index;
+                ++added;
+            }
+            _Entry(tree, task.node)->files += otherItems;
+            // Both trees are read in about the order the comparison follows: a folder's subtree
+            // before its next sibling's, siblings in the order of their names, and a mirror folder
+            // at about the time of its source folder (the top level's, at its backup folder's).
+            const uint64_t first = tree.count() - added;
+            std::vector<uint64_t> order(added);
+            std::iota(order.begin(), order.end(), first);
+            _SortByName(tree, order);
+            for (std::size_t rank = 0; rank < added; ++rank) {
+                const uint64_t node = order[rank];
+                Task child {task.side, node, _Child(task.path, subfolders[node - first].name), false, task.order};
+                uint32_t position = uint32_t(m_backupFolderNames.size() + 1 + rank);
+                if (task.side == Device && task.node == 0) {
+                    for (qsizetype i = 0; i < m_backupFolderNames.size(); ++i) {
+                        if (CaseInsensitiveCompare(m_backupFolderNames[i], _Name(tree, node)) == KSOrderedSame) {
+                            position = uint32_t(i + 1);
+                            break;
+                        }
+                    }
+                    child.order.clear();
+                } else {
+                    position = uint32_t(rank);
+                }
+                child.order.push_back(position);
+                addTask(std::move(child));
+            }
+            grow(task.side);
+            if (listed->treeFailed)
+                m_treeFailures[task.side].insert(task.node, listed->treeReason);
+            if (task.side == Device && m_unwanted[task.node]) {
+                for (std::size_t i = 0; i < added; ++i)
+                    m_unwanted[tree.count() - added + i] = true;
+            } else {
+                m_keptFiles += kept(*listed);
+                m_listed[task.side][task.node] = std::move(listed);
+            }
+            m_read[task.side][task.node] = true;
+            --m_busy;
+        }
+        if (added > 1)
+            m_work.notify_all();
+        else if (added == 1)
+            m_work.notify_one();
+        if (m_waiting > 0)
+            m_progress.notify_all();
+    }
+
+    AnalysisContext m_context;
+    KSArrayString *m_trees[2];
+    std::mutex m_mutex;
+    std::condition_variable m_work; // for the readers: folders to read, or stop
+    std::condition_variable m_progress; // for the comparison: a folder was read
+    std::vector<Task> m_tasks; // folders to read, a heap
+    QStringList m_backupFolderNames; // their mirrors' names
+    int m_busy = 0; // folders being read
+    std::size_t m_keptFiles = 0; // folders and files read and not yet taken
+    std::atomic<int> m_waiting {0};
+    std::vector<bool> m_read[2]; // by tree entry
+    std::vector<std::unique_ptr<ListedFolder>> m_listed[2]; // by tree entry, until taken
+    std::vector<bool> m_unwanted; // by device tree entry
+    QHash<uint64_t, QString> m_treeFailures[2]; // by entry
+    std::atomic<bool> m_stop {false};
+    std::vector<std::thread> m_threads;
+};
+
+// Matches the subfolders of a source folder with those of its device folder: without regard to
+// case, the first listed device folder winning; many folders get a table of the folded names that
+// answers the same.
+void _MatchSubfolders(KSArrayString &sourceTree, uint64_t s, KSArrayString &deviceTree, uint64_t d)
+{
+    int deviceChildren = 0;
+    for (uint64_t e = _Entry(deviceTree, d)->firstChild; e != kNone; e = _Entry(deviceTree, e)->nextSibling)
+        ++deviceChildren;
+    QHash<QString, uint64_t> folded;
+    if (deviceChildren > 16) {
+        for (uint64_t e = _Entry(deviceTree, d)->firstChild; e != kNone; e = _Entry(deviceTree, e)->nextSibling) {
+            const QString key = CaseFoldedString(_Name(deviceTree, e));
+            if (!folded.contains(key))
+                folded.insert(key, e);
+        }
+    }
+    for (uint64_t c = _Entry(sourceTree, s)->firstChild; c != kNone; c = _Entry(sourceTree, c)->nextSibling) {
+        uint64_t partner = kNone;
+        if (deviceChildren > 16) {
+            partner = folded.value(CaseFoldedString(_Name(sourceTree, c)), kNone);
+        } else {
+            for (uint64_t e = _Entry(deviceTree, d)->firstChild; e != kNone; e = _Entry(deviceTree, e)->nextSibling) {
+                if (CaseInsensitiveCompare(_Name(sourceTree, c), _Name(deviceTree, e)) == KSOrderedSame) {
+                    partner = e;
+                    break;
+                }
+            }
+        }
+        if (partner != kNone) {
+            _Entry(sourceTree, c)->match = partner;
+            _Entry(deviceTree, partner)->match = c;
+        }
+    }
+}
+
+// The file transactions of one source folder against its device folder's files (null when it
+// has no device folder); the device files that no source file matched are left unseen.
+bool _RecordFilesInFolder(AnalysisContext &context, const QString &folder, const QString &rootPath, bool isBackupFolder,
+    const std::vector<SourceFile> &sourceFiles, DeviceFileList *deviceFiles, const QString &deviceFolder)
+{
+    FolderOpenedOnDemand sourceFolder(context, folder, false, isBackupFolder);
+    FolderOpenedOnDemand deviceFolderOpened(context, deviceFolder, true, false);
+    for (const SourceFile &file : sourceFiles) {
         if (_CancelAnalysis(context))
             return false;
-        FileStats &stats = file.stats;
+        FileStats stats = file.stats;
         uint32_t action = BUTransaction::kCopy;
         bool counted = true;
         DeviceFile *deviceFile = deviceFiles ? _FindDeviceFile(*deviceFiles, file.name) : nullptr;
@@ -492,8 +825,8 @@ bool _RecordFilesInFolder(
             if (ComparableContentTime(stats.contentModified, kind)
                 <= ComparableContentTime(device->contentModified, kind)) {
                 if (_NeedsDigests(context, stats, *device)) {
-                    ReadAttributeDigest(listings.source->fd(), FileNameToBytes(file.name).constData(), &stats);
-                    ReadAttributeDigest(listings.device->fd(), FileNameToBytes(deviceFile->name).constData(), device);
+                    ReadAttributeDigest(sourceFolder.fd(), FileNameToBytes(file.name).constData(), &stats);
+                    ReadAttributeDigest(deviceFolderOpened.fd(), FileNameToBytes(deviceFile->name).constData(), device);
                 }
                 if (!_ShouldUpdateAttributes(context, stats, *device))
                     continue;
@@ -509,243 +842,8 @@ bool _RecordFilesInFolder(
         }
         g_transactions.append(transaction);
     }
-    if (!listings.sourceOk) {
-        if (!_CancelAnalysis(context))
-            context.reason = listings.sourceReason;
-        return false;
-    }
     return true;
 }
-
-// Lists a matched device folder into the sorted device file list. Temporary files that an
-// interrupted backup left behind go in too: no source file is ever named like them, so they are
-// deleted.
-bool _ListDeviceFiles(AnalysisContext &context, FolderListing &listing, const QString &folder, DeviceFileList &files)
-{
-    files.clear();
-    FolderReader reader(listing);
-    const char *name;
-    unsigned char type;
-    const BUItemProperties *known;
-    while (reader.next(&name, &type, &known)) {
-        if (_CancelAnalysis(context))
-            return false;
-        const QString itemName = FileNameFromBytes(QByteArrayView(name));
-        FileStats stats;
-        int use;
-        if (IsTemporaryName(name) && (type == DT_REG || type == DT_UNKNOWN)) {
-            BUItemProperties properties;
-            const bool read
-                = known ? (properties = *known, true) : ReadItemProperties(listing.fd(), name, &properties, nullptr);
-            use = read && properties.isRegularFile() ? 1 : 0;
-        } else {
-            use = _ShouldCopyFile(context, listing.fd(), folder, name, itemName, type, true, known, &stats);
-        }
-        if (use == 2)
-            return false;
-        if (use == 1)
-            files.push_back({stats, itemName});
-    }
-    if (listing.errorNumber != 0) {
-        _SetFolderReason(context, folder, listing.errorNumber);
-        return false;
-    }
-    // Sorted once; the stable sort keeps names equal without regard to case in listing order, and
-    // only the first of them stays.
-    std::stable_sort(files.begin(), files.end(), [](const DeviceFile &a, const DeviceFile &b) {
-        return CaseInsensitiveCompare(a.name, b.name) == KSOrderedAscending;
-    });
-    files.erase(std::unique(files.begin(), files.end(),
-                    [](const DeviceFile &a, const DeviceFile &b) {
-                        return CaseInsensitiveCompare(a.name, b.name) == KSOrderedSame;
-                    }),
-        files.end());
-    return true;
-}
-
-QString _SourceFolderPath(KSArrayString &sourceTree, uint64_t index)
-{
-    QStringList names;
-    for (; _Entry(sourceTree, index)->parent != 0; index = _Entry(sourceTree, index)->parent)
-        names.prepend(_Name(sourceTree, index));
-    QString path = _Name(sourceTree, index); // a backup folder: its whole path
-    for (const QString &name : std::as_const(names))
-        path = _Child(path, name);
-    return path;
-}
-
-// Lists a source folder's files that take part, with their stats, as the comparison needs them.
-void _ListSourceFiles(AnalysisContext &context, const QString &folder, bool isBackupFolder, FolderListings *out)
-{
-    out->sourceOk = false;
-    const int fd = _OpenFolder(context, folder, false, isBackupFolder);
-    if (fd < 0) {
-        if (CocoaDomainErrorCode(BUError::posix(errno)) == kReadNoPermissionError)
-            out->sourceOk = true; // a folder the user cannot read has nothing to copy
-        else
-            _SetFolderReason(context, folder, errno);
-        return;
-    }
-    out->source = std::make_unique<FolderListing>(fd);
-    FolderListing &listing = *out->source;
-    FolderReader reader(listing);
-    const char *name;
-    unsigned char type;
-    const BUItemProperties *known;
-    while (reader.next(&name, &type, &known)) {
-        if (_CancelAnalysis(context))
-            return;
-        QString itemName = FileNameFromBytes(QByteArrayView(name));
-        FileStats stats;
-        const int use = _ShouldCopyFile(context, listing.fd(), folder, name, itemName, type, false, known, &stats);
-        if (use == 2)
-            return;
-        if (use == 1 && _RulesAllowItem(context, itemName, false))
-            out->sourceFiles.push_back({std::move(itemName), stats});
-    }
-    if (listing.errorNumber != 0) {
-        _SetFolderReason(context, folder, listing.errorNumber);
-        return;
-    }
-    out->sourceOk = true;
-}
-
-// The listings of both sides of every source folder, in the order the comparison walks the
-// source tree, made by a few threads at once a bounded number of folders ahead of it: the
-// comparison itself is quick, the waiting is on the disks, and a cold disk answers several
-// questions at once far faster than one after another.
-class FolderListingPool {
-public:
-    FolderListingPool(const AnalysisContext &context, KSArrayString &sourceTree, KSArrayString &deviceTree)
-        : m_context(context), m_sourceTree(sourceTree), m_deviceTree(deviceTree), m_slots(kAhead)
-    {
-        m_context.abandon = &m_stop;
-        uint64_t index = 1;
-        QString ignored;
-        do
-            m_work.push_back(index);
-        while (_NextFolder(m_sourceTree, &index, &ignored, true));
-        for (int i = 0; i < kThreads && StartHelperThread(m_threads, [this] { run(); }); ++i) { }
-    }
-    ~FolderListingPool()
-    {
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            m_stop = true;
-        }
-        m_changed.notify_all();
-        for (std::thread &thread : m_threads)
-            thread.join();
-    }
-    FolderListingPool(const FolderListingPool &) = delete;
-    FolderListingPool &operator=(const FolderListingPool &) = delete;
-
-    // The listings of the next source folder in tree order.
-    FolderListings next()
-    {
-        if (m_threads.empty()) {
-            // No thread could be started: the comparison lists each folder itself.
-            FolderListings listings;
-            listings.sourceIndex = m_work[m_consumed++];
-            list(&listings);
-            return listings;
-        }
-        std::unique_lock<std::mutex> lock(m_mutex);
-        std::optional<FolderListings> &slot = m_slots[m_consumed % kAhead];
-        m_changed.wait(lock, [&slot] { return slot.has_value(); });
-        FolderListings listings = std::move(*slot);
-        slot.reset();
-        ++m_consumed;
-        lock.unlock();
-        m_changed.notify_all();
-        return listings;
-    }
-
-private:
-    static constexpr int kThreads = 8;
-    static constexpr std::size_t kAhead = 64;
-
-    void run()
-    {
-        for (;;) {
-            std::size_t task;
-            {
-                std::unique_lock<std::mutex> lock(m_mutex);
-                m_changed.wait(
-                    lock, [this] { return m_stop || m_next == m_work.size() || m_next < m_consumed + kAhead; });
-                if (m_stop || m_next == m_work.size())
-                    return;
-                task = m_next++;
-            }
-            FolderListings listings;
-            listings.sourceIndex = m_work[task];
-            try {
-                list(&listings);
-            } catch (const std::bad_alloc &) {
-                listings.deviceOk = listings.sourceOk = false;
-                listings.deviceReason = listings.sourceReason = kMemoryReason;
-            }
-            {
-                const std::lock_guard<std::mutex> lock(m_mutex);
-                m_slots[task % kAhead] = std::move(listings);
-            }
-            m_changed.notify_all();
-        }
-    }
-
-    void list(FolderListings *listings)
-    {
-        AnalysisContext context = m_context;
-        BUAnalysisReport result; // this context's cancel flag
-        context.result = &result;
-        const FolderEntry *entry = _Entry(m_sourceTree, listings->sourceIndex);
-        listings->matched = entry->match != kNone;
-        if (listings->matched) {
-            listings->deviceFolder = _DeviceFolderPath(m_deviceTree, entry->match);
-            const int fd = _OpenFolder(context, listings->deviceFolder, true, false);
-            if (fd < 0) {
-                _SetFolderReason(context, listings->deviceFolder, errno);
-            } else {
-                listings->device = std::make_unique<FolderListing>(fd);
-                listings->deviceOk
-                    = _ListDeviceFiles(context, *listings->device, listings->deviceFolder, listings->deviceFiles);
-            }
-            if (!listings->deviceOk) {
-                listings->deviceReason = context.reason;
-                return; // the comparison stops at the device folder
-            }
-        }
-        _ListSourceFiles(context, _SourceFolderPath(m_sourceTree, listings->sourceIndex), entry->parent == 0, listings);
-        if (!listings->sourceOk)
-            listings->sourceReason = context.reason;
-    }
-
-    AnalysisContext m_context;
-    KSArrayString &m_sourceTree;
-    KSArrayString &m_deviceTree;
-    std::vector<uint64_t> m_work; // source tree indexes in walking order
-    std::vector<std::optional<FolderListings>> m_slots; // task % kAhead
-    std::size_t m_next = 0; // the next task to take
-    std::size_t m_consumed = 0; // tasks handed to the comparison
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::atomic<bool> m_stop {false};
-    std::vector<std::thread> m_threads;
-};
-
-// A thread that the scope waits for; leaving the scope early (a failure, an exception) tells it
-// to stop first.
-struct JoinedThread {
-    std::atomic<bool> &abandon;
-    std::thread thread;
-    ~JoinedThread()
-    {
-        if (!thread.joinable())
-            return;
-        abandon = true;
-        thread.join();
-    }
-};
 
 } // namespace
 
@@ -864,106 +962,155 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
     if (folderCount == 0)
         return result; // nothing to mirror, and nothing on the device to remove
 
-    // The two trees are built at once, the device's on a thread of its own: the two walks wait
-    // on different disks, or at least keep one disk's queue fuller. A failure of the source walk
-    // is the one reported, as it would be if the source came first.
+    // Both trees are read at once, and the comparison follows the source tree close behind.
     std::unique_ptr<KSArrayString> deviceTree = KSArrayString::create(sizeof(FolderEntry), 10000);
     if (!deviceTree)
         return fail();
     FolderEntry deviceRoot {kNone, kNone, kNone, kNone, {}, true};
     if (deviceTree->addEntry(&deviceRoot, &device.path()) == KSNotFound)
         return fail();
-    std::atomic<bool> abandonDeviceWalk {false};
-    BUAnalysisReport deviceResult;
-    AnalysisContext deviceContext = context;
-    deviceContext.result = &deviceResult;
-    deviceContext.abandon = &abandonDeviceWalk;
-    bool deviceBuilt = false;
-    // Read ahead of both tree walks; each warmer stops when its tree has been read.
-    QList<QByteArray> sourceRoots;
-    for (uint64_t i = 1; i <= folderCount; ++i)
-        sourceRoots.append(FileNameToBytes(_Name(*sourceTree, i)));
-    const TreeWarmer sourceWarmer(&device, sourceRoots, false);
-    const TreeWarmer deviceWarmer(&device, {QByteArray()}, true);
-    {
-        auto walkDevice = [&] {
-            try {
-                deviceBuilt = _BuildFolderTree(deviceContext, device.path(), *deviceTree, 0, true);
-            } catch (const std::bad_alloc &) {
-                deviceContext.reason = kMemoryReason;
-            }
-        };
-        JoinedThread deviceWalk {abandonDeviceWalk, {}};
-        try {
-            deviceWalk.thread = std::thread(walkDevice);
-        } catch (const std::system_error &) {
-            // No thread to spare: the device's tree is built after the sources'.
-        }
-        for (uint64_t i = 1; i <= folderCount; ++i) {
-            if (!_BuildFolderTree(context, _Name(*sourceTree, i), *sourceTree, i, false))
-                return fail();
-        }
-        if (deviceWalk.thread.joinable())
-            deviceWalk.thread.join();
-        else
-            walkDevice();
-    }
-    if (!deviceBuilt) {
-        if (deviceResult.cancel)
-            result.cancel = true;
-        context.reason = deviceContext.reason;
+    TreeReader reader(context, *sourceTree, *deviceTree, folderCount);
+    auto cancelled = [&] {
+        _CancelAnalysis(context);
         return fail();
-    }
-
-    for (uint64_t i = 1; i <= folderCount; ++i) {
-        const QString name = LastPathComponent(_Name(*sourceTree, i));
+    };
+    // The mirror of a backup folder: the first top-level device folder of its name.
+    if (!reader.waitFor(TreeReader::Device, 0, m_cancelAnalysis))
+        return cancelled();
+    {
+        const auto lock = reader.lock();
+        for (uint64_t i = 1; i <= folderCount; ++i) {
+            const QString name = LastPathComponent(_Name(*sourceTree, i));
+            for (uint64_t e = _Entry(*deviceTree, 0)->firstChild; e != kNone; e = _Entry(*deviceTree, e)->nextSibling) {
+                if (CaseInsensitiveCompare(name, _Name(*deviceTree, e)) == KSOrderedSame) {
+                    _Entry(*sourceTree, i)->match = e;
+                    _Entry(*deviceTree, e)->match = i;
+                    break;
+                }
+            }
+        }
         for (uint64_t e = _Entry(*deviceTree, 0)->firstChild; e != kNone; e = _Entry(*deviceTree, e)->nextSibling) {
-            if (CaseInsensitiveCompare(name, _Name(*deviceTree, e)) == KSOrderedSame) {
-                if (!_MatchFolders(context, *sourceTree, i, *deviceTree, e))
-                    return fail();
+            if (_Entry(*deviceTree, e)->match == kNone)
+                reader.unwanted(e);
+        }
+    }
+    reader.take(TreeReader::Device, 0); // the top level's files are no mirror's
+
+    QString filesFailure; // reported when the trees themselves were read without one
+    // The source tree in order, each folder's subfolders in the order of their names, as the
+    // readers go (the transactions are sorted afterwards).
+    struct Visit {
+        uint64_t node;
+        QString path;
+    };
+    std::vector<Visit> toVisit;
+    for (uint64_t i = folderCount; i >= 1; --i)
+        toVisit.push_back({i, _Name(*sourceTree, i)});
+    QString rootPath;
+    while (!toVisit.empty()) {
+        const uint64_t index = toVisit.back().node;
+        const QString path = std::move(toVisit.back().path);
+        toVisit.pop_back();
+        if (_CancelAnalysis(context))
+            return fail();
+        if (!reader.waitFor(TreeReader::Source, index, m_cancelAnalysis))
+            return cancelled();
+        const std::unique_ptr<ListedFolder> source = reader.take(TreeReader::Source, index);
+        if (!source || source->treeFailed)
+            break;
+        FolderEntry entry;
+        {
+            const auto lock = reader.lock();
+            entry = *_Entry(*sourceTree, index);
+            std::vector<uint64_t> subfolders;
+            for (uint64_t c = entry.firstChild; c != kNone; c = _Entry(*sourceTree, c)->nextSibling)
+                subfolders.push_back(c);
+            _SortByName(*sourceTree, subfolders);
+            for (auto c = subfolders.rbegin(); c != subfolders.rend(); ++c)
+                toVisit.push_back({*c, _Child(path, _Name(*sourceTree, *c))});
+        }
+        if (entry.parent == 0)
+            rootPath = _ParentPath(path);
+        std::unique_ptr<ListedFolder> deviceFolder;
+        QString devicePath;
+        if (entry.match != kNone) {
+            if (!reader.waitFor(TreeReader::Device, entry.match, m_cancelAnalysis))
+                return cancelled();
+            {
+                const auto lock = reader.lock();
+                _MatchSubfolders(*sourceTree, index, *deviceTree, entry.match);
+                for (uint64_t e = _Entry(*deviceTree, entry.match)->firstChild; e != kNone;
+                     e = _Entry(*deviceTree, e)->nextSibling) {
+                    if (_Entry(*deviceTree, e)->match == kNone)
+                        reader.unwanted(e); // deleted whole
+                }
+                devicePath = _DeviceFolderPath(*deviceTree, entry.match);
+            }
+            deviceFolder = reader.take(TreeReader::Device, entry.match);
+            if (!deviceFolder) {
+                // Taken by an earlier source folder of the same name but for case, or let go when
+                // that folder's subfolders did not match it: read again.
+                deviceFolder = std::make_unique<ListedFolder>();
+                std::vector<FoundFolder> subfolders;
+                uint32_t otherItems = 0;
+                _ReadFolder(context, devicePath, true, false, *deviceFolder, subfolders, &otherItems);
+                if (deviceFolder->treeFailed) {
+                    deviceFolder->filesFailed = true;
+                    deviceFolder->filesReason = deviceFolder->treeReason;
+                }
+            } else if (deviceFolder->treeFailed) {
+                break;
+            }
+            if (deviceFolder->filesFailed) {
+                filesFailure = deviceFolder->filesReason;
                 break;
             }
         }
+        if (!_RecordFilesInFolder(context, path, rootPath, entry.parent == 0, source->sourceFiles,
+                deviceFolder ? &deviceFolder->deviceFiles : nullptr, devicePath))
+            return fail();
+        if (source->filesFailed) {
+            filesFailure = source->filesReason;
+            break;
+        }
+        if (deviceFolder) {
+            for (const DeviceFile &file : std::as_const(deviceFolder->deviceFiles)) {
+                if (file.stats.seen)
+                    continue;
+                BUTransaction transaction(devicePath, file.name, QString());
+                transaction.setAction(BUTransaction::kDelete);
+                g_transactions.append(transaction);
+                ++result.itemsToDelete;
+            }
+        }
+    }
+    if (!reader.waitForAll(m_cancelAnalysis))
+        return cancelled();
+    if (_CancelAnalysis(context))
+        return fail();
+    // A failure of the trees comes first, the source's before the device's, each the first in
+    // tree order; then one among the files.
+    for (const TreeReader::Side side : {TreeReader::Source, TreeReader::Device}) {
+        if (!reader.treeFailed(side))
+            continue;
+        KSArrayString &tree = side == TreeReader::Source ? *sourceTree : *deviceTree;
+        uint64_t node = side == TreeReader::Source ? 1 : 0;
+        QString ignored;
+        do {
+            context.reason = reader.treeFailure(side, node);
+            if (!context.reason.isNull())
+                return fail();
+        } while (_NextFolder(tree, &node, &ignored, true));
+    }
+    if (!filesFailure.isNull()) {
+        context.reason = filesFailure;
+        return fail();
     }
 
     if (!_RecordFolders(context, *sourceTree, *deviceTree, false)
         || !_RecordFolders(context, *deviceTree, *sourceTree, true))
         return fail();
-
     _CountDeviceItems(*deviceTree, &result);
-
-    FolderListingPool listings(context, *sourceTree, *deviceTree);
-    uint64_t index = 1;
-    QString path, rootPath;
-    do {
-        if (_CancelAnalysis(context))
-            return fail();
-        const FolderEntry entry = *_Entry(*sourceTree, index);
-        if (entry.parent == 0) {
-            path = _Name(*sourceTree, index);
-            rootPath = _ParentPath(path);
-        }
-        FolderListings folder = listings.next();
-        if (folder.sourceIndex != index) {
-            context.reason = QStringLiteral("Internal logic error");
-            return fail();
-        }
-        if (folder.matched && !folder.deviceOk) {
-            if (!_CancelAnalysis(context))
-                context.reason = folder.deviceReason;
-            return fail();
-        }
-        if (!_RecordFilesInFolder(context, path, rootPath, folder))
-            return fail();
-        for (const DeviceFile &file : folder.deviceFiles) {
-            if (file.stats.seen)
-                continue;
-            BUTransaction transaction(folder.deviceFolder, file.name, QString());
-            transaction.setAction(BUTransaction::kDelete);
-            g_transactions.append(transaction);
-            ++result.itemsToDelete;
-        }
-    } while (_NextFolder(*sourceTree, &index, &path, true));
     return result;
 }
 

@@ -1,22 +1,15 @@
-// Reading folders on a cold disk: a folder's listing, a large folder's entries with their
-// properties read by several threads at once, and a warmer that reads whole folder trees into the
-// kernel's caches ahead of a walk. The analysis uses them; none of them decides anything.
+// Reading folders on a cold disk: a folder's listing, and a large folder's entries with their
+// properties read by several threads at once. The analysis uses them; neither decides anything.
 #pragma once
 
 #include "backup/BUDeviceRoot.h"
 #include "backup/BUFileStats.h"
 #include "keelson/KSStrings.h"
 
-#include <QByteArray>
-#include <QList>
-
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
-#include <mutex>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -167,101 +160,4 @@ private:
     std::vector<Item> m_items;
     std::vector<char> m_names;
     std::size_t m_position = 0;
-};
-
-// Reads folder trees into the kernel's caches with several threads at once, ahead of the walk
-// that builds a tree one folder after another: each folder's entries and its subfolders'
-// properties. On a cold disk the walk then finds most of what it asks for already in memory.
-// (Reading the files' properties here as well was measured slower: it takes the disk from the
-// folders that the walk waits for.) Nothing is kept, and nothing but folders is opened.
-class TreeWarmer {
-public:
-    // roots: absolute source paths, read in this order, or "" for the device root (the folders
-    // of the device are opened beneath its root, never through a link).
-    TreeWarmer(BUDeviceRoot *device, const QList<QByteArray> &roots, bool deviceSide)
-        : m_device(device), m_deviceSide(deviceSide), m_folders(roots.crbegin(), roots.crend())
-    {
-        for (int i = 0; i < kThreads && StartHelperThread(m_threads, [this] { run(); }); ++i) { }
-    }
-    ~TreeWarmer()
-    {
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            m_stop = true;
-        }
-        m_changed.notify_all();
-        for (std::thread &thread : m_threads)
-            thread.join();
-    }
-    TreeWarmer(const TreeWarmer &) = delete;
-    TreeWarmer &operator=(const TreeWarmer &) = delete;
-
-private:
-    static constexpr int kThreads = 8; // a cold disk answers more requests at once than one by one
-    static constexpr int kSample = 64;
-    static constexpr std::chrono::microseconds kCachedFolderTime {100};
-
-    void run()
-    {
-        for (;;) {
-            QByteArray folder;
-            {
-                std::unique_lock<std::mutex> lock(m_mutex);
-                m_changed.wait(lock, [this] { return m_stop || !m_folders.empty() || m_busy == 0; });
-                if (m_stop || m_folders.empty())
-                    return; // stopped, or no folder left and none being read
-                folder = std::move(m_folders.back());
-                m_folders.pop_back();
-                ++m_busy;
-            }
-            const auto start = std::chrono::steady_clock::now();
-            std::vector<QByteArray> found = read(folder);
-            const auto spent = std::chrono::steady_clock::now() - start;
-            {
-                const std::lock_guard<std::mutex> lock(m_mutex);
-                for (QByteArray &child : found)
-                    m_folders.push_back(std::move(child));
-                --m_busy;
-                // Folders that come back this quickly are in memory already: the walks need no
-                // help, and the warming would only take processor time from them.
-                m_spent += spent;
-                if (++m_read == kSample && m_spent < kSample * kCachedFolderTime)
-                    m_stop = true;
-            }
-            m_changed.notify_all();
-        }
-    }
-
-    std::vector<QByteArray> read(const QByteArray &folder)
-    {
-        std::vector<QByteArray> children;
-        const int fd = m_deviceSide ? m_device->openFolder(FileNameFromBytes(folder), false, nullptr)
-                                    : ::open(folder.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (fd < 0)
-            return children;
-        FolderListing listing(fd);
-        const char *name;
-        unsigned char type;
-        while (!m_stop && listing.next(&name, &type)) {
-            if (name[0] == '.' || (type != DT_DIR && type != DT_UNKNOWN))
-                continue;
-            BUItemProperties properties;
-            if (!ReadItemProperties(listing.fd(), name, &properties, nullptr) || !properties.isDirectory()
-                || m_device->isRootFolder(properties))
-                continue;
-            children.push_back(folder.isEmpty() ? QByteArray(name) : folder + '/' + name);
-        }
-        return children;
-    }
-
-    BUDeviceRoot *m_device;
-    bool m_deviceSide;
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::vector<QByteArray> m_folders; // to list
-    int m_busy = 0; // folders being listed
-    int m_read = 0;
-    std::chrono::steady_clock::duration m_spent {};
-    std::atomic<bool> m_stop {false};
-    std::vector<std::thread> m_threads;
 };

@@ -183,6 +183,23 @@ TEST_F(DeviceTest, LargeFolderListsTheSameAsSmallOnes)
     EXPECT_EQ(g_totalBytes, 1300.0 + 1);
 }
 
+// Source folders whose names differ only in case are each compared with the one mirror folder of
+// that name, its files and its subfolders, whichever of them the reading reached first.
+TEST_F(DeviceTest, FoldersDifferingInCaseShareOneMirror)
+{
+    mountDevice();
+    WriteTree(source(), {{"Photos/a.jpg", "a"}, {"photos/b.jpg", "b"}, {"photos/Deep/c.jpg", "c"}});
+    SetModificationTime(source(QStringLiteral("Photos/a.jpg")), 1000000000);
+    WriteTree(device(QStringLiteral("Docs")),
+        {{"PHOTOS/old.jpg", "o"}, {"PHOTOS/a.jpg", "a"}, {"PHOTOS/Gone/g", "g"}, {"PHOTOS/Deep/d.jpg", "d"}});
+    const BUAnalysisReport report = analyze();
+    EXPECT_FALSE(report.error.has_value()) << report.error.value_or(QString()).toStdString();
+    EXPECT_EQ(transactionLines(),
+        (QStringList {"Delete folder Docs/PHOTOS/Gone", "Delete file Docs/PHOTOS/a.jpg",
+            "Delete file Docs/PHOTOS/Deep/d.jpg", "Delete file Docs/PHOTOS/old.jpg", "Delete file Docs/PHOTOS/old.jpg",
+            "Copy file Docs/photos/b.jpg", "Copy file Docs/photos/Deep/c.jpg"}));
+}
+
 TEST_F(DeviceTest, AdvancedUserMarkKeepsNamesOut)
 {
     mountDevice();

@@ -412,13 +412,20 @@ def main():
     if not args.no_write and args.scale == 1.0 and args.runs >= 5:
         path = os.path.join(ROOT, "docs", "PERFORMANCE.md")
         old = open(path).read() if os.path.exists(path) else "# Performance\n"
-        # One section per cache state and device set, so that runs on each device can be kept apart.
+        # One section per cache state, device set and set of workloads, so that runs on each device,
+        # or of some workloads again, are kept apart.
+        some = args.workloads != parser.get_default("workloads")
         marker = f"## Benchmark results, page cache {args.cache}, devices {args.devices}"
-        head, _, rest = old.partition(marker)
+        command = f"`bench/run.py --cache {args.cache} --devices {args.devices}"
+        if some:
+            marker += f", workloads {args.workloads}"
+            command += f" --workloads {args.workloads}"
+        commit = subprocess.run(["git", "-C", ROOT, "rev-parse", "--short", "HEAD"], capture_output=True, text=True)
+        head, _, rest = old.partition(marker + "\n")
         tail = rest[rest.find("\n## ") :] if "\n## " in rest else ""
         with open(path, "w") as f:
-            f.write(head.rstrip() + "\n\n" + marker + "\n\n" + f"`bench/run.py --cache {args.cache} --devices {args.devices}`, "
-                    f"{time.strftime('%Y-%m-%d')}.\n\n" + text + "\n" + tail)
+            f.write(head.rstrip() + "\n\n" + marker + "\n\n" + command + "`, "
+                    f"{time.strftime('%Y-%m-%d')}, commit {commit.stdout.strip() or 'unknown'}.\n\n" + text + "\n" + tail)
 
 
 if __name__ == "__main__":

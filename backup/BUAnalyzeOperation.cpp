@@ -553,19 +553,36 @@ public:
         return listed;
     }
     // A device folder that no source folder matches: its files are not wanted, nor those of its
-    // subfolders. Call with lock() held.
+    // subfolders, read already or not. Call with lock() held.
     void unwanted(uint64_t node)
     {
-        m_unwanted[node] = true;
-        if (std::unique_ptr<ListedFolder> &listed = m_listed[Device][node]) {
-            m_keptFiles -= kept(*listed);
-            listed.reset();
+        KSArrayString &tree = *m_trees[Device];
+        const bool wasFull = m_keptFiles >= kKeptFiles;
+        std::vector<uint64_t> folders {node};
+        while (!folders.empty()) {
+            const uint64_t folder = folders.back();
+            folders.pop_back();
+            m_unwanted[folder] = true;
+            if (std::unique_ptr<ListedFolder> &listed = m_listed[Device][folder]) {
+                m_keptFiles -= kept(*listed);
+                listed.reset();
+            }
+            if (m_read[Device][folder]) {
+                for (uint64_t c = _Entry(tree, folder)->firstChild; c != kNone; c = _Entry(tree, c)->nextSibling)
+                    folders.push_back(c);
+            }
         }
+        if (wasFull && m_keptFiles < kKeptFiles)
+            m_work.notify_all();
     }
     // Waits until both trees are whole; false when the analysis is canceled first.
     bool waitForAll(const std::atomic<bool> &cancel)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
+        m_finishing = true; // what is read now is only checked for failures: no bound
+        lock.unlock();
+        m_work.notify_all();
+        lock.lock();
         return waitUntil(
             lock, cancel, [this] { return m_tasks.empty() && m_busy == 0; }, Source, kNone);
     }
@@ -657,7 +674,8 @@ private:
             Task task;
             {
                 std::unique_lock<std::mutex> lock(m_mutex);
-                m_work.wait(lock, [this] { return m_stop || (!m_tasks.empty() && m_keptFiles < kKeptFiles); });
+                m_work.wait(
+                    lock, [this] { return m_stop || (!m_tasks.empty() && (m_keptFiles < kKeptFiles || m_finishing)); });
                 if (m_stop)
                     return;
                 std::pop_heap(m_tasks.begin(), m_tasks.end(), later);
@@ -760,6 +778,7 @@ private:
     QStringList m_backupFolderNames; // their mirrors' names
     int m_busy = 0; // folders being read
     std::size_t m_keptFiles = 0; // folders and files read and not yet taken
+    bool m_finishing = false; // the comparison is done
     std::atomic<int> m_waiting {0};
     std::vector<bool> m_read[2]; // by tree entry
     std::vector<std::unique_ptr<ListedFolder>> m_listed[2]; // by tree entry, until taken

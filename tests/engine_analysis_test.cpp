@@ -200,6 +200,26 @@ TEST_F(DeviceTest, FoldersDifferingInCaseShareOneMirror)
             "Copy file Docs/photos/b.jpg", "Copy file Docs/photos/Deep/c.jpg"}));
 }
 
+// A failure ends the comparison at once while the readers still hold more files than the
+// comparison lets them keep: the analysis must still finish and report it.
+TEST_F(DeviceTest, FailureWhileTheReadersAreFullIsReported)
+{
+    mountDevice();
+    for (int folder = 0; folder < 200; ++folder) {
+        const QByteArray path = FileNameToBytes(source(QStringLiteral("F%1").arg(folder)));
+        ASSERT_EQ(::mkdir(path.constData(), 0755), 0);
+        for (int file = 0; file < 200; ++file)
+            WriteFileBytes(path + "/f" + QByteArray::number(file), {});
+    }
+    const QString missing = m_sources.path() + QStringLiteral("/Missing");
+    BUAnalyzeOperation operation(QStringLiteral("Dev"), nullptr, {missing, source()}, {}, {});
+    const BUAnalysisReport report = operation.analyze();
+    ASSERT_TRUE(report.error.has_value());
+    EXPECT_EQ(*report.error,
+        QStringLiteral("I can't backup to \"Dev\" because I can't examine the contents of the folder \"") + missing
+            + QStringLiteral("\" -- No such file or directory."));
+}
+
 TEST_F(DeviceTest, AdvancedUserMarkKeepsNamesOut)
 {
     mountDevice();

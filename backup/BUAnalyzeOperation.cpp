@@ -1023,8 +1023,11 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
         QString path;
     };
     std::vector<Visit> toVisit;
-    for (uint64_t i = folderCount; i >= 1; --i)
-        toVisit.push_back({i, _Name(*sourceTree, i)});
+    {
+        const auto lock = reader.lock();
+        for (uint64_t i = folderCount; i >= 1; --i)
+            toVisit.push_back({i, _Name(*sourceTree, i)});
+    }
     QString rootPath;
     while (!toVisit.empty()) {
         const uint64_t index = toVisit.back().node;

@@ -775,7 +775,7 @@ private:
     std::condition_variable m_work; // for the readers: folders to read, or stop
     std::condition_variable m_progress; // for the comparison: a folder was read
     std::vector<Task> m_tasks; // folders to read, a heap
-    QStringList m_backupFolderNames; // their mirrors' names
+    QStringList m_backupFolderNames; // the last names of the backup folders: their mirrors' names
     int m_busy = 0; // folders being read
     std::size_t m_keptFiles = 0; // folders and files read and not yet taken
     bool m_finishing = false; // the comparison is done

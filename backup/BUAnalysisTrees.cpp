@@ -1,0 +1,240 @@
+#include "backup/BUAnalysisTrees.h"
+
+#include "backup/BUFileCopier.h"
+#include "keelson/FormatString.h"
+#include "keelson/KSKernel.h"
+
+#include <cerrno>
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace BUAnalysis {
+
+namespace {
+constexpr char16_t kAdvancedUserMark = 0x273D; // names the advanced user keeps out of backups
+} // namespace
+
+FolderEntry *_Entry(KSArrayString &tree, uint64_t index)
+{
+    return static_cast<FolderEntry *>(tree.entryAtIndex(index));
+}
+
+const QString &_Name(const KSArrayString &tree, uint64_t index)
+{
+    static const QString none;
+    const QString *name = tree.stringAtIndex(index);
+    return name ? *name : none;
+}
+
+QString _ParentPath(const QString &path)
+{
+    const qsizetype slash = path.lastIndexOf(u'/');
+    return slash <= 0 ? QStringLiteral("/") : path.left(slash);
+}
+
+QString _Child(const QString &folder, const QString &name)
+{
+    return folder.endsWith(u'/') ? folder + name : folder + u'/' + name;
+}
+
+bool _CancelAnalysis(AnalysisContext &context)
+{
+    if (context.abandon && context.abandon->load(std::memory_order_relaxed)) {
+        context.reason = QStringLiteral("canceled");
+        return true;
+    }
+    if (!context.cancelAnalysis->load(std::memory_order_relaxed))
+        return false;
+    context.result->cancel = true;
+    context.reason = QStringLiteral("canceled");
+    return true;
+}
+
+// Opens a folder for listing: a source folder by its path (a backup folder may be reached through
+// a link the user chose; nothing below it is), a device folder below the device root.
+int _OpenFolder(AnalysisContext &context, const QString &path, bool deviceSide, bool followLink)
+{
+    if (deviceSide) {
+        const QString relative = path == context.device->path() ? QString() : context.device->relativePath(path);
+        if (relative.isNull() && path != context.device->path()) {
+            errno = EINVAL;
+            return -1;
+        }
+        BUError error;
+        const int fd = context.device->openFolder(relative, false, &error);
+        errno = error.code;
+        return fd;
+    }
+    const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (followLink ? 0 : O_NOFOLLOW);
+    return ::open(FileNameToBytes(path).constData(), flags);
+}
+
+void _SetFolderReason(AnalysisContext &context, const QString &path, int errorNumber)
+{
+    context.reason = FormatString(
+        "I can't examine the contents of the folder \"%@\" -- %@", path, BUError::posix(errorNumber).failureReason);
+}
+
+bool _NameAllowsItem(const QString &name, bool deviceSide)
+{
+    if (name.isEmpty() || name[0] == u'.')
+        return false;
+    if (deviceSide)
+        return true;
+    if (name[0] == u'!')
+        return false;
+    if (g_advancedUser && name[0] == QChar(kAdvancedUserMark))
+        return false;
+    // The name without its extension: a single "~" is a name, a longer one ending in "~" a
+    // backup copy that editors leave behind.
+    const qsizetype dot = name.lastIndexOf(u'.');
+    const QStringView rest = dot < 0 ? QStringView(name) : QStringView(name).first(dot);
+    if (rest.size() == 1)
+        return true;
+    return !rest.endsWith(u'~');
+}
+
+bool _RulesAllowItem(const AnalysisContext &context, const QString &name, bool isFolder)
+{
+    const BURuleList &rules = isFolder ? *context.ignoreFolders : *context.ignoreFiles;
+    return rules.isEmpty() || !IsIgnored(rules, name, !isFolder);
+}
+
+void _GetFileStats(const BUItemProperties &properties, FileStats *stats)
+{
+    StatsFromProperties(properties, stats);
+}
+
+// 0 skip, 1 use (stats filled), 2 failure (reason set).
+// known: the item's properties when they were read already, else null.
+int _ShouldCopyFile(AnalysisContext &context, int folderFd, const QString &folder, const char *name,
+    const QString &itemName, unsigned char type, bool deviceSide, const BUItemProperties *known, FileStats *stats)
+{
+    if (!_NameAllowsItem(itemName, deviceSide))
+        return 0;
+    if (type == DT_DIR)
+        return 0; // a folder: the tree walk has examined it already
+    BUItemProperties properties;
+    BUError error;
+    if (known) {
+        properties = *known;
+    } else if (!ReadItemProperties(folderFd, name, &properties, &error)) {
+        context.reason = FormatString(
+            "I can't examine the properties of \"%@\" -- %@", _Child(folder, itemName), error.failureReason);
+        return 2;
+    }
+    // Links, FIFOs, sockets and devices are never copied, nor hidden, immutable or unreadable files.
+    if (!properties.isRegularFile() || properties.systemImmutable || !properties.isReadable())
+        return 0;
+    _GetFileStats(properties, stats);
+    stats->size = properties.size;
+    return 1;
+}
+
+// Reads one folder: its subfolders for the tree, its files for the comparison, each entry examined
+// once. The device side keeps temporary files that an interrupted backup left behind: no source
+// file is ever named like them, so they are deleted.
+void _ReadFolder(AnalysisContext &context, const QString &path, bool deviceSide, bool isBackupFolder, ListedFolder &out,
+    std::vector<FoundFolder> &subfolders, uint32_t *otherItems)
+{
+    auto treeFailure = [&out, &context] {
+        out.treeFailed = true;
+        out.treeReason = context.reason;
+    };
+    const int fd = _OpenFolder(context, path, deviceSide, isBackupFolder);
+    if (fd < 0) {
+        const int errorNumber = errno;
+        const bool noPermission = CocoaDomainErrorCode(BUError::posix(errorNumber)) == kReadNoPermissionError;
+        if (!noPermission || deviceSide)
+            _SetFolderReason(context, path, errorNumber);
+        if (!noPermission) {
+            treeFailure();
+        } else if (deviceSide) {
+            // The tree goes on without it; the comparison stops here if it needs its files. A
+            // source folder the user cannot read simply has nothing to copy.
+            out.filesFailed = true;
+            out.filesReason = context.reason;
+        }
+        return;
+    }
+    FolderListing listing(fd);
+    BUItemProperties properties;
+    // A device mounted inside a backup folder is never walked into, the backup folder itself
+    // included.
+    const bool walk = deviceSide || !isBackupFolder
+        || !(ReadItemProperties(listing.fd(), "", &properties, nullptr) && context.device->isRootFolder(properties));
+    FolderReader reader(listing);
+    const char *name;
+    unsigned char type;
+    const BUItemProperties *known;
+    while (reader.next(&name, &type, &known)) {
+        if (_CancelAnalysis(context))
+            return treeFailure();
+        const bool maybeFolder = type == DT_DIR || type == DT_UNKNOWN;
+        if (walk && !maybeFolder && deviceSide)
+            ++*otherItems;
+        const QString itemName = FileNameFromBytes(QByteArrayView(name));
+        if (walk && maybeFolder && _NameAllowsItem(itemName, deviceSide)) {
+            BUError error;
+            if (!known) {
+                if (!ReadItemProperties(listing.fd(), name, &properties, &error)) {
+                    context.reason = FormatString(
+                        "I can't examine the properties of \"%@\" -- %@", _Child(path, itemName), error.failureReason);
+                    return treeFailure();
+                }
+                known = &properties;
+            }
+            if (known->isDirectory()) {
+                if (deviceSide
+                    || !(known->systemImmutable || !known->isReadable() || !_RulesAllowItem(context, itemName, true)
+                        || context.device->isRootFolder(*known))) {
+                    FoundFolder folder {itemName, {}};
+                    _GetFileStats(*known, &folder.stats);
+                    subfolders.push_back(std::move(folder));
+                }
+                continue; // a folder is never one of the files
+            }
+            if (deviceSide)
+                ++*otherItems;
+        }
+        if (out.filesFailed)
+            continue; // the tree is read on
+        FileStats stats;
+        if (deviceSide && IsTemporaryName(name) && (type == DT_REG || type == DT_UNKNOWN)) {
+            const bool read = known || ReadItemProperties(listing.fd(), name, &properties, nullptr);
+            if (read && (known ? *known : properties).isRegularFile())
+                out.deviceFiles.push_back({stats, itemName});
+            continue;
+        }
+        const int use = _ShouldCopyFile(context, listing.fd(), path, name, itemName, type, deviceSide, known, &stats);
+        if (use == 2) {
+            out.filesFailed = true;
+            out.filesReason = context.reason;
+        } else if (use == 1 && deviceSide) {
+            out.deviceFiles.push_back({stats, itemName});
+        } else if (use == 1 && _RulesAllowItem(context, itemName, false)) {
+            out.sourceFiles.push_back({itemName, stats});
+        }
+    }
+    if (listing.errorNumber != 0) {
+        _SetFolderReason(context, path, listing.errorNumber);
+        if (walk)
+            return treeFailure();
+        out.filesFailed = true;
+        out.filesReason = context.reason;
+    }
+    // Sorted once; the stable sort keeps names equal without regard to case in listing order, and
+    // only the first of them stays.
+    DeviceFileList &files = out.deviceFiles;
+    std::stable_sort(files.begin(), files.end(), [](const DeviceFile &a, const DeviceFile &b) {
+        return CaseInsensitiveCompare(a.name, b.name) == KSOrderedAscending;
+    });
+    files.erase(std::unique(files.begin(), files.end(),
+                    [](const DeviceFile &a, const DeviceFile &b) {
+                        return CaseInsensitiveCompare(a.name, b.name) == KSOrderedSame;
+                    }),
+        files.end());
+}
+
+} // namespace BUAnalysis

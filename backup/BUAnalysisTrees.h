@@ -1,0 +1,430 @@
+// The analysis's folder trees and how they are read: the records of the trees and of the files
+// the comparison takes, the rules that decide which items take part, and the readers that list
+// both trees at once. Used by the analysis alone.
+#pragma once
+
+#include "backup/BUAnalyzeOperation.h"
+#include "backup/BUDeviceRoot.h"
+#include "backup/BUFileStats.h"
+#include "backup/BUFolderReading.h"
+#include "keelson/KSArrayString.h"
+#include "keelson/KSStrings.h"
+
+#include <QHash>
+#include <QStringList>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <numeric>
+#include <thread>
+#include <vector>
+
+namespace BUAnalysis {
+
+inline constexpr uint64_t kNone = KSNotFound;
+inline const QString kMemoryReason
+    = QStringLiteral("there's not enough memory. Perhaps your source folders are too complex");
+
+// One node of a folder tree; files are never nodes.
+struct FolderEntry {
+    uint64_t parent;
+    uint64_t firstChild;
+    uint64_t nextSibling;
+    uint64_t match; // the counterpart in the other tree
+    FileStats stats;
+    bool folder; // false only for the source tree's "/" root
+    uint32_t files = 0; // entries other than folders, counted on the device side only
+};
+
+struct AnalysisContext {
+    QString reason;
+    BUAnalysisReport *result;
+    const std::atomic<bool> *cancelAnalysis;
+    const BURuleList *ignoreFolders;
+    const BURuleList *ignoreFiles;
+    BUDeviceRoot *device;
+    // Set when the other thread of the analysis failed: this one's work is no longer wanted.
+    const std::atomic<bool> *abandon = nullptr;
+};
+
+// The files of one device folder that the sources are compared with, sorted without regard to
+// case; of names that differ only in case, the first one listed.
+struct DeviceFile {
+    FileStats stats;
+    QString name;
+};
+using DeviceFileList = std::vector<DeviceFile>;
+
+// A source file that takes part, with its stats.
+struct SourceFile {
+    QString name;
+    FileStats stats;
+};
+
+// What the reading of one folder found for the comparison. A failure of the tree itself (the
+// folder or one of its subfolders could not be examined) outranks a failure among its files: the
+// folders are compared before the files.
+struct ListedFolder {
+    bool treeFailed = false;
+    QString treeReason;
+    bool filesFailed = false; // the files up to the failure are kept
+    QString filesReason;
+    std::vector<SourceFile> sourceFiles; // in listing order
+    DeviceFileList deviceFiles; // sorted without regard to case
+};
+
+// A subfolder found by a reading, before it joins its tree.
+struct FoundFolder {
+    QString name;
+    FileStats stats;
+};
+
+// Tree entries and paths.
+FolderEntry *_Entry(KSArrayString &tree, uint64_t index);
+const QString &_Name(const KSArrayString &tree, uint64_t index);
+QString _ParentPath(const QString &path);
+QString _Child(const QString &folder, const QString &name);
+bool _CancelAnalysis(AnalysisContext &context);
+
+// Opens a folder for listing: a source folder by its path (a backup folder may be reached through
+// a link the user chose; nothing below it is), a device folder below the device root.
+int _OpenFolder(AnalysisContext &context, const QString &path, bool deviceSide, bool followLink);
+// Which items take part.
+void _SetFolderReason(AnalysisContext &context, const QString &path, int errorNumber);
+bool _NameAllowsItem(const QString &name, bool deviceSide);
+bool _RulesAllowItem(const AnalysisContext &context, const QString &name, bool isFolder);
+void _GetFileStats(const BUItemProperties &properties, FileStats *stats);
+
+// 0 skip, 1 use (stats filled), 2 failure (reason set).
+// known: the item's properties when they were read already, else null.
+int _ShouldCopyFile(AnalysisContext &context, int folderFd, const QString &folder, const char *name,
+    const QString &itemName, unsigned char type, bool deviceSide, const BUItemProperties *known, FileStats *stats);
+
+// Reads one folder: its subfolders for the tree, its files for the comparison, each entry examined
+// once. The device side keeps temporary files that an interrupted backup left behind: no source
+// file is ever named like them, so they are deleted.
+void _ReadFolder(AnalysisContext &context, const QString &path, bool deviceSide, bool isBackupFolder, ListedFolder &out,
+    std::vector<FoundFolder> &subfolders, uint32_t *otherItems);
+
+// The order of count names (nameOf(i)) without regard to case; names equal that way keep theirs.
+template <typename NameOf> std::vector<std::size_t> _NameOrder(std::size_t count, NameOf nameOf)
+{
+    std::vector<std::size_t> order(count);
+    std::iota(order.begin(), order.end(), std::size_t(0));
+    std::stable_sort(order.begin(), order.end(), [&nameOf](std::size_t a, std::size_t b) {
+        return CaseInsensitiveCompare(nameOf(a), nameOf(b)) == KSOrderedAscending;
+    });
+    return order;
+}
+
+// Both folder trees, read by a pool of threads that lists every folder once: its subfolders join
+// its tree, its files are examined there and then and kept until the comparison takes them. The
+// comparison follows the source tree close behind. The disks are the wait, and a cold disk
+// answers many questions at once far faster than one after another. The files kept are bounded:
+// the readers pause when the comparison falls behind, and the comparison reads a folder that it
+// needs itself rather than wait for it.
+//
+// The trees grow while the comparison reads them: every access to their entries holds lock().
+class TreeReader {
+public:
+    enum Side { Source = 0, Device = 1 };
+
+    // Reads the device tree from its root (entry 0) and the source tree from its backup folders
+    // (entries 1 to folderCount).
+    TreeReader(
+        const AnalysisContext &context, KSArrayString &sourceTree, KSArrayString &deviceTree, uint64_t folderCount)
+        : m_context(context), m_trees {&sourceTree, &deviceTree}
+    {
+        m_context.abandon = &m_stop;
+        addTask({Device, 0, _Name(deviceTree, 0), true, {0}});
+        for (uint64_t i = 1; i <= folderCount; ++i) {
+            addTask({Source, i, _Name(sourceTree, i), true, {uint32_t(i)}});
+            m_backupFolderNames.append(LastPathComponent(_Name(sourceTree, i)));
+        }
+        for (Side side : {Source, Device})
+            grow(side);
+        for (int i = 0; i < kThreads && StartHelperThread(m_threads, [this] { run(); }); ++i) { }
+    }
+    ~TreeReader()
+    {
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_stop = true;
+        }
+        m_work.notify_all();
+        for (std::thread &thread : m_threads)
+            thread.join();
+    }
+    TreeReader(const TreeReader &) = delete;
+    TreeReader &operator=(const TreeReader &) = delete;
+
+    std::unique_lock<std::mutex> lock() { return std::unique_lock<std::mutex>(m_mutex); }
+
+    // Waits until a folder has been read, reading it here if no reader has begun it; false when
+    // the analysis is canceled first.
+    bool waitFor(Side side, uint64_t node, const std::atomic<bool> &cancel)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return waitUntil(
+            lock, cancel, [&] { return m_read[side][node]; }, side, node);
+    }
+    // What the reading of a folder found, handed over once; null the second time, or for a
+    // folder declared unwanted.
+    std::unique_ptr<ListedFolder> take(Side side, uint64_t node)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        std::unique_ptr<ListedFolder> listed = std::move(m_listed[side][node]);
+        if (listed)
+            release(lock, *listed);
+        return listed;
+    }
+    // A device folder that no source folder matches: its files are not wanted, nor those of its
+    // subfolders, read already or not. Call with lock() held.
+    void unwanted(uint64_t node)
+    {
+        KSArrayString &tree = *m_trees[Device];
+        const bool wasFull = m_keptFiles >= kKeptFiles;
+        std::vector<uint64_t> folders {node};
+        while (!folders.empty()) {
+            const uint64_t folder = folders.back();
+            folders.pop_back();
+            m_unwanted[folder] = true;
+            if (std::unique_ptr<ListedFolder> &listed = m_listed[Device][folder]) {
+                m_keptFiles -= kept(*listed);
+                listed.reset();
+            }
+            if (m_read[Device][folder]) {
+                for (uint64_t c = _Entry(tree, folder)->firstChild; c != kNone; c = _Entry(tree, c)->nextSibling)
+                    folders.push_back(c);
+            }
+        }
+        if (wasFull && m_keptFiles < kKeptFiles)
+            m_work.notify_all();
+    }
+    // Waits until both trees are whole; false when the analysis is canceled first.
+    bool waitForAll(const std::atomic<bool> &cancel)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_finishing = true; // what is read now is only checked for failures: no bound
+        lock.unlock();
+        m_work.notify_all();
+        lock.lock();
+        return waitUntil(
+            lock, cancel, [this] { return m_tasks.empty() && m_busy == 0; }, Source, kNone);
+    }
+    // Why the reading of a tree stopped at a folder, or null; after waitForAll().
+    QString treeFailure(Side side, uint64_t node) const { return m_treeFailures[side].value(node); }
+    bool treeFailed(Side side) const { return !m_treeFailures[side].isEmpty(); }
+
+private:
+    static constexpr int kThreads = 16;
+    static constexpr std::size_t kKeptFiles = 32768;
+    static constexpr std::chrono::milliseconds kCancelCheck {100};
+    struct Task {
+        Side side;
+        uint64_t node;
+        QString path;
+        bool isBackupFolder;
+        std::vector<uint32_t> order; // the place in the comparison's order: positions from the top
+    };
+    // The readers take the task that comes first in the comparison's order: a heap on this.
+    static bool later(const Task &a, const Task &b) { return a.order > b.order; }
+    void addTask(Task task)
+    {
+        m_tasks.push_back(std::move(task));
+        std::push_heap(m_tasks.begin(), m_tasks.end(), later);
+    }
+
+    static std::size_t kept(const ListedFolder &listed)
+    {
+        return 1 + listed.sourceFiles.size() + listed.deviceFiles.size();
+    }
+
+    void grow(Side side)
+    {
+        const std::size_t count = m_trees[side]->count();
+        m_listed[side].resize(count);
+        m_read[side].resize(count);
+        if (side == Device)
+            m_unwanted.resize(count);
+    }
+
+    void release(std::unique_lock<std::mutex> &lock, const ListedFolder &listed)
+    {
+        const bool wasFull = m_keptFiles >= kKeptFiles;
+        m_keptFiles -= kept(listed);
+        if (wasFull && m_keptFiles < kKeptFiles) {
+            lock.unlock();
+            m_work.notify_all();
+            lock.lock();
+        }
+    }
+
+    template <typename Ready>
+    bool waitUntil(
+        std::unique_lock<std::mutex> &lock, const std::atomic<bool> &cancel, Ready ready, Side side, uint64_t node)
+    {
+        ++m_waiting;
+        while (!ready()) {
+            if (cancel.load(std::memory_order_relaxed)) {
+                --m_waiting;
+                return false;
+            }
+            // A folder that no reader has begun is read here: the readers may be paused, or
+            // busy with folders the comparison needs later. With no reader at all, every folder.
+            auto wanted = m_tasks.end();
+            if (node != kNone)
+                wanted = std::find_if(m_tasks.begin(), m_tasks.end(),
+                    [&](const Task &task) { return task.node == node && task.side == side; });
+            if (wanted == m_tasks.end() && m_threads.empty() && !m_tasks.empty())
+                wanted = m_tasks.begin();
+            if (wanted != m_tasks.end()) {
+                Task task = std::move(*wanted);
+                m_tasks.erase(wanted);
+                std::make_heap(m_tasks.begin(), m_tasks.end(), later);
+                ++m_busy;
+                lock.unlock();
+                read(task);
+                lock.lock();
+            } else {
+                m_progress.wait_for(lock, kCancelCheck);
+            }
+        }
+        --m_waiting;
+        return true;
+    }
+
+    void run()
+    {
+        for (;;) {
+            Task task;
+            {
+                std::unique_lock<std::mutex> lock(m_mutex);
+                m_work.wait(
+                    lock, [this] { return m_stop || (!m_tasks.empty() && (m_keptFiles < kKeptFiles || m_finishing)); });
+                if (m_stop)
+                    return;
+                std::pop_heap(m_tasks.begin(), m_tasks.end(), later);
+                task = std::move(m_tasks.back());
+                m_tasks.pop_back();
+                ++m_busy;
+            }
+            read(task);
+        }
+    }
+
+    void read(const Task &task)
+    {
+        AnalysisContext context = m_context;
+        BUAnalysisReport result; // this reading's own cancel flag
+        context.result = &result;
+        auto listed = std::make_unique<ListedFolder>();
+        std::vector<FoundFolder> subfolders;
+        uint32_t otherItems = 0;
+        std::vector<Task> children;
+        try {
+            _ReadFolder(context, task.path, task.side == Device, task.isBackupFolder, *listed, subfolders, &otherItems);
+            // Both trees are read in about the order the comparison follows: a folder's subtree
+            // before its next sibling's, siblings in the order of their names, and a mirror folder at
+            // about the time of its source folder (the top level's, at its backup folder's). The
+            // order and the paths are found before the lock: every reader and the comparison wait on it.
+            const std::vector<std::size_t> byName = _NameOrder(
+                subfolders.size(), [&subfolders](std::size_t i) -> const QString & { return subfolders[i].name; });
+            for (std::size_t rank = 0; rank < byName.size(); ++rank) {
+                const std::size_t i = byName[rank];
+                // node: the place in the listing until the tree entry is known
+                Task child {task.side, i, _Child(task.path, subfolders[i].name), false, task.order};
+                uint32_t position = uint32_t(rank);
+                if (task.side == Device && task.node == 0) {
+                    position = uint32_t(m_backupFolderNames.size() + 1 + rank);
+                    for (qsizetype f = 0; f < m_backupFolderNames.size(); ++f) {
+                        if (CaseInsensitiveCompare(m_backupFolderNames[f], subfolders[i].name) == KSOrderedSame) {
+                            position = uint32_t(f + 1);
+                            break;
+                        }
+                    }
+                    child.order.clear();
+                }
+                child.order.push_back(position);
+                children.push_back(std::move(child));
+            }
+        } catch (const std::bad_alloc &) {
+            listed->treeFailed = true;
+            listed->treeReason = kMemoryReason;
+            subfolders.clear();
+            children.clear();
+        }
+        std::size_t added = 0;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            KSArrayString &tree = *m_trees[task.side];
+            uint64_t previous = kNone;
+            for (const FoundFolder &folder : subfolders) {
+                FolderEntry entry {task.node, kNone, kNone, kNone, folder.stats, true};
+                const uint64_t index = tree.addEntry(&entry, &folder.name);
+                if (index == KSNotFound) {
+                    listed->treeFailed = true;
+                    listed->treeReason = kMemoryReason;
+                    break;
+                }
+                if (previous == kNone)
+                    _Entry(tree, task.node)->firstChild = index;
+                else
+                    _Entry(tree, previous)->nextSibling = index;
+                previous = index;
+                ++added;
+            }
+            _Entry(tree, task.node)->files += otherItems;
+            const uint64_t first = tree.count() - added;
+            for (Task &child : children) {
+                if (child.node >= added)
+                    continue; // not in the tree: no memory for it
+                child.node += first;
+                addTask(std::move(child));
+            }
+            grow(task.side);
+            if (listed->treeFailed)
+                m_treeFailures[task.side].insert(task.node, listed->treeReason);
+            if (task.side == Device && m_unwanted[task.node]) {
+                for (std::size_t i = 0; i < added; ++i)
+                    m_unwanted[tree.count() - added + i] = true;
+            } else {
+                m_keptFiles += kept(*listed);
+                m_listed[task.side][task.node] = std::move(listed);
+            }
+            m_read[task.side][task.node] = true;
+            --m_busy;
+        }
+        if (added > 1)
+            m_work.notify_all();
+        else if (added == 1)
+            m_work.notify_one();
+        if (m_waiting > 0)
+            m_progress.notify_all();
+    }
+
+    AnalysisContext m_context;
+    KSArrayString *m_trees[2];
+    std::mutex m_mutex;
+    std::condition_variable m_work; // for the readers: folders to read, or stop
+    std::condition_variable m_progress; // for the comparison: a folder was read
+    std::vector<Task> m_tasks; // folders to read, a heap
+    QStringList m_backupFolderNames; // the last names of the backup folders: their mirrors' names
+    int m_busy = 0; // folders being read
+    std::size_t m_keptFiles = 0; // folders and files read and not yet taken
+    bool m_finishing = false; // the comparison is done
+    std::atomic<int> m_waiting {0};
+    std::vector<bool> m_read[2]; // by tree entry
+    std::vector<std::unique_ptr<ListedFolder>> m_listed[2]; // by tree entry, until taken
+    std::vector<bool> m_unwanted; // by device tree entry
+    QHash<uint64_t, QString> m_treeFailures[2]; // by entry
+    std::atomic<bool> m_stop {false};
+    std::vector<std::thread> m_threads;
+};
+
+} // namespace BUAnalysis

@@ -68,16 +68,15 @@ private:
     DIR *m_folder;
 };
 
-// Starts a helper thread; false when the system refuses one (a limit on processes): the helpers
-// only speed the work up, and whoever starts them carries on with those it has.
+// One more helper thread in threads, as above; whoever starts them carries on with those it has.
 template <typename Work> bool StartHelperThread(std::vector<std::thread> &threads, Work &&work)
 {
-    try {
-        threads.emplace_back(std::forward<Work>(work));
-        return true;
-    } catch (const std::system_error &) {
+    threads.reserve(threads.size() + 1); // a started thread is never dropped for want of room
+    std::thread thread;
+    if (!StartHelperThread(thread, std::forward<Work>(work)))
         return false;
-    }
+    threads.push_back(std::move(thread));
+    return true;
 }
 
 // A folder's entries a block at a time, with the properties of its files read ahead. A block that

@@ -30,16 +30,30 @@ inline constexpr uint64_t kNone = KSNotFound;
 inline const QString kMemoryReason
     = QStringLiteral("there's not enough memory. Perhaps your source folders are too complex");
 
+// A tree index or kNone, kept in four bytes: both trees hold an entry for every folder.
+class EntryLink {
+public:
+    static constexpr uint64_t kMaxEntries = 0xFFFFFFFFULL; // indexes below this fit
+    EntryLink() = default;
+    EntryLink(uint64_t index) : m_index(index >= kMaxEntries ? kNoIndex : uint32_t(index)) { }
+    operator uint64_t() const { return m_index == kNoIndex ? kNone : m_index; }
+
+private:
+    static constexpr uint32_t kNoIndex = 0xFFFFFFFFU;
+    uint32_t m_index = kNoIndex;
+};
+
 // One node of a folder tree; files are never nodes.
 struct FolderEntry {
-    uint64_t parent;
-    uint64_t firstChild;
-    uint64_t nextSibling;
-    uint64_t match; // the counterpart in the other tree
+    EntryLink parent;
+    EntryLink firstChild;
+    EntryLink nextSibling;
+    EntryLink match; // the counterpart in the other tree
     FileStats stats;
     bool folder; // false only for the source tree's "/" root
     uint32_t files = 0; // entries other than folders, counted on the device side only
 };
+static_assert(sizeof(FolderEntry) == 88);
 
 struct AnalysisContext {
     QString reason;
@@ -366,7 +380,8 @@ private:
             uint64_t previous = kNone;
             for (const FoundFolder &folder : subfolders) {
                 FolderEntry entry {task.node, kNone, kNone, kNone, folder.stats, true};
-                const uint64_t index = tree.addEntry(&entry, &folder.name);
+                const uint64_t index
+                    = tree.count() < EntryLink::kMaxEntries ? tree.addEntry(&entry, &folder.name) : KSNotFound;
                 if (index == KSNotFound) {
                     listed->treeFailed = true;
                     listed->treeReason = kMemoryReason;

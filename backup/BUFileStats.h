@@ -17,21 +17,24 @@
 
 // The compared attributes of one item. Trivially copyable: it is stored in entry arrays.
 struct FileStats {
+    // Eight-byte fields first, then four, then one: 64 bytes with no padding. Every folder of both
+    // trees and every file waiting for the comparison holds one.
     int64_t size = 0; // 0 for folders
-    bool seen = false; // a source file of the same name was examined against this device file
-    bool hasCustomIcon = false; // none on Linux
-    bool hasHiddenExtension = false; // none on Linux
     double contentModified = 0; // mtime, whole seconds since 1970
     double created = 0; // birth time, whole seconds; 0 when the file system keeps none
     double attributesModified = 0; // ctime, whole seconds
     int64_t label = 0; // none on Linux
+    uint64_t attributeDigest = 0; // user.* extended attribute names and values
     // Linux keeps these where the desktop keeps icons, labels and hidden extensions.
     uint32_t mode = 0; // permission bits, mode & 07777
     uint32_t owner = 0;
     uint32_t group = 0;
+    bool seen = false; // a source file of the same name was examined against this device file
+    bool hasCustomIcon = false; // none on Linux
+    bool hasHiddenExtension = false; // none on Linux
     bool digestKnown = false; // attributeDigest is read lazily, only when attributes are compared
-    uint64_t attributeDigest = 0; // user.* extended attribute names and values
 };
+static_assert(sizeof(FileStats) == 64);
 
 // The properties of one item as one statx call gives them.
 struct BUItemProperties {

@@ -204,7 +204,7 @@ void _ReadFolder(AnalysisContext &context, const QString &path, bool deviceSide,
         if (deviceSide && IsTemporaryName(name) && (type == DT_REG || type == DT_UNKNOWN)) {
             const bool read = known || ReadItemProperties(listing.fd(), name, &properties, nullptr);
             if (read && (known ? *known : properties).isRegularFile())
-                out.deviceFiles.push_back({stats, itemName});
+                out.deviceFiles.push_back(out.file(stats, itemName));
             continue;
         }
         const int use = _ShouldCopyFile(context, listing.fd(), path, name, itemName, type, deviceSide, known, &stats);
@@ -212,9 +212,9 @@ void _ReadFolder(AnalysisContext &context, const QString &path, bool deviceSide,
             out.filesFailed = true;
             out.filesReason = context.reason;
         } else if (use == 1 && deviceSide) {
-            out.deviceFiles.push_back({stats, itemName});
+            out.deviceFiles.push_back(out.file(stats, itemName));
         } else if (use == 1 && _RulesAllowItem(context, itemName, false)) {
-            out.sourceFiles.push_back({itemName, stats});
+            out.sourceFiles.push_back(out.file(stats, itemName));
         }
     }
     if (listing.errorNumber != 0) {
@@ -227,12 +227,12 @@ void _ReadFolder(AnalysisContext &context, const QString &path, bool deviceSide,
     // Sorted once; the stable sort keeps names equal without regard to case in listing order, and
     // only the first of them stays.
     DeviceFileList &files = out.deviceFiles;
-    std::stable_sort(files.begin(), files.end(), [](const DeviceFile &a, const DeviceFile &b) {
-        return CaseInsensitiveCompare(a.name, b.name) == KSOrderedAscending;
+    std::stable_sort(files.begin(), files.end(), [&out](const DeviceFile &a, const DeviceFile &b) {
+        return CaseInsensitiveCompare(out.nameOf(a), out.nameOf(b)) == KSOrderedAscending;
     });
     files.erase(std::unique(files.begin(), files.end(),
-                    [](const DeviceFile &a, const DeviceFile &b) {
-                        return CaseInsensitiveCompare(a.name, b.name) == KSOrderedSame;
+                    [&out](const DeviceFile &a, const DeviceFile &b) {
+                        return CaseInsensitiveCompare(out.nameOf(a), out.nameOf(b)) == KSOrderedSame;
                     }),
         files.end());
 }

@@ -66,19 +66,18 @@ struct AnalysisContext {
     const std::atomic<bool> *abandon = nullptr;
 };
 
+// A file that takes part, with its stats; its name is kept by the folder's listing (below).
+struct ListedFile {
+    FileStats stats;
+    uint32_t nameStart = 0;
+    uint32_t nameLength = 0;
+};
 // The files of one device folder that the sources are compared with, sorted without regard to
 // case; of names that differ only in case, the first one listed.
-struct DeviceFile {
-    FileStats stats;
-    QString name;
-};
+using DeviceFile = ListedFile;
 using DeviceFileList = std::vector<DeviceFile>;
-
-// A source file that takes part, with its stats.
-struct SourceFile {
-    QString name;
-    FileStats stats;
-};
+// A source file, in listing order.
+using SourceFile = ListedFile;
 
 // What the reading of one folder found for the comparison. A failure of the tree itself (the
 // folder or one of its subfolders could not be examined) outranks a failure among its files: the
@@ -90,6 +89,20 @@ struct ListedFolder {
     QString filesReason;
     std::vector<SourceFile> sourceFiles; // in listing order
     DeviceFileList deviceFiles; // sorted without regard to case
+    // The files' names end to end: tens of thousands of files wait for the comparison at a time,
+    // and a string each would double what they take.
+    QString names;
+
+    QStringView nameOf(const ListedFile &file) const { return QStringView(names).mid(file.nameStart, file.nameLength); }
+    // A file named name, to be appended to one of the lists.
+    ListedFile file(const FileStats &stats, const QString &name)
+    {
+        if (uint64_t(names.size()) + uint64_t(name.size()) > UINT32_MAX)
+            throw std::bad_alloc(); // reported as a lack of memory
+        const ListedFile listed {stats, uint32_t(names.size()), uint32_t(name.size())};
+        names += name;
+        return listed;
+    }
 };
 
 // A subfolder found by a reading, before it joins its tree.

@@ -29,13 +29,16 @@ using namespace BUAnalysis;
 namespace {
 
 // The file of that name without regard to case, or null.
-DeviceFile *_FindDeviceFile(DeviceFileList &files, const QString &name)
+DeviceFile *_FindDeviceFile(ListedFolder &device, QStringView name)
 {
+    DeviceFileList &files = device.deviceFiles;
     const auto found
-        = std::lower_bound(files.begin(), files.end(), name, [](const DeviceFile &file, const QString &wanted) {
-              return CaseInsensitiveCompare(file.name, wanted) == KSOrderedAscending;
+        = std::lower_bound(files.begin(), files.end(), name, [&device](const DeviceFile &file, QStringView wanted) {
+              return CaseInsensitiveCompare(device.nameOf(file), wanted) == KSOrderedAscending;
           });
-    return found != files.end() && CaseInsensitiveCompare(found->name, name) == KSOrderedSame ? &*found : nullptr;
+    if (found == files.end() || CaseInsensitiveCompare(device.nameOf(*found), name) != KSOrderedSame)
+        return nullptr;
+    return &*found;
 }
 
 bool _ShouldUpdateAttributes(const AnalysisContext &context, const FileStats &source, const FileStats &device)
@@ -238,34 +241,36 @@ void _MatchSubfolders(KSArrayString &sourceTree, uint64_t s, KSArrayString &devi
 // The file transactions of one source folder against its device folder's files (null when it
 // has no device folder); the device files that no source file matched are left unseen.
 bool _RecordFilesInFolder(AnalysisContext &context, const QString &folder, const QString &rootPath, bool isBackupFolder,
-    const std::vector<SourceFile> &sourceFiles, DeviceFileList *deviceFiles, const QString &deviceFolder)
+    const ListedFolder &source, ListedFolder *device, const QString &deviceFolder)
 {
     FolderOpenedOnDemand sourceFolder(context, folder, false, isBackupFolder);
     FolderOpenedOnDemand deviceFolderOpened(context, deviceFolder, true, false);
-    for (const SourceFile &file : sourceFiles) {
+    for (const SourceFile &file : source.sourceFiles) {
+        const QStringView name = source.nameOf(file);
         if (_CancelAnalysis(context))
             return false;
         FileStats stats = file.stats;
         uint32_t action = BUTransaction::kCopy;
         bool counted = true;
-        DeviceFile *deviceFile = deviceFiles ? _FindDeviceFile(*deviceFiles, file.name) : nullptr;
+        DeviceFile *deviceFile = device ? _FindDeviceFile(*device, name) : nullptr;
         if (deviceFile) {
-            FileStats *device = &deviceFile->stats;
-            device->seen = true;
+            FileStats *deviceStats = &deviceFile->stats;
+            deviceStats->seen = true;
             const BUVolumeKind &kind = context.device->kind();
             if (ComparableContentTime(stats.contentModified, kind)
-                <= ComparableContentTime(device->contentModified, kind)) {
-                if (_NeedsDigests(context, stats, *device)) {
-                    ReadAttributeDigest(sourceFolder.fd(), FileNameToBytes(file.name).constData(), &stats);
-                    ReadAttributeDigest(deviceFolderOpened.fd(), FileNameToBytes(deviceFile->name).constData(), device);
+                <= ComparableContentTime(deviceStats->contentModified, kind)) {
+                if (_NeedsDigests(context, stats, *deviceStats)) {
+                    ReadAttributeDigest(sourceFolder.fd(), FileNameToBytes(name).constData(), &stats);
+                    ReadAttributeDigest(
+                        deviceFolderOpened.fd(), FileNameToBytes(device->nameOf(*deviceFile)).constData(), deviceStats);
                 }
-                if (!_ShouldUpdateAttributes(context, stats, *device))
+                if (!_ShouldUpdateAttributes(context, stats, *deviceStats))
                     continue;
                 action = BUTransaction::kUpdate;
                 counted = false;
             }
         }
-        BUTransaction transaction(folder, file.name, rootPath);
+        BUTransaction transaction(folder, name.toString(), rootPath);
         transaction.setAction(action);
         if (counted) {
             g_totalBytes += double(stats.size);
@@ -501,8 +506,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
                 break;
             }
         }
-        if (!_RecordFilesInFolder(context, path, rootPath, entry.parent == 0, source->sourceFiles,
-                deviceFolder ? &deviceFolder->deviceFiles : nullptr, devicePath))
+        if (!_RecordFilesInFolder(context, path, rootPath, entry.parent == 0, *source, deviceFolder.get(), devicePath))
             return fail();
         if (source->filesFailed) {
             filesFailure = source->filesReason;
@@ -512,7 +516,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
             for (const DeviceFile &file : std::as_const(deviceFolder->deviceFiles)) {
                 if (file.stats.seen)
                     continue;
-                BUTransaction transaction(devicePath, file.name, QString());
+                BUTransaction transaction(devicePath, deviceFolder->nameOf(file).toString(), QString());
                 transaction.setAction(BUTransaction::kDelete);
                 g_transactions.append(transaction);
                 ++result.itemsToDelete;

@@ -15,16 +15,40 @@ namespace {
 constexpr char16_t kAdvancedUserMark = 0x273D; // names the advanced user keeps out of backups
 } // namespace
 
-FolderEntry *_Entry(KSArrayString &tree, uint64_t index)
+uint64_t FolderTree::add(FolderEntry entry, QStringView name)
 {
-    return static_cast<FolderEntry *>(tree.entryAtIndex(index));
+    if (name.size() > UINT16_MAX)
+        return KSNotFound;
+    try {
+        if (name.size() > m_nameBlockSize - m_nameBlockUsed) {
+            const qsizetype size = std::max(kNameBlock, name.size());
+            m_nameBlocks.reserve(m_nameBlocks.size() + 1);
+            m_nameBlocks.emplace_back(new char16_t[std::size_t(size)]);
+            m_nameBlockSize = size;
+            m_nameBlockUsed = 0;
+        }
+    } catch (const std::bad_alloc &) {
+        return KSNotFound;
+    }
+    char16_t *stored = m_nameBlocks.back().get() + m_nameBlockUsed;
+    std::copy(name.utf16(), name.utf16() + name.size(), stored);
+    entry.name = stored;
+    entry.nameLength = uint16_t(name.size());
+    const uint64_t index = m_entries->addEntry(&entry);
+    if (index != KSNotFound)
+        m_nameBlockUsed += name.size();
+    return index;
 }
 
-const QString &_Name(const KSArrayString &tree, uint64_t index)
+FolderEntry *_Entry(FolderTree &tree, uint64_t index)
 {
-    static const QString none;
-    const QString *name = tree.stringAtIndex(index);
-    return name ? *name : none;
+    return tree.entry(index);
+}
+
+QStringView _Name(const FolderTree &tree, uint64_t index)
+{
+    const FolderEntry *entry = tree.entry(index);
+    return entry ? QStringView(entry->name, entry->nameLength) : QStringView();
 }
 
 QString _ParentPath(const QString &path)
@@ -33,9 +57,14 @@ QString _ParentPath(const QString &path)
     return slash <= 0 ? QStringLiteral("/") : path.left(slash);
 }
 
-QString _Child(const QString &folder, const QString &name)
+QString _Child(const QString &folder, QStringView name)
 {
-    return folder.endsWith(u'/') ? folder + name : folder + u'/' + name;
+    QString child;
+    child.reserve(folder.size() + 1 + name.size());
+    child.append(folder);
+    if (!folder.endsWith(u'/'))
+        child.append(u'/');
+    return child.append(name);
 }
 
 bool _CancelAnalysis(AnalysisContext &context)

@@ -7,7 +7,7 @@
 #include "backup/BUDeviceRoot.h"
 #include "backup/BUFileStats.h"
 #include "backup/BUFolderReading.h"
-#include "keelson/KSArrayString.h"
+#include "keelson/KSArray.h"
 #include "keelson/KSStrings.h"
 
 #include <QHash>
@@ -51,9 +51,42 @@ struct FolderEntry {
     EntryLink match; // the counterpart in the other tree
     FileStats stats;
     bool folder; // false only for the source tree's "/" root
+    uint16_t nameLength = 0;
     uint32_t files = 0; // entries other than folders, counted on the device side only
+    const char16_t *name = nullptr; // kept by the tree
 };
-static_assert(sizeof(FolderEntry) == 88);
+static_assert(sizeof(FolderEntry) == 96);
+
+// A folder tree: its entries in one block, their names end to end in blocks that never move, so
+// that a name stays put while the tree grows. Tens of thousands of folders would otherwise take
+// two allocations each for their names.
+class FolderTree {
+public:
+    explicit FolderTree(std::size_t initialAllocation)
+        : m_entries(KSArray::create(sizeof(FolderEntry), initialAllocation))
+    {
+    }
+    FolderTree(const FolderTree &) = delete;
+    FolderTree &operator=(const FolderTree &) = delete;
+
+    bool isValid() const { return m_entries != nullptr; }
+    uint64_t count() const { return m_entries->count(); }
+    FolderEntry *entry(uint64_t index) { return static_cast<FolderEntry *>(m_entries->entryAtIndex(index)); }
+    const FolderEntry *entry(uint64_t index) const
+    {
+        return static_cast<const FolderEntry *>(m_entries->entryAtIndex(index));
+    }
+    // The entry's index, or KSNotFound when there is no memory for it (or for a name longer than
+    // any path).
+    uint64_t add(FolderEntry entry, QStringView name);
+
+private:
+    static constexpr qsizetype kNameBlock = 16384;
+    std::unique_ptr<KSArray> m_entries;
+    std::vector<std::unique_ptr<char16_t[]>> m_nameBlocks;
+    qsizetype m_nameBlockUsed = 0;
+    qsizetype m_nameBlockSize = 0;
+};
 
 struct AnalysisContext {
     QString reason;
@@ -112,10 +145,11 @@ struct FoundFolder {
 };
 
 // Tree entries and paths.
-FolderEntry *_Entry(KSArrayString &tree, uint64_t index);
-const QString &_Name(const KSArrayString &tree, uint64_t index);
+FolderEntry *_Entry(FolderTree &tree, uint64_t index);
+// Stays valid while the tree lives; read it with the tree's lock held while the tree grows.
+QStringView _Name(const FolderTree &tree, uint64_t index);
 QString _ParentPath(const QString &path);
-QString _Child(const QString &folder, const QString &name);
+QString _Child(const QString &folder, QStringView name);
 bool _CancelAnalysis(AnalysisContext &context);
 
 // Opens a folder for listing: a source folder by its path (a backup folder may be reached through
@@ -163,14 +197,13 @@ public:
 
     // Reads the device tree from its root (entry 0) and the source tree from its backup folders
     // (entries 1 to folderCount).
-    TreeReader(
-        const AnalysisContext &context, KSArrayString &sourceTree, KSArrayString &deviceTree, uint64_t folderCount)
+    TreeReader(const AnalysisContext &context, FolderTree &sourceTree, FolderTree &deviceTree, uint64_t folderCount)
         : m_context(context), m_trees {&sourceTree, &deviceTree}
     {
         m_context.abandon = &m_stop;
-        addTask({Device, 0, _Name(deviceTree, 0), true, {0}});
+        addTask({Device, 0, _Name(deviceTree, 0).toString(), true, {0}});
         for (uint64_t i = 1; i <= folderCount; ++i) {
-            addTask({Source, i, _Name(sourceTree, i), true, {uint32_t(i)}});
+            addTask({Source, i, _Name(sourceTree, i).toString(), true, {uint32_t(i)}});
             m_backupFolderNames.append(LastPathComponent(_Name(sourceTree, i)));
         }
         for (Side side : {Source, Device})
@@ -214,7 +247,7 @@ public:
     // subfolders, read already or not. Call with lock() held.
     void unwanted(uint64_t node)
     {
-        KSArrayString &tree = *m_trees[Device];
+        FolderTree &tree = *m_trees[Device];
         const bool wasFull = m_keptFiles >= kKeptFiles;
         std::vector<uint64_t> folders {node};
         while (!folders.empty()) {
@@ -389,12 +422,12 @@ private:
         std::size_t added = 0;
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
-            KSArrayString &tree = *m_trees[task.side];
+            FolderTree &tree = *m_trees[task.side];
             uint64_t previous = kNone;
             for (const FoundFolder &folder : subfolders) {
                 FolderEntry entry {task.node, kNone, kNone, kNone, folder.stats, true};
                 const uint64_t index
-                    = tree.count() < EntryLink::kMaxEntries ? tree.addEntry(&entry, &folder.name) : KSNotFound;
+                    = tree.count() < EntryLink::kMaxEntries ? tree.add(entry, folder.name) : KSNotFound;
                 if (index == KSNotFound) {
                     listed->treeFailed = true;
                     listed->treeReason = kMemoryReason;
@@ -437,7 +470,7 @@ private:
     }
 
     AnalysisContext m_context;
-    KSArrayString *m_trees[2];
+    FolderTree *m_trees[2];
     std::mutex m_mutex;
     std::condition_variable m_work; // for the readers: folders to read, or stop
     std::condition_variable m_progress; // for the comparison: a folder was read

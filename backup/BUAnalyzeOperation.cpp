@@ -7,7 +7,6 @@
 #include "backup/BUFolderReading.h"
 #include "backup/BUTransaction.h"
 #include "keelson/FormatString.h"
-#include "keelson/KSArrayString.h"
 #include "keelson/KSKernel.h"
 #include "keelson/KSStrings.h"
 
@@ -67,7 +66,7 @@ bool _NeedsDigests(const AnalysisContext &context, const FileStats &source, cons
 
 // The pre-order successor of `index`; descend false skips its subtree. The path follows along,
 // except for the children of the root, whose paths the callers derive themselves.
-bool _NextFolder(KSArrayString &tree, uint64_t *index, QString *path, bool descend)
+bool _NextFolder(FolderTree &tree, uint64_t *index, QString *path, bool descend)
 {
     const FolderEntry *entry = _Entry(tree, *index);
     if (descend && entry->firstChild != kNone) {
@@ -92,12 +91,12 @@ bool _NextFolder(KSArrayString &tree, uint64_t *index, QString *path, bool desce
 }
 
 // The device path of a device tree node: the names up to the root, whose string is the root path.
-QString _DeviceFolderPath(KSArrayString &deviceTree, uint64_t index)
+QString _DeviceFolderPath(FolderTree &deviceTree, uint64_t index)
 {
     QStringList names;
     for (; index != 0 && index != kNone; index = _Entry(deviceTree, index)->parent)
-        names.prepend(_Name(deviceTree, index));
-    names.prepend(_Name(deviceTree, 0));
+        names.prepend(_Name(deviceTree, index).toString());
+    names.prepend(_Name(deviceTree, 0).toString());
     return names.join(u'/');
 }
 
@@ -110,7 +109,7 @@ void _ReadFolderDigest(AnalysisContext &context, const QString &path, bool devic
     ::close(fd);
 }
 
-bool _RecordFolders(AnalysisContext &context, KSArrayString &tree, KSArrayString &otherTree, bool deviceSide)
+bool _RecordFolders(AnalysisContext &context, FolderTree &tree, FolderTree &otherTree, bool deviceSide)
 {
     uint64_t index = _Entry(tree, 0)->firstChild;
     if (index == kNone || index >= tree.count())
@@ -121,10 +120,10 @@ bool _RecordFolders(AnalysisContext &context, KSArrayString &tree, KSArrayString
         if (_CancelAnalysis(context))
             return false;
         FolderEntry entry = *_Entry(tree, index);
-        const QString &name = _Name(tree, index);
+        const QStringView name = _Name(tree, index);
         if (entry.parent == 0) {
-            path = deviceSide ? _Child(deviceRoot, name) : name;
-            rootPath = deviceSide ? deviceRoot : _ParentPath(name);
+            path = deviceSide ? _Child(deviceRoot, name) : name.toString();
+            rootPath = deviceSide ? deviceRoot : _ParentPath(path);
         }
         bool descend = true;
         if (entry.match == kNone) {
@@ -156,7 +155,7 @@ bool _RecordFolders(AnalysisContext &context, KSArrayString &tree, KSArrayString
 // What the mirrors hold and how much of it the Delete transactions remove, so that the window can
 // ask before a backup empties most of the device (as an emptied or unmounted source would). Parents
 // come before their children in the tree, so one pass finds every folder below a deleted one.
-void _CountDeviceItems(KSArrayString &deviceTree, BUAnalysisReport *result)
+void _CountDeviceItems(FolderTree &deviceTree, BUAnalysisReport *result)
 {
     std::vector<bool> deleted(deviceTree.count(), false);
     for (uint64_t i = 1; i < deviceTree.count(); ++i) {
@@ -206,7 +205,7 @@ private:
 // Matches the subfolders of a source folder with those of its device folder: without regard to
 // case, the first listed device folder winning; many folders get a table of the folded names that
 // answers the same.
-void _MatchSubfolders(KSArrayString &sourceTree, uint64_t s, KSArrayString &deviceTree, uint64_t d)
+void _MatchSubfolders(FolderTree &sourceTree, uint64_t s, FolderTree &deviceTree, uint64_t d)
 {
     int deviceChildren = 0;
     for (uint64_t e = _Entry(deviceTree, d)->firstChild; e != kNone; e = _Entry(deviceTree, e)->nextSibling)
@@ -336,12 +335,12 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
 
     // The source tree: a "/" root, then the backup folders in list order.
     const uint64_t folderCount = uint64_t(m_backupFolders.size());
-    std::unique_ptr<KSArrayString> sourceTree = KSArrayString::create(sizeof(FolderEntry), 10000);
-    if (!sourceTree)
+    auto sourceTree = std::make_unique<FolderTree>(10000);
+    if (!sourceTree->isValid())
         return fail();
     FolderEntry root {kNone, folderCount > 0 ? 1 : kNone, kNone, kNone, {}, false};
     const QString rootName = QStringLiteral("/");
-    if (sourceTree->addEntry(&root, &rootName) == KSNotFound)
+    if (sourceTree->add(root, rootName) == KSNotFound)
         return fail();
     for (uint64_t i = 1; i <= folderCount; ++i) {
         const QString &folder = m_backupFolders[qsizetype(i - 1)];
@@ -352,7 +351,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
             _GetFileStats(properties, &entry.stats);
         if (fd >= 0)
             ::close(fd);
-        if (sourceTree->addEntry(&entry, &folder) == KSNotFound)
+        if (sourceTree->add(entry, folder) == KSNotFound)
             return fail();
     }
     if (_CancelAnalysis(context))
@@ -399,11 +398,11 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
         return result; // nothing to mirror, and nothing on the device to remove
 
     // Both trees are read at once, and the comparison follows the source tree close behind.
-    std::unique_ptr<KSArrayString> deviceTree = KSArrayString::create(sizeof(FolderEntry), 10000);
-    if (!deviceTree)
+    auto deviceTree = std::make_unique<FolderTree>(10000);
+    if (!deviceTree->isValid())
         return fail();
     FolderEntry deviceRoot {kNone, kNone, kNone, kNone, {}, true};
-    if (deviceTree->addEntry(&deviceRoot, &device.path()) == KSNotFound)
+    if (deviceTree->add(deviceRoot, device.path()) == KSNotFound)
         return fail();
     TreeReader reader(context, *sourceTree, *deviceTree, folderCount);
     auto cancelled = [&] {
@@ -443,7 +442,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
     {
         const auto lock = reader.lock();
         for (uint64_t i = folderCount; i >= 1; --i)
-            toVisit.push_back({i, _Name(*sourceTree, i)});
+            toVisit.push_back({i, _Name(*sourceTree, i).toString()});
     }
     QString rootPath;
     while (!toVisit.empty()) {
@@ -463,7 +462,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
             const auto lock = reader.lock();
             entry = *_Entry(*sourceTree, index);
             for (uint64_t c = entry.firstChild; c != kNone; c = _Entry(*sourceTree, c)->nextSibling)
-                subfolders.emplace_back(c, _Name(*sourceTree, c));
+                subfolders.emplace_back(c, _Name(*sourceTree, c).toString());
         }
         const std::vector<std::size_t> byName = _NameOrder(
             subfolders.size(), [&subfolders](std::size_t i) -> const QString & { return subfolders[i].second; });
@@ -532,7 +531,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
     for (const TreeReader::Side side : {TreeReader::Source, TreeReader::Device}) {
         if (!reader.treeFailed(side))
             continue;
-        KSArrayString &tree = side == TreeReader::Source ? *sourceTree : *deviceTree;
+        FolderTree &tree = side == TreeReader::Source ? *sourceTree : *deviceTree;
         uint64_t node = side == TreeReader::Source ? 1 : 0;
         QString ignored;
         do {

@@ -283,7 +283,7 @@ public:
 
 private:
     static constexpr int kThreads = 16;
-    static constexpr std::size_t kKeptFiles = 32768;
+    static constexpr std::size_t kKeptFiles = 16384;
     static constexpr std::chrono::milliseconds kCancelCheck {100};
     struct Task {
         Side side;

@@ -17,21 +17,52 @@ double g_copiedBytes = 0;
 int64_t g_finishedTransactions = 0;
 int64_t g_failedTransactions = 0;
 
-BUTransaction::BUTransaction(const QString &path, const QString &root) : m_path(path), m_rootPath(root)
+namespace {
+
+// Equal text, and both null or neither: a null root means "none", an empty one does not.
+bool _SameString(const QString &a, const QString &b)
+{
+    if (a.constData() == b.constData() && a.size() == b.size())
+        return true;
+    return a.isNull() == b.isNull() && a == b;
+}
+
+const QString kNoString;
+
+} // namespace
+
+QExplicitlySharedDataPointer<BUTransaction::Place> BUTransaction::place(const QString &path, const QString &root)
+{
+    thread_local QExplicitlySharedDataPointer<Place> last;
+    if (last && _SameString(last->path, path) && _SameString(last->rootPath, root))
+        return last;
+    last = new Place;
+    last->path = path;
+    last->rootPath = root;
+    return last;
+}
+
+BUTransaction::BUTransaction(const QString &path, const QString &root) : m_place(place(path, root))
 {
 }
 
 BUTransaction::BUTransaction(const QString &folder, const QString &name, const QString &root)
-    : m_path(folder), m_name(name), m_rootPath(root)
+    : m_place(place(folder, root)), m_name(name)
 {
+}
+
+const QString &BUTransaction::rootPath() const
+{
+    return m_place ? m_place->rootPath : kNoString;
 }
 
 template <typename Buffer> void BUTransaction::appendPath(Buffer &buffer) const
 {
-    buffer.append(m_path.constData(), m_path.size());
+    const QString &folder = m_place ? m_place->path : kNoString;
+    buffer.append(folder.constData(), folder.size());
     if (m_name.isNull())
         return;
-    if (!m_path.endsWith(u'/'))
+    if (!folder.endsWith(u'/'))
         buffer.append(QChar(u'/'));
     buffer.append(m_name.constData(), m_name.size());
 }
@@ -39,9 +70,9 @@ template <typename Buffer> void BUTransaction::appendPath(Buffer &buffer) const
 QString BUTransaction::path() const
 {
     if (m_name.isNull())
-        return m_path;
+        return m_place ? m_place->path : QString();
     QString path;
-    path.reserve(m_path.size() + 1 + m_name.size());
+    path.reserve((m_place ? m_place->path.size() : 0) + 1 + m_name.size());
     appendPath(path);
     return path;
 }
@@ -64,9 +95,9 @@ int BUTransaction::compare(const BUTransaction &other) const
         return m_action < other.m_action ? -1 : 1;
     if (m_folder != other.m_folder)
         return m_folder ? -1 : 1;
-    // Items of one folder (one shared folder string) differ only after the folder's "/".
-    if (!m_name.isNull() && !other.m_name.isNull() && m_path.constData() == other.m_path.constData()
-        && m_path.size() == other.m_path.size())
+    // Items of one folder (one shared place) differ only after the folder's "/".
+    if (!m_name.isNull() && !other.m_name.isNull() && m_place && other.m_place
+        && (m_place == other.m_place || _SameString(m_place->path, other.m_place->path)))
         return CaseInsensitiveCompare(m_name, other.m_name);
     QVarLengthArray<QChar, 256> a, b;
     appendPath(a);

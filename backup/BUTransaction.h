@@ -11,8 +11,10 @@
 // through a const reference, never with the non-const operator[], which would copy the whole list.
 #pragma once
 
+#include <QExplicitlySharedDataPointer>
 #include <QList>
 #include <QMap>
+#include <QSharedData>
 #include <QString>
 #include <QStringList>
 
@@ -34,13 +36,13 @@ public:
     QString path() const;
     void setPath(const QString &path)
     {
-        m_path = path;
+        m_place = place(path, rootPath());
         m_name = QString();
     }
     // For a source item, the parent folder of its backup folder; the device root for a device
     // folder to delete; null for a device file to delete.
-    const QString &rootPath() const { return m_rootPath; }
-    void setRootPath(const QString &rootPath) { m_rootPath = rootPath; }
+    const QString &rootPath() const;
+    void setRootPath(const QString &rootPath) { m_place = place(m_place ? m_place->path : QString(), rootPath); }
     uint32_t action() const { return m_action; }
     void setAction(uint32_t action) { m_action = uint8_t(std::min<uint32_t>(action, 255)); }
     uint64_t errorIndex() const { return m_errorIndex == kStoredNoError ? kNoError : m_errorIndex; }
@@ -63,14 +65,21 @@ public:
     int compare(const BUTransaction &other) const;
 
 private:
-    // 88 bytes and a name a transaction: a full backup of a large tree holds hundreds of thousands.
+    // 48 bytes and a name a transaction: a full backup of a large tree holds hundreds of thousands.
     static constexpr uint32_t kStoredNoError = 0xFFFFFFFFU;
+    // Where an item is, one record for all the items of a folder.
+    struct Place : QSharedData {
+        QString path; // the whole path, or the folder when m_name is set
+        QString rootPath;
+    };
+    // The record of the transaction made just before on this thread when it has the same path and
+    // root (the analysis makes a folder's transactions one after another), else a new one.
+    static QExplicitlySharedDataPointer<Place> place(const QString &path, const QString &root);
     // Appends the path to a buffer, without allocating a string of it.
     template <typename Buffer> void appendPath(Buffer &buffer) const;
 
-    QString m_path; // the whole path, or the folder when m_name is set
+    QExplicitlySharedDataPointer<Place> m_place; // null only for a transaction made empty
     QString m_name;
-    QString m_rootPath;
     double m_fileSize = 0;
     mutable uint32_t m_errorIndex = kStoredNoError;
     uint8_t m_action = kCopy;
@@ -81,6 +90,7 @@ private:
 // Two strings and plain values: a growing list may move its transactions as bytes (realloc) instead
 // of copying each one into a second block.
 Q_DECLARE_TYPEINFO(BUTransaction, Q_RELOCATABLE_TYPE);
+static_assert(sizeof(BUTransaction) == 48);
 
 using BUTransactionList = QList<BUTransaction>;
 

@@ -55,7 +55,7 @@ struct FolderEntry {
     uint32_t files = 0; // entries other than folders, counted on the device side only
     const char16_t *name = nullptr; // kept by the tree
 };
-static_assert(sizeof(FolderEntry) == 96);
+static_assert(sizeof(FolderEntry) == 80);
 
 // A folder tree: its entries in one block, their names end to end in blocks that never move, so
 // that a name stays put while the tree grows. Tens of thousands of folders would otherwise take

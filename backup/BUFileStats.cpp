@@ -152,8 +152,8 @@ bool ReadItemProperties(int folderFd, const char *name, BUItemProperties *proper
 {
     struct statx status;
     const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | (*name ? 0 : AT_EMPTY_PATH);
-    const unsigned mask = STATX_TYPE | STATX_MODE | STATX_UID | STATX_GID | STATX_SIZE | STATX_MTIME | STATX_CTIME
-        | STATX_BTIME | STATX_INO;
+    const unsigned mask
+        = STATX_TYPE | STATX_MODE | STATX_UID | STATX_GID | STATX_SIZE | STATX_MTIME | STATX_CTIME | STATX_INO;
     if (::statx(folderFd, name, flags, mask, &status) != 0) {
         if (error)
             *error = BUError::posix(errno);
@@ -167,7 +167,6 @@ bool ReadItemProperties(int folderFd, const char *name, BUItemProperties *proper
     properties->modifiedSeconds = status.stx_mtime.tv_sec;
     properties->modifiedNanoseconds = status.stx_mtime.tv_nsec;
     properties->changedSeconds = status.stx_ctime.tv_sec;
-    properties->bornSeconds = (status.stx_mask & STATX_BTIME) ? status.stx_btime.tv_sec : 0;
     properties->device = (uint64_t(status.stx_dev_major) << 32) | status.stx_dev_minor;
     properties->inode = status.stx_ino;
     properties->systemImmutable = status.stx_attributes & STATX_ATTR_IMMUTABLE;
@@ -180,9 +179,8 @@ void StatsFromProperties(const BUItemProperties &properties, FileStats *stats)
     *stats = FileStats();
     // Whole seconds, rounded down: statx's seconds already are.
     stats->contentModified = double(properties.modifiedSeconds);
-    stats->created = double(properties.bornSeconds);
     stats->attributesModified = double(properties.changedSeconds);
-    stats->mode = properties.mode;
+    stats->mode = uint16_t(properties.mode); // 07777 at most
     stats->owner = properties.owner;
     stats->group = properties.group;
 }

@@ -17,24 +17,24 @@
 
 // The compared attributes of one item. Trivially copyable: it is stored in entry arrays.
 struct FileStats {
-    // Eight-byte fields first, then four, then one: 64 bytes with no padding. Every folder of both
-    // trees and every file waiting for the comparison holds one.
+    // Widest fields first: 48 bytes with no padding. Every folder of both trees and every file
+    // waiting for the comparison holds one. The birth time is not kept: it is never compared, as
+    // Linux cannot set it, so it would never match.
     int64_t size = 0; // 0 for folders
     double contentModified = 0; // mtime, whole seconds since 1970
-    double created = 0; // birth time, whole seconds; 0 when the file system keeps none
     double attributesModified = 0; // ctime, whole seconds
-    int64_t label = 0; // none on Linux
     uint64_t attributeDigest = 0; // user.* extended attribute names and values
     // Linux keeps these where the desktop keeps icons, labels and hidden extensions.
-    uint32_t mode = 0; // permission bits, mode & 07777
     uint32_t owner = 0;
     uint32_t group = 0;
+    uint16_t mode = 0; // permission bits, mode & 07777
+    uint8_t label = 0; // none on Linux
     bool seen = false; // a source file of the same name was examined against this device file
     bool hasCustomIcon = false; // none on Linux
     bool hasHiddenExtension = false; // none on Linux
     bool digestKnown = false; // attributeDigest is read lazily, only when attributes are compared
 };
-static_assert(sizeof(FileStats) == 64);
+static_assert(sizeof(FileStats) == 48);
 
 // The properties of one item as one statx call gives them.
 struct BUItemProperties {
@@ -46,7 +46,6 @@ struct BUItemProperties {
     int64_t modifiedSeconds = 0;
     uint32_t modifiedNanoseconds = 0;
     int64_t changedSeconds = 0;
-    int64_t bornSeconds = 0; // 0 when the file system keeps no birth time
     uint64_t device = 0; // major << 32 | minor
     uint64_t inode = 0;
     bool systemImmutable = false; // the immutable flag

@@ -253,6 +253,7 @@ void _ReadFolder(AnalysisContext &context, const QString &path, bool deviceSide,
         out.filesFailed = true;
         out.filesReason = context.reason;
     }
+    out.names.squeeze(); // kept until the comparison takes them, and in the transactions
     // Sorted once; the stable sort keeps names equal without regard to case in listing order, and
     // only the first of them stays.
     DeviceFileList &files = out.deviceFiles;

@@ -244,6 +244,7 @@ bool _RecordFilesInFolder(AnalysisContext &context, const QString &folder, const
 {
     FolderOpenedOnDemand sourceFolder(context, folder, false, isBackupFolder);
     FolderOpenedOnDemand deviceFolderOpened(context, deviceFolder, true, false);
+    BUTransaction::PlaceRef place; // made with the first transaction
     for (const SourceFile &file : source.sourceFiles) {
         const QStringView name = source.nameOf(file);
         if (_CancelAnalysis(context))
@@ -269,7 +270,9 @@ bool _RecordFilesInFolder(AnalysisContext &context, const QString &folder, const
                 counted = false;
             }
         }
-        BUTransaction transaction(folder, name.toString(), rootPath);
+        if (!place)
+            place = BUTransaction::makePlace(folder, rootPath, source.names);
+        BUTransaction transaction(place, file.nameStart, file.nameLength);
         transaction.setAction(action);
         if (counted) {
             g_totalBytes += double(stats.size);
@@ -512,10 +515,13 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
             break;
         }
         if (deviceFolder) {
+            BUTransaction::PlaceRef place; // made with the first transaction
             for (const DeviceFile &file : std::as_const(deviceFolder->deviceFiles)) {
                 if (file.stats.seen)
                     continue;
-                BUTransaction transaction(devicePath, deviceFolder->nameOf(file).toString(), QString());
+                if (!place)
+                    place = BUTransaction::makePlace(devicePath, QString(), deviceFolder->names);
+                BUTransaction transaction(place, file.nameStart, file.nameLength);
                 transaction.setAction(BUTransaction::kDelete);
                 g_transactions.append(transaction);
                 ++result.itemsToDelete;

@@ -19,35 +19,25 @@ int64_t g_failedTransactions = 0;
 
 namespace {
 
-// Equal text, and both null or neither: a null root means "none", an empty one does not.
-bool _SameString(const QString &a, const QString &b)
-{
-    if (a.constData() == b.constData() && a.size() == b.size())
-        return true;
-    return a.isNull() == b.isNull() && a == b;
-}
-
 const QString kNoString;
 
 } // namespace
 
-QExplicitlySharedDataPointer<BUTransaction::Place> BUTransaction::place(const QString &path, const QString &root)
+BUTransaction::PlaceRef BUTransaction::makePlace(const QString &path, const QString &root, const QString &names)
 {
-    thread_local QExplicitlySharedDataPointer<Place> last;
-    if (last && _SameString(last->path, path) && _SameString(last->rootPath, root))
-        return last;
-    last = new Place;
-    last->path = path;
-    last->rootPath = root;
-    return last;
+    auto *place = new Place;
+    place->path = path;
+    place->rootPath = root;
+    place->names = names;
+    return PlaceRef(place);
 }
 
-BUTransaction::BUTransaction(const QString &path, const QString &root) : m_place(place(path, root))
+BUTransaction::BUTransaction(const QString &path, const QString &root) : m_place(makePlace(path, root))
 {
 }
 
-BUTransaction::BUTransaction(const QString &folder, const QString &name, const QString &root)
-    : m_place(place(folder, root)), m_name(name)
+BUTransaction::BUTransaction(const PlaceRef &place, uint32_t nameStart, uint32_t nameLength)
+    : m_place(place), m_nameStart(nameStart), m_nameLength(nameLength)
 {
 }
 
@@ -56,23 +46,31 @@ const QString &BUTransaction::rootPath() const
     return m_place ? m_place->rootPath : kNoString;
 }
 
+QStringView BUTransaction::name() const
+{
+    if (!m_place || m_nameLength == kNoName)
+        return QStringView();
+    return QStringView(m_place->names).mid(m_nameStart, m_nameLength);
+}
+
 template <typename Buffer> void BUTransaction::appendPath(Buffer &buffer) const
 {
     const QString &folder = m_place ? m_place->path : kNoString;
     buffer.append(folder.constData(), folder.size());
-    if (m_name.isNull())
+    if (m_nameLength == kNoName)
         return;
     if (!folder.endsWith(u'/'))
         buffer.append(QChar(u'/'));
-    buffer.append(m_name.constData(), m_name.size());
+    const QStringView itemName = name();
+    buffer.append(itemName.data(), itemName.size());
 }
 
 QString BUTransaction::path() const
 {
-    if (m_name.isNull())
+    if (m_nameLength == kNoName)
         return m_place ? m_place->path : QString();
     QString path;
-    path.reserve((m_place ? m_place->path.size() : 0) + 1 + m_name.size());
+    path.reserve((m_place ? m_place->path.size() : 0) + 1 + qsizetype(m_nameLength));
     appendPath(path);
     return path;
 }
@@ -95,10 +93,10 @@ int BUTransaction::compare(const BUTransaction &other) const
         return m_action < other.m_action ? -1 : 1;
     if (m_folder != other.m_folder)
         return m_folder ? -1 : 1;
-    // Items of one folder (one shared place) differ only after the folder's "/".
-    if (!m_name.isNull() && !other.m_name.isNull() && m_place && other.m_place
-        && (m_place == other.m_place || _SameString(m_place->path, other.m_place->path)))
-        return CaseInsensitiveCompare(m_name, other.m_name);
+    // Items of one folder differ only after the folder's "/".
+    if (m_nameLength != kNoName && other.m_nameLength != kNoName && m_place && other.m_place
+        && (m_place == other.m_place || m_place->path == other.m_place->path))
+        return CaseInsensitiveCompare(name(), other.name());
     QVarLengthArray<QChar, 256> a, b;
     appendPath(a);
     other.appendPath(b);

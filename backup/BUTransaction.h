@@ -26,23 +26,29 @@ public:
     enum Action : uint32_t { kDelete = 0, kUpdate = 1, kCopy = 2 };
     static constexpr uint64_t kNoError = 0xFFFFFFFFULL;
 
+    // Where transactions' items are: a path and root, and for the items of a folder their names end
+    // to end. The analysis makes one for each folder whose items have transactions: the folder's
+    // path and its items' names are kept once, not in each of hundreds of thousands of
+    // transactions. Never changed once made; shared between threads.
+    struct Place : QSharedData {
+        QString path; // the whole path, or the folder of named items
+        QString rootPath;
+        QString names;
+    };
+    using PlaceRef = QExplicitlySharedDataPointer<const Place>;
+    static PlaceRef makePlace(const QString &path, const QString &root, const QString &names = QString());
+
     BUTransaction() = default;
     // Action Copy, no error, not done, not a folder, size 0. A null root is "none".
     BUTransaction(const QString &path, const QString &root);
-    // The item `name` in `folder`. The analysis passes one folder string for all the items of a
-    // folder: its text is shared, not repeated in each of hundreds of thousands of transactions.
-    BUTransaction(const QString &folder, const QString &name, const QString &root);
+    // The item in place's folder whose name is the nameLength characters of place->names from
+    // nameStart.
+    BUTransaction(const PlaceRef &place, uint32_t nameStart, uint32_t nameLength);
 
     QString path() const;
-    void setPath(const QString &path)
-    {
-        m_place = place(path, rootPath());
-        m_name = QString();
-    }
     // For a source item, the parent folder of its backup folder; the device root for a device
     // folder to delete; null for a device file to delete.
     const QString &rootPath() const;
-    void setRootPath(const QString &rootPath) { m_place = place(m_place ? m_place->path : QString(), rootPath); }
     uint32_t action() const { return m_action; }
     void setAction(uint32_t action) { m_action = uint8_t(std::min<uint32_t>(action, 255)); }
     uint64_t errorIndex() const { return m_errorIndex == kStoredNoError ? kNoError : m_errorIndex; }
@@ -65,21 +71,16 @@ public:
     int compare(const BUTransaction &other) const;
 
 private:
-    // 48 bytes and a name a transaction: a full backup of a large tree holds hundreds of thousands.
+    // 32 bytes a transaction: a full backup of a large tree holds hundreds of thousands.
     static constexpr uint32_t kStoredNoError = 0xFFFFFFFFU;
-    // Where an item is, one record for all the items of a folder.
-    struct Place : QSharedData {
-        QString path; // the whole path, or the folder when m_name is set
-        QString rootPath;
-    };
-    // The record of the transaction made just before on this thread when it has the same path and
-    // root (the analysis makes a folder's transactions one after another), else a new one.
-    static QExplicitlySharedDataPointer<Place> place(const QString &path, const QString &root);
+    static constexpr uint32_t kNoName = 0xFFFFFFFFU; // the place's path is the whole path
+    QStringView name() const;
     // Appends the path to a buffer, without allocating a string of it.
     template <typename Buffer> void appendPath(Buffer &buffer) const;
 
-    QExplicitlySharedDataPointer<Place> m_place; // null only for a transaction made empty
-    QString m_name;
+    PlaceRef m_place; // null only for a transaction made empty
+    uint32_t m_nameStart = 0;
+    uint32_t m_nameLength = kNoName;
     double m_fileSize = 0;
     mutable uint32_t m_errorIndex = kStoredNoError;
     uint8_t m_action = kCopy;
@@ -87,10 +88,10 @@ private:
     bool m_folder = false;
 };
 
-// Two strings and plain values: a growing list may move its transactions as bytes (realloc) instead
+// A shared pointer and plain values: a growing list may move its transactions as bytes (realloc) instead
 // of copying each one into a second block.
 Q_DECLARE_TYPEINFO(BUTransaction, Q_RELOCATABLE_TYPE);
-static_assert(sizeof(BUTransaction) == 48);
+static_assert(sizeof(BUTransaction) == 32);
 
 using BUTransactionList = QList<BUTransaction>;
 

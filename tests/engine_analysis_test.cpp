@@ -43,6 +43,21 @@ TEST(Transactions, TableOrderAndErrorCodes)
     EXPECT_FALSE(copyLower.isDone());
     EXPECT_EQ(copyLower.errorIndex(), 4294967295ULL);
 
+    // Items named within a folder's place read and sort like whole paths, across places too.
+    const auto docs = BUTransaction::makePlace(QStringLiteral("/s"), QStringLiteral("/"), QStringLiteral("B.TXTa.md"));
+    const auto docsAgain = BUTransaction::makePlace(QStringLiteral("/s"), QStringLiteral("/"), QStringLiteral("c"));
+    const auto top = BUTransaction::makePlace(QStringLiteral("/"), QString(), QStringLiteral("s"));
+    const BUTransaction upper(docs, 0, 5), markdown(docs, 5, 4), third(docsAgain, 0, 1), atTop(top, 0, 1);
+    EXPECT_EQ(upper.path(), QStringLiteral("/s/B.TXT"));
+    EXPECT_EQ(atTop.path(), QStringLiteral("/s"));
+    EXPECT_EQ(upper.rootPath(), QStringLiteral("/"));
+    EXPECT_TRUE(atTop.rootPath().isNull());
+    EXPECT_EQ(upper.compare(copyLower), 0);
+    EXPECT_EQ(markdown.compare(upper), -1);
+    EXPECT_EQ(third.compare(markdown), 1);
+    EXPECT_EQ(atTop.compare(upper), -1) << "a folder's path before its items'";
+    EXPECT_TRUE(BUTransaction().path().isEmpty());
+
     const QList<QPair<int, int>> posix = {
         {EPERM, 513}, {ENOENT, 4}, {EACCES, 257}, {EEXIST, 516}, {ENODEV, 642}, {ENOSPC, 640}, {EROFS, 642}, {EIO, 0}};
     for (const auto &[errorNumber, code] : posix)

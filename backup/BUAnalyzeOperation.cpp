@@ -109,8 +109,17 @@ void _ReadFolderDigest(AnalysisContext &context, const QString &path, bool devic
     ::close(fd);
 }
 
-bool _RecordFolders(AnalysisContext &context, FolderTree &tree, FolderTree &otherTree, bool deviceSide)
+// places: by source tree entry, the place its files' transactions share, if any; a folder's own
+// transaction shares it too (the same path and root) rather than keep its path again.
+bool _RecordFolders(AnalysisContext &context, FolderTree &tree, FolderTree &otherTree, bool deviceSide,
+    const std::vector<BUTransaction::PlaceRef> &places = {})
 {
+    auto folderTransaction = [&places](uint64_t index, const QString &path, const QString &rootPath) {
+        BUTransaction transaction
+            = index < places.size() && places[index] ? BUTransaction(places[index]) : BUTransaction(path, rootPath);
+        transaction.setFolder(true);
+        return transaction;
+    };
     uint64_t index = _Entry(tree, 0)->firstChild;
     if (index == kNone || index >= tree.count())
         return true;
@@ -127,8 +136,7 @@ bool _RecordFolders(AnalysisContext &context, FolderTree &tree, FolderTree &othe
         }
         bool descend = true;
         if (entry.match == kNone) {
-            BUTransaction transaction(path, rootPath);
-            transaction.setFolder(true);
+            BUTransaction transaction = folderTransaction(index, path, rootPath);
             if (deviceSide) {
                 transaction.setAction(BUTransaction::kDelete);
                 descend = false; // only the topmost unmatched device folder is deleted
@@ -141,8 +149,7 @@ bool _RecordFolders(AnalysisContext &context, FolderTree &tree, FolderTree &othe
                 _ReadFolderDigest(context, _DeviceFolderPath(otherTree, entry.match), true, &device);
             }
             if (_ShouldUpdateAttributes(context, entry.stats, device)) {
-                BUTransaction transaction(path, rootPath);
-                transaction.setFolder(true);
+                BUTransaction transaction = folderTransaction(index, path, rootPath);
                 transaction.setAction(BUTransaction::kUpdate);
                 g_transactions.append(transaction);
             }
@@ -240,11 +247,10 @@ void _MatchSubfolders(FolderTree &sourceTree, uint64_t s, FolderTree &deviceTree
 // The file transactions of one source folder against its device folder's files (null when it
 // has no device folder); the device files that no source file matched are left unseen.
 bool _RecordFilesInFolder(AnalysisContext &context, const QString &folder, const QString &rootPath, bool isBackupFolder,
-    const ListedFolder &source, ListedFolder *device, const QString &deviceFolder)
+    const ListedFolder &source, ListedFolder *device, const QString &deviceFolder, BUTransaction::PlaceRef &place)
 {
     FolderOpenedOnDemand sourceFolder(context, folder, false, isBackupFolder);
     FolderOpenedOnDemand deviceFolderOpened(context, deviceFolder, true, false);
-    BUTransaction::PlaceRef place; // made with the first transaction
     for (const SourceFile &file : source.sourceFiles) {
         const QStringView name = source.nameOf(file);
         if (_CancelAnalysis(context))
@@ -442,6 +448,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
         QString path;
     };
     std::vector<Visit> toVisit;
+    std::vector<BUTransaction::PlaceRef> folderPlaces; // by source tree entry, where files were recorded
     {
         const auto lock = reader.lock();
         for (uint64_t i = folderCount; i >= 1; --i)
@@ -508,8 +515,15 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
                 break;
             }
         }
-        if (!_RecordFilesInFolder(context, path, rootPath, entry.parent == 0, *source, deviceFolder.get(), devicePath))
+        BUTransaction::PlaceRef place; // made with the first transaction
+        if (!_RecordFilesInFolder(
+                context, path, rootPath, entry.parent == 0, *source, deviceFolder.get(), devicePath, place))
             return fail();
+        if (place) {
+            if (folderPlaces.size() <= index)
+                folderPlaces.resize(std::max<std::size_t>(index + 1, folderPlaces.size() * 2));
+            folderPlaces[index] = place;
+        }
         if (source->filesFailed) {
             filesFailure = source->filesReason;
             break;
@@ -551,9 +565,10 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
         return fail();
     }
 
-    if (!_RecordFolders(context, *sourceTree, *deviceTree, false)
+    if (!_RecordFolders(context, *sourceTree, *deviceTree, false, folderPlaces)
         || !_RecordFolders(context, *deviceTree, *sourceTree, true))
         return fail();
+    folderPlaces = {};
     _CountDeviceItems(*deviceTree, &result);
     return result;
 }

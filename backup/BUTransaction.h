@@ -41,6 +41,8 @@ public:
     BUTransaction() = default;
     // Action Copy, no error, not done, not a folder, size 0. A null root is "none".
     BUTransaction(const QString &path, const QString &root);
+    // The item at place's path.
+    explicit BUTransaction(const PlaceRef &place) : m_place(place) { }
     // The item in place's folder whose name is the nameLength characters of place->names from
     // nameStart.
     BUTransaction(const PlaceRef &place, uint32_t nameStart, uint32_t nameLength);

@@ -22,6 +22,7 @@
 #include <mutex>
 #include <numeric>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 namespace BUAnalysis {
@@ -43,19 +44,54 @@ private:
     uint32_t m_index = kNoIndex;
 };
 
+// What the comparison of a folder's attributes uses of its properties; a folder's size and content
+// time are never compared. Half a file's record: both trees hold one for every folder.
+struct FolderStats {
+    double attributesModified = 0;
+    uint64_t attributeDigest = 0;
+    uint32_t owner = 0;
+    uint32_t group = 0;
+    uint16_t mode = 0;
+    uint8_t label = 0;
+    bool hasCustomIcon = false;
+    bool hasHiddenExtension = false;
+    bool digestKnown = false;
+
+    static FolderStats of(const FileStats &stats)
+    {
+        return {stats.attributesModified, stats.attributeDigest, stats.owner, stats.group, stats.mode, stats.label,
+            stats.hasCustomIcon, stats.hasHiddenExtension, stats.digestKnown};
+    }
+    FileStats fileStats() const
+    {
+        FileStats stats;
+        stats.attributesModified = attributesModified;
+        stats.attributeDigest = attributeDigest;
+        stats.owner = owner;
+        stats.group = group;
+        stats.mode = mode;
+        stats.label = label;
+        stats.hasCustomIcon = hasCustomIcon;
+        stats.hasHiddenExtension = hasHiddenExtension;
+        stats.digestKnown = digestKnown;
+        return stats;
+    }
+};
+static_assert(sizeof(FolderStats) == 32);
+
 // One node of a folder tree; files are never nodes.
 struct FolderEntry {
     EntryLink parent;
     EntryLink firstChild;
     EntryLink nextSibling;
     EntryLink match; // the counterpart in the other tree
-    FileStats stats;
+    FolderStats stats;
     bool folder; // false only for the source tree's "/" root
     uint16_t nameLength = 0;
     uint32_t files = 0; // entries other than folders, counted on the device side only
     const char16_t *name = nullptr; // kept by the tree
 };
-static_assert(sizeof(FolderEntry) == 80);
+static_assert(sizeof(FolderEntry) == 64);
 
 // A folder tree: its entries in one block, their names end to end in blocks that never move, so
 // that a name stays put while the tree grows. Tens of thousands of folders would otherwise take
@@ -238,7 +274,11 @@ public:
     std::unique_ptr<ListedFolder> take(Side side, uint64_t node)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
-        std::unique_ptr<ListedFolder> listed = std::move(m_listed[side][node]);
+        const auto found = m_listed[side].find(node);
+        if (found == m_listed[side].end())
+            return nullptr;
+        std::unique_ptr<ListedFolder> listed = std::move(found->second);
+        m_listed[side].erase(found);
         if (listed)
             release(lock, *listed);
         return listed;
@@ -254,9 +294,9 @@ public:
             const uint64_t folder = folders.back();
             folders.pop_back();
             m_unwanted[folder] = true;
-            if (std::unique_ptr<ListedFolder> &listed = m_listed[Device][folder]) {
-                m_keptFiles -= kept(*listed);
-                listed.reset();
+            if (const auto found = m_listed[Device].find(folder); found != m_listed[Device].end()) {
+                m_keptFiles -= kept(*found->second);
+                m_listed[Device].erase(found);
             }
             if (m_read[Device][folder]) {
                 for (uint64_t c = _Entry(tree, folder)->firstChild; c != kNone; c = _Entry(tree, c)->nextSibling)
@@ -283,7 +323,7 @@ public:
 
 private:
     static constexpr int kThreads = 16;
-    static constexpr std::size_t kKeptFiles = 16384;
+    static constexpr std::size_t kKeptFiles = 8192;
     static constexpr std::chrono::milliseconds kCancelCheck {100};
     struct Task {
         Side side;
@@ -308,7 +348,6 @@ private:
     void grow(Side side)
     {
         const std::size_t count = m_trees[side]->count();
-        m_listed[side].resize(count);
         m_read[side].resize(count);
         if (side == Device)
             m_unwanted.resize(count);
@@ -425,7 +464,7 @@ private:
             FolderTree &tree = *m_trees[task.side];
             uint64_t previous = kNone;
             for (const FoundFolder &folder : subfolders) {
-                FolderEntry entry {task.node, kNone, kNone, kNone, folder.stats, true};
+                FolderEntry entry {task.node, kNone, kNone, kNone, FolderStats::of(folder.stats), true};
                 const uint64_t index
                     = tree.count() < EntryLink::kMaxEntries ? tree.add(entry, folder.name) : KSNotFound;
                 if (index == KSNotFound) {
@@ -456,7 +495,7 @@ private:
                     m_unwanted[tree.count() - added + i] = true;
             } else {
                 m_keptFiles += kept(*listed);
-                m_listed[task.side][task.node] = std::move(listed);
+                m_listed[task.side].emplace(task.node, std::move(listed));
             }
             m_read[task.side][task.node] = true;
             --m_busy;
@@ -481,7 +520,8 @@ private:
     bool m_finishing = false; // the comparison is done
     std::atomic<int> m_waiting {0};
     std::vector<bool> m_read[2]; // by tree entry
-    std::vector<std::unique_ptr<ListedFolder>> m_listed[2]; // by tree entry, until taken
+    // By tree entry, until taken: the few thousand folders waiting, not a slot for every folder.
+    std::unordered_map<uint64_t, std::unique_ptr<ListedFolder>> m_listed[2];
     std::vector<bool> m_unwanted; // by device tree entry
     QHash<uint64_t, QString> m_treeFailures[2]; // by entry
     std::atomic<bool> m_stop {false};

@@ -143,12 +143,13 @@ bool _RecordFolders(AnalysisContext &context, FolderTree &tree, FolderTree &othe
             }
             g_transactions.append(transaction);
         } else if (!deviceSide && CaseInsensitiveCompare(PathExtension(name), u"nib") != KSOrderedSame) {
-            FileStats device = _Entry(otherTree, entry.match)->stats;
-            if (_NeedsDigests(context, entry.stats, device)) {
-                _ReadFolderDigest(context, path, false, &entry.stats);
+            FileStats source = entry.stats.fileStats();
+            FileStats device = _Entry(otherTree, entry.match)->stats.fileStats();
+            if (_NeedsDigests(context, source, device)) {
+                _ReadFolderDigest(context, path, false, &source);
                 _ReadFolderDigest(context, _DeviceFolderPath(otherTree, entry.match), true, &device);
             }
-            if (_ShouldUpdateAttributes(context, entry.stats, device)) {
+            if (_ShouldUpdateAttributes(context, source, device)) {
                 BUTransaction transaction = folderTransaction(index, path, rootPath);
                 transaction.setAction(BUTransaction::kUpdate);
                 g_transactions.append(transaction);
@@ -356,8 +357,10 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
         FolderEntry entry {0, kNone, i < folderCount ? i + 1 : kNone, kNone, {}, true};
         const int fd = ::open(FileNameToBytes(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         BUItemProperties properties;
+        FileStats stats;
         if (fd >= 0 && ReadItemProperties(fd, "", &properties, nullptr))
-            _GetFileStats(properties, &entry.stats);
+            _GetFileStats(properties, &stats);
+        entry.stats = FolderStats::of(stats);
         if (fd >= 0)
             ::close(fd);
         if (sourceTree->add(entry, folder) == KSNotFound)

@@ -1,5 +1,6 @@
 // The analysis on real folders and a real device: what it lists, what it leaves alone, and how it
 // fails. The transactions are checked in table order.
+#include "backup/BUAnalysisTrees.h"
 #include "backup/BUError.h"
 #include "keelson/KSKernel.h"
 #include "tests/EngineTestHelpers.h"
@@ -68,6 +69,31 @@ TEST(Transactions, TableOrderAndErrorCodes)
     EXPECT_EQ(ErrorReason(BUError {BUErrorDomain::Posix, 5, QString()}), QStringLiteral("An unknown error occurred."));
     EXPECT_EQ(ErrorReason(BUError {BUErrorDomain::Posix, 5, QStringLiteral("it\u2019s \u201Cx\u201D")}),
         QStringLiteral("it's \"x\""));
+}
+
+TEST(FolderTrees, NamesStayPutWhileTheTreeGrows)
+{
+    using namespace BUAnalysis;
+    FolderTree tree(10);
+    ASSERT_TRUE(tree.isValid());
+    QStringList names;
+    for (int i = 0; i < 5000; ++i)
+        names.append(i == 2500 ? QString(20000, u'x') : QStringLiteral("folder %1").arg(i)); // one longer than a block
+    const FolderEntry blank {kNone, kNone, kNone, kNone, {}, true};
+    for (qsizetype i = 0; i < names.size(); ++i)
+        ASSERT_EQ(tree.add(blank, names[i]), uint64_t(i));
+    const QStringView first = _Name(tree, 0);
+    ASSERT_EQ(tree.add(blank, QStringLiteral("one more")), 5000U); // the entries move, the names do not
+    EXPECT_EQ(_Name(tree, 0).data(), first.data());
+    for (qsizetype i = 0; i < names.size(); ++i)
+        ASSERT_EQ(_Name(tree, uint64_t(i)), names[i]) << i;
+    EXPECT_EQ(tree.add(blank, QString(70000, u'y')), KSNotFound) << "longer than any path";
+    EXPECT_EQ(tree.count(), 5001U);
+
+    _Entry(tree, 7)->match = 4999;
+    EXPECT_EQ(uint64_t(_Entry(tree, 7)->match), 4999U);
+    EXPECT_EQ(uint64_t(_Entry(tree, 7)->parent), kNone);
+    EXPECT_EQ(uint64_t(EntryLink(EntryLink::kMaxEntries)), kNone) << "an index too large for four bytes is none";
 }
 
 TEST_F(DeviceTest, ExtraItemsAtTheTopLevelStopTheAnalysis)

@@ -44,48 +44,13 @@ private:
     uint32_t m_index = kNoIndex;
 };
 
-// What the comparison of a folder's attributes uses of its properties; a folder's size and content
-// time are never compared. Half a file's record: both trees hold one for every folder.
-struct FolderStats {
-    double attributesModified = 0;
-    uint64_t attributeDigest = 0;
-    uint32_t owner = 0;
-    uint32_t group = 0;
-    uint16_t mode = 0;
-    uint8_t label = 0;
-    bool hasCustomIcon = false;
-    bool hasHiddenExtension = false;
-    bool digestKnown = false;
-
-    static FolderStats of(const FileStats &stats)
-    {
-        return {stats.attributesModified, stats.attributeDigest, stats.owner, stats.group, stats.mode, stats.label,
-            stats.hasCustomIcon, stats.hasHiddenExtension, stats.digestKnown};
-    }
-    FileStats fileStats() const
-    {
-        FileStats stats;
-        stats.attributesModified = attributesModified;
-        stats.attributeDigest = attributeDigest;
-        stats.owner = owner;
-        stats.group = group;
-        stats.mode = mode;
-        stats.label = label;
-        stats.hasCustomIcon = hasCustomIcon;
-        stats.hasHiddenExtension = hasHiddenExtension;
-        stats.digestKnown = digestKnown;
-        return stats;
-    }
-};
-static_assert(sizeof(FolderStats) == 32);
-
 // One node of a folder tree; files are never nodes.
 struct FolderEntry {
     EntryLink parent;
     EntryLink firstChild;
     EntryLink nextSibling;
     EntryLink match; // the counterpart in the other tree
-    FolderStats stats;
+    AttributeStats stats; // a folder's size and content time are never compared
     bool folder; // false only for the source tree's "/" root
     uint16_t nameLength = 0;
     uint32_t files = 0; // entries other than folders, counted on the device side only
@@ -464,7 +429,7 @@ private:
             FolderTree &tree = *m_trees[task.side];
             uint64_t previous = kNone;
             for (const FoundFolder &folder : subfolders) {
-                FolderEntry entry {task.node, kNone, kNone, kNone, FolderStats::of(folder.stats), true};
+                FolderEntry entry {task.node, kNone, kNone, kNone, folder.stats, true};
                 const uint64_t index
                     = tree.count() < EntryLink::kMaxEntries ? tree.add(entry, folder.name) : KSNotFound;
                 if (index == KSNotFound) {

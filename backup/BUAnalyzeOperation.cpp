@@ -143,8 +143,8 @@ bool _RecordFolders(AnalysisContext &context, FolderTree &tree, FolderTree &othe
             }
             g_transactions.append(transaction);
         } else if (!deviceSide && CaseInsensitiveCompare(PathExtension(name), u"nib") != KSOrderedSame) {
-            FileStats source = entry.stats.fileStats();
-            FileStats device = _Entry(otherTree, entry.match)->stats.fileStats();
+            FileStats source {entry.stats};
+            FileStats device {_Entry(otherTree, entry.match)->stats};
             if (_NeedsDigests(context, source, device)) {
                 _ReadFolderDigest(context, path, false, &source);
                 _ReadFolderDigest(context, _DeviceFolderPath(otherTree, entry.match), true, &device);
@@ -360,7 +360,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
         FileStats stats;
         if (fd >= 0 && ReadItemProperties(fd, "", &properties, nullptr))
             _GetFileStats(properties, &stats);
-        entry.stats = FolderStats::of(stats);
+        entry.stats = stats;
         if (fd >= 0)
             ::close(fd);
         if (sourceTree->add(entry, folder) == KSNotFound)

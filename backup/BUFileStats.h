@@ -15,13 +15,9 @@
 #include <ctime>
 #include <sys/stat.h>
 
-// The compared attributes of one item. Trivially copyable: it is stored in entry arrays.
-struct FileStats {
-    // Widest fields first: 48 bytes with no padding. Every folder of both trees and every file
-    // waiting for the comparison holds one. The birth time is not kept: it is never compared, as
-    // Linux cannot set it, so it would never match.
-    int64_t size = 0; // 0 for folders
-    double contentModified = 0; // mtime, whole seconds since 1970
+// The attributes compared for every item, folders included (a folder's size and content time never
+// are). Trivially copyable, like FileStats: both are stored in entry arrays, one for every folder.
+struct AttributeStats {
     double attributesModified = 0; // ctime, whole seconds
     uint64_t attributeDigest = 0; // user.* extended attribute names and values
     // Linux keeps these where the desktop keeps icons, labels and hidden extensions.
@@ -29,12 +25,20 @@ struct FileStats {
     uint32_t group = 0;
     uint16_t mode = 0; // permission bits, mode & 07777
     uint8_t label = 0; // none on Linux
-    bool seen = false; // a source file of the same name was examined against this device file
     bool hasCustomIcon = false; // none on Linux
     bool hasHiddenExtension = false; // none on Linux
     bool digestKnown = false; // attributeDigest is read lazily, only when attributes are compared
 };
-static_assert(sizeof(FileStats) == 48);
+static_assert(sizeof(AttributeStats) == 32);
+
+// The compared attributes of one file. The birth time is not kept: it is never compared, as Linux
+// cannot set it, so it would never match.
+struct FileStats : AttributeStats {
+    int64_t size = 0; // 0 for folders
+    double contentModified = 0; // mtime, whole seconds since 1970
+    bool seen = false; // a source file of the same name was examined against this device file
+};
+static_assert(sizeof(FileStats) == 56);
 
 // The properties of one item as one statx call gives them.
 struct BUItemProperties {

@@ -281,6 +281,7 @@ bool _RecordFilesInFolder(AnalysisContext &context, const QString &folder, const
             place = BUTransaction::makePlace(folder, rootPath, source.names);
         BUTransaction transaction(place, file.nameStart, file.nameLength);
         transaction.setAction(action);
+        transaction.setReplacesItem(deviceFile != nullptr);
         if (counted) {
             g_totalBytes += double(stats.size);
             transaction.setFileSize(double(stats.size));

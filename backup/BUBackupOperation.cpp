@@ -466,6 +466,21 @@ QString _CopyFolder(BackupRun &run, const BUTransaction &transaction, QString *f
     return text;
 }
 
+// Removes what is at the name before a copy takes it, which frees its space before the new data
+// arrives; it and all it holds get write access and lose the immutable flags. Where there is none
+// nothing is removed: Linux refuses even that on a read-only file system. False, with the error,
+// when something is there and stays.
+bool _RemoveOldCopy(int parentFd, const QByteArray &name, const QString &devicePath, BUError *error)
+{
+    struct stat old;
+    if (::fstatat(parentFd, name.constData(), &old, AT_SYMLINK_NOFOLLOW) != 0) {
+        *error = BUError::posix(errno);
+        return CocoaDomainErrorCode(*error) == kNoSuchFileError;
+    }
+    _SetFullPermissionsAt(parentFd, name, devicePath, true);
+    return RemoveItemAt(parentFd, name.constData(), error) || CocoaDomainErrorCode(*error) == kNoSuchFileError;
+}
+
 QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fatal)
 {
     const QString devicePath = _TargetFilePath(transaction, run.device.path(), nullptr);
@@ -475,28 +490,29 @@ QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fat
     QByteArray name;
     BUError error;
     const int parentFd = run.deviceParent(relative, &name, true, &error);
-    // The old copy goes first, which frees its space before the new data arrives; it and all it
-    // holds get write access and lose the immutable flags. Where there is none nothing is
-    // removed: Linux refuses even that on a read-only file system.
-    BUError removeError = error;
-    bool removed = false;
-    struct stat old;
-    if (parentFd >= 0 && ::fstatat(parentFd, name.constData(), &old, AT_SYMLINK_NOFOLLOW) != 0) {
-        removeError = BUError::posix(errno);
-    } else if (parentFd >= 0) {
-        _SetFullPermissionsAt(parentFd, name, devicePath, true);
-        removed = RemoveItemAt(parentFd, name.constData(), &removeError);
-    }
-    if (!removed && CocoaDomainErrorCode(removeError) != kNoSuchFileError)
+    if (parentFd < 0 && CocoaDomainErrorCode(error) != kNoSuchFileError)
+        return _ErrorStringFromError(run, error, devicePath);
+    BUError removeError;
+    if (parentFd >= 0 && transaction.replacesItem() && !_RemoveOldCopy(parentFd, name, devicePath, &removeError))
         return _ErrorStringFromError(run, removeError, devicePath);
     if (parentFd >= 0) {
-        QByteArray sourceName;
-        const int sourceFd = run.sourceParent(FileNameToBytes(transaction.path()), &sourceName);
-        if (sourceFd < 0)
-            error = BUError::sourceRead(errno);
-        else if (run.copier.copyFile(sourceFd, sourceName, parentFd, name, run.device.kind(), &error)) {
-            _TouchParentOfFile(run, relative, transaction.path());
-            return QString();
+        for (bool removedOld = transaction.replacesItem();; removedOld = true) {
+            QByteArray sourceName;
+            const int sourceFd = run.sourceParent(FileNameToBytes(transaction.path()), &sourceName);
+            if (sourceFd < 0) {
+                error = BUError::sourceRead(errno);
+                break;
+            }
+            if (run.copier.copyFile(sourceFd, sourceName, parentFd, name, run.device.kind(), &error)) {
+                _TouchParentOfFile(run, relative, transaction.path());
+                return QString();
+            }
+            // The name was free at the analysis and has been taken since: what took it goes, as
+            // an old copy does. The copy never replaces anything on its own.
+            if (removedOld || CocoaDomainErrorCode(error) != kFileExistsError)
+                break;
+            if (!_RemoveOldCopy(parentFd, name, devicePath, &removeError))
+                return _ErrorStringFromError(run, removeError, devicePath);
         }
     } else {
         error = BUError::deviceWrite(error.code);

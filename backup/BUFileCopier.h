@@ -1,6 +1,7 @@
-// Copies one source file into a folder of the device: the data goes to a temporary name that
-// begins with "." in the target folder, gets the source's attributes there and is then renamed,
-// so that a crash or an ejection never leaves a partial file under a real name. Big files are
+// Copies one source file into a folder of the device: the data goes to an unnamed file or to a
+// temporary name that begins with "." in the target folder, gets the source's attributes there
+// and only then takes its name, so that a crash or an ejection never leaves a partial file under
+// a real name. Big files are
 // written in a streaming pattern that keeps the page cache bounded and counts bytes as copied
 // only once they have reached the device.
 //
@@ -37,9 +38,10 @@ public:
     std::function<bool()> deviceGone;
 
     // Copies the file sourceName in the source folder sourceFolderFd (AT_FDCWD for a path; never
-    // following a link) to `name` in the device folder. Errors are in the Cocoa file domain:
-    // reading the source 257 (no permission), 260 (gone) or 256; writing 513 (no permission), 640
-    // (full), 642 (read-only), 4 (folder gone) or 512.
+    // following a link) to `name` in the device folder, which must be free: nothing is ever
+    // replaced. Errors are in the Cocoa file domain: reading the source 257 (no permission), 260
+    // (gone) or 256; writing 513 (no permission), 640 (full), 642 (read-only), 4 (folder gone),
+    // 516 (the name is taken) or 512.
     bool copyFile(int sourceFolderFd, const QByteArray &sourceName, int folderFd, const QByteArray &name,
         const BUVolumeKind &kind, BUError *error);
 
@@ -48,6 +50,8 @@ private:
     // the buffer.
     enum class Method { RangeCopy, Splice, ReadWrite };
 
+    // Gives the complete unnamed file `out` its name in the folder and closes it.
+    bool linkUnnamed(int out, int folderFd, const QByteArray &name, BUError *error);
     bool waitForWriteBack(int out, int in, int64_t start, int64_t length, bool *streaming, BUError *error);
     // Moves up to `length` bytes from the current position of `in` to that of `out`, falling back
     // to the next method where one is refused. The count, 0 at the end of the source, or -1 with
@@ -55,6 +59,7 @@ private:
     ssize_t transfer(int in, int out, std::size_t length, bool *readFailed);
 
     std::unique_ptr<char, void (*)(void *)> m_buffer;
+    bool m_unnamedFiles; // while the device's file systems take O_TMPFILE
     Method m_method = Method::RangeCopy;
     std::vector<std::pair<dev_t, Method>> m_methods; // per source file system
 };

@@ -65,6 +65,10 @@ public:
     void setDone(bool done) const { m_done = done; }
     bool isFolder() const { return m_folder; }
     void setFolder(bool folder) { m_folder = folder; }
+    // A Copy whose item the analysis found on the device: the old copy is removed first. Any
+    // other Copy expects its name to be free.
+    bool replacesItem() const { return m_replaces; }
+    void setReplacesItem(bool replaces) { m_replaces = replaces; }
 
     // "Delete", "Update", or "Copy" for any other action.
     QString actionName() const;
@@ -88,6 +92,7 @@ private:
     uint8_t m_action = kCopy;
     mutable bool m_done = false;
     bool m_folder = false;
+    bool m_replaces = false;
 };
 
 // A shared pointer and plain values: a growing list may move its transactions as bytes (realloc) instead

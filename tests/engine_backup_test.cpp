@@ -137,11 +137,14 @@ TEST_F(DeviceTest, ReportsBatchesAndRefusesToLeaveTheDevice)
     WriteTree(source(), {{"linked/file.txt", "data"}});
     QFile::link(outside.path(), device(QStringLiteral("Docs/linked")));
     g_transactions.append(BUTransaction(source(QStringLiteral("linked/file.txt")), m_sources.path()));
-    // An old copy locked with the append-only flag is replaced.
-    WriteTree(source(), {{"locked.txt", "new"}});
-    WriteTree(device(), {{"Docs/locked.txt", "old"}});
+    // Names the analysis found free but taken since are freed for the copy, even one locked with
+    // the append-only flag; a big file's too, which is written under a temporary name.
+    const QByteArray big((1 << 20) + 1, 'n');
+    WriteTree(source(), {{"locked.txt", "new"}, {"big.bin", big}});
+    WriteTree(device(), {{"Docs/locked.txt", "old"}, {"Docs/big.bin", "old"}});
     ASSERT_TRUE(SetAppendOnly(device(QStringLiteral("Docs/locked.txt")), true));
     g_transactions.append(BUTransaction(source(QStringLiteral("locked.txt")), m_sources.path()));
+    g_transactions.append(BUTransaction(source(QStringLiteral("big.bin")), m_sources.path()));
 
     RecordingReceiver receiver;
     backup(receiver);
@@ -155,6 +158,9 @@ TEST_F(DeviceTest, ReportsBatchesAndRefusesToLeaveTheDevice)
     EXPECT_FALSE(QFile::exists(outside.path() + QStringLiteral("/file.txt")));
     EXPECT_EQ(receiver.statuses[3].trans.value(5), QString());
     EXPECT_EQ(ReadTree(device(QStringLiteral("Docs"))).value(QStringLiteral("locked.txt")), QByteArray("new"));
+    ASSERT_GE(receiver.statuses.size(), 5);
+    EXPECT_EQ(receiver.statuses[4].trans.value(6, QStringLiteral("missing")), QString());
+    EXPECT_EQ(ReadTree(device(QStringLiteral("Docs"))).value(QStringLiteral("big.bin")), big);
     EXPECT_FALSE(receiver.complete->error.has_value());
     EXPECT_EQ(g_failedTransactions, 2);
 }

@@ -492,10 +492,10 @@ QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fat
     const int parentFd = run.deviceParent(relative, &name, true, &error);
     if (parentFd < 0 && CocoaDomainErrorCode(error) != kNoSuchFileError)
         return _ErrorStringFromError(run, error, devicePath);
-    BUError removeError;
-    if (parentFd >= 0 && transaction.replacesItem() && !_RemoveOldCopy(parentFd, name, devicePath, &removeError))
-        return _ErrorStringFromError(run, removeError, devicePath);
     if (parentFd >= 0) {
+        BUError removeError;
+        if (transaction.replacesItem() && !_RemoveOldCopy(parentFd, name, devicePath, &removeError))
+            return _ErrorStringFromError(run, removeError, devicePath);
         for (bool removedOld = transaction.replacesItem();; removedOld = true) {
             QByteArray sourceName;
             const int sourceFd = run.sourceParent(FileNameToBytes(transaction.path()), &sourceName);

@@ -56,17 +56,12 @@ bool _SourceFailed(int in)
     return position >= 0 && ::pread(in, &byte, 1, position) < 0;
 }
 
-QByteArray _TemporaryName()
-{
-    return QByteArray(kTemporaryNamePrefix)
-        + QByteArray::number(QRandomGenerator::global()->generate64(), 16).rightJustified(16, '0');
-}
-
 // Creates a file under a fresh temporary name in the folder; false with errno.
 bool _CreateTemporary(int folderFd, QByteArray *temporary, int *out)
 {
     for (int attempt = 0; attempt < 16; ++attempt) {
-        *temporary = _TemporaryName();
+        *temporary = QByteArray(kTemporaryNamePrefix)
+            + QByteArray::number(QRandomGenerator::global()->generate64(), 16).rightJustified(16, '0');
         *out = ::openat(folderFd, temporary->constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
         if (*out >= 0)
             return true;
@@ -92,6 +87,23 @@ bool _PutInPlace(int folderFd, const QByteArray &temporary, const QByteArray &na
         return true;
     *error = _WriteError(errno);
     ::unlinkat(folderFd, temporary.constData(), 0);
+    return false;
+}
+
+// Gives the complete unnamed file `out` its name in the folder, which must be free, and closes it.
+bool _LinkUnnamed(int out, int folderFd, const QByteArray &name, BUError *error)
+{
+    char path[40];
+    std::snprintf(path, sizeof path, "/proc/self/fd/%d", out);
+    if (::linkat(AT_FDCWD, path, folderFd, name.constData(), AT_SYMLINK_FOLLOW) != 0) {
+        *error = _WriteError(errno);
+        ::close(out);
+        return false;
+    }
+    if (::close(out) == 0)
+        return true;
+    *error = _WriteError(errno);
+    ::unlinkat(folderFd, name.constData(), 0); // never a name for data that may not be whole
     return false;
 }
 
@@ -303,7 +315,7 @@ bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, in
     }
     ::close(in);
     if (unnamed)
-        return linkUnnamed(out, folderFd, name, error);
+        return _LinkUnnamed(out, folderFd, name, error);
     if (::close(out) != 0) {
         *error = _WriteError(errno);
         ::unlinkat(folderFd, temporary.constData(), 0);
@@ -315,20 +327,4 @@ bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, in
         ::utimensat(folderFd, temporary.constData(), times, AT_SYMLINK_NOFOLLOW);
     }
     return _PutInPlace(folderFd, temporary, name, error);
-}
-
-bool BUFileCopier::linkUnnamed(int out, int folderFd, const QByteArray &name, BUError *error)
-{
-    char path[40];
-    std::snprintf(path, sizeof path, "/proc/self/fd/%d", out);
-    if (::linkat(AT_FDCWD, path, folderFd, name.constData(), AT_SYMLINK_FOLLOW) != 0) {
-        *error = _WriteError(errno);
-        ::close(out);
-        return false;
-    }
-    if (::close(out) == 0)
-        return true;
-    *error = _WriteError(errno);
-    ::unlinkat(folderFd, name.constData(), 0); // never a name for data that may not be whole
-    return false;
 }

@@ -1,9 +1,8 @@
 // Copies one source file into a folder of the device: the data goes to an unnamed file or to a
 // temporary name that begins with "." in the target folder, gets the source's attributes there
 // and only then takes its name, so that a crash or an ejection never leaves a partial file under
-// a real name. Big files are
-// written in a streaming pattern that keeps the page cache bounded and counts bytes as copied
-// only once they have reached the device.
+// a real name. Big files are written in a streaming pattern that keeps the page cache bounded and
+// counts bytes as copied only once they have reached the device.
 //
 // Threads: one copier belongs to one thread (the backup worker); its callbacks run there.
 #pragma once
@@ -50,8 +49,6 @@ private:
     // the buffer.
     enum class Method { RangeCopy, Splice, ReadWrite };
 
-    // Gives the complete unnamed file `out` its name in the folder and closes it.
-    bool linkUnnamed(int out, int folderFd, const QByteArray &name, BUError *error);
     bool waitForWriteBack(int out, int in, int64_t start, int64_t length, bool *streaming, BUError *error);
     // Moves up to `length` bytes from the current position of `in` to that of `out`, falling back
     // to the next method where one is refused. The count, 0 at the end of the source, or -1 with

@@ -8,6 +8,7 @@
 #include <QVarLengthArray>
 
 #include <algorithm>
+#include <cstring>
 #include <vector>
 
 BUTransactionList g_transactions;
@@ -23,12 +24,53 @@ const QString kNoString;
 
 } // namespace
 
+namespace {
+
+// Text as a Place keeps it: Latin-1 when every character is, else UTF-16. *wide says which.
+QByteArray _CompactText(QStringView text, bool *wide)
+{
+    *wide = std::any_of(text.begin(), text.end(), [](QChar c) { return c.unicode() > 0xFF; });
+    if (*wide)
+        return QByteArray(reinterpret_cast<const char *>(text.utf16()), text.size() * qsizetype(sizeof(char16_t)));
+    return QStringView(text).toLatin1();
+}
+
+qsizetype _CompactSize(const QByteArray &text, bool wide)
+{
+    return wide ? text.size() / qsizetype(sizeof(char16_t)) : text.size();
+}
+
+// Appends count characters of compact text from start to a buffer of QChar.
+template <typename Buffer>
+void _AppendCompact(Buffer &buffer, const QByteArray &text, bool wide, qsizetype start, qsizetype count)
+{
+    const qsizetype at = buffer.size();
+    buffer.resize(at + count);
+    QChar *out = buffer.data() + at;
+    if (wide) {
+        std::memcpy(out, text.constData() + start * qsizetype(sizeof(char16_t)), std::size_t(count) * sizeof(char16_t));
+        return;
+    }
+    const auto *latin1 = reinterpret_cast<const uchar *>(text.constData()) + start;
+    for (qsizetype i = 0; i < count; ++i)
+        out[i] = QChar(latin1[i]);
+}
+
+QString _CompactToString(const QByteArray &text, bool wide)
+{
+    QString string;
+    _AppendCompact(string, text, wide, 0, _CompactSize(text, wide));
+    return string;
+}
+
+} // namespace
+
 BUTransaction::PlaceRef BUTransaction::makePlace(const QString &path, const QString &root, const QString &names)
 {
     auto *place = new Place;
-    place->path = path;
+    place->path = _CompactText(path, &place->widePath);
     place->rootPath = root;
-    place->names = names;
+    place->names = _CompactText(names, &place->wideNames);
     return PlaceRef(place);
 }
 
@@ -37,8 +79,21 @@ BUTransaction::BUTransaction(const QString &path, const QString &root) : m_place
 }
 
 BUTransaction::BUTransaction(const PlaceRef &place, uint32_t nameStart, uint32_t nameLength)
-    : m_place(place), m_nameStart(nameStart), m_nameLength(nameLength)
+    : m_place(place), m_nameStart(nameStart), m_nameLength(uint8_t(nameLength))
 {
+    if (nameLength == kNoName || nameLength > kMaxNameLength) {
+        // Not a name a folder of this system holds: kept whole, in a place of its own.
+        m_nameLength = kNoName;
+        m_nameStart = 0;
+        QString whole;
+        if (place) {
+            whole = _CompactToString(place->path, place->widePath);
+            if (!whole.endsWith(u'/'))
+                whole += u'/';
+            _AppendCompact(whole, place->names, place->wideNames, nameStart, nameLength);
+        }
+        m_place = makePlace(whole, place ? place->rootPath : QString());
+    }
 }
 
 const QString &BUTransaction::rootPath() const
@@ -46,31 +101,34 @@ const QString &BUTransaction::rootPath() const
     return m_place ? m_place->rootPath : kNoString;
 }
 
-QStringView BUTransaction::name() const
+template <typename Buffer> void BUTransaction::appendName(Buffer &buffer) const
 {
-    if (!m_place || m_nameLength == kNoName)
-        return QStringView();
-    return QStringView(m_place->names).mid(m_nameStart, m_nameLength);
+    if (!m_place)
+        return;
+    if (m_nameLength == kNoName)
+        _AppendCompact(buffer, m_place->path, m_place->widePath, 0, _CompactSize(m_place->path, m_place->widePath));
+    else
+        _AppendCompact(buffer, m_place->names, m_place->wideNames, m_nameStart, m_nameLength);
 }
 
 template <typename Buffer> void BUTransaction::appendPath(Buffer &buffer) const
 {
-    const QString &folder = m_place ? m_place->path : kNoString;
-    buffer.append(folder.constData(), folder.size());
-    if (m_nameLength == kNoName)
+    if (!m_place || m_nameLength == kNoName) {
+        appendName(buffer);
         return;
-    if (!folder.endsWith(u'/'))
+    }
+    const qsizetype folderSize = _CompactSize(m_place->path, m_place->widePath);
+    _AppendCompact(buffer, m_place->path, m_place->widePath, 0, folderSize);
+    if (folderSize == 0 || buffer.at(buffer.size() - 1) != u'/')
         buffer.append(QChar(u'/'));
-    const QStringView itemName = name();
-    buffer.append(itemName.data(), itemName.size());
+    appendName(buffer);
 }
 
 QString BUTransaction::path() const
 {
-    if (m_nameLength == kNoName)
-        return m_place ? m_place->path : QString();
     QString path;
-    path.reserve((m_place ? m_place->path.size() : 0) + 1 + qsizetype(m_nameLength));
+    if (m_place)
+        path.reserve(_CompactSize(m_place->path, m_place->widePath) + 1 + qsizetype(m_nameLength));
     appendPath(path);
     return path;
 }
@@ -94,10 +152,14 @@ int BUTransaction::compare(const BUTransaction &other) const
     if (m_folder != other.m_folder)
         return m_folder ? -1 : 1;
     // Items of one folder differ only after the folder's "/".
-    if (m_nameLength != kNoName && other.m_nameLength != kNoName && m_place && other.m_place
-        && (m_place == other.m_place || m_place->path == other.m_place->path))
-        return CaseInsensitiveCompare(name(), other.name());
     QVarLengthArray<QChar, 256> a, b;
+    if (m_nameLength != kNoName && other.m_nameLength != kNoName && m_place && other.m_place
+        && (m_place == other.m_place
+            || (m_place->widePath == other.m_place->widePath && m_place->path == other.m_place->path))) {
+        appendName(a);
+        other.appendName(b);
+        return CaseInsensitiveCompare(QStringView(a.constData(), a.size()), QStringView(b.constData(), b.size()));
+    }
     appendPath(a);
     other.appendPath(b);
     return CaseInsensitiveCompare(QStringView(a.constData(), a.size()), QStringView(b.constData(), b.size()));

@@ -11,6 +11,7 @@
 // through a const reference, never with the non-const operator[], which would copy the whole list.
 #pragma once
 
+#include <QByteArray>
 #include <QExplicitlySharedDataPointer>
 #include <QList>
 #include <QMap>
@@ -30,10 +31,15 @@ public:
     // to end. The analysis makes one for each folder whose items have transactions: the folder's
     // path and its items' names are kept once, not in each of hundreds of thousands of
     // transactions. Never changed once made; shared between threads.
+    // The path and the names take a byte a character when all of their characters are Latin-1,
+    // as nearly all names are, else two (UTF-16): a large tree's names are most of what a full
+    // backup holds.
     struct Place : QSharedData {
-        QString path; // the whole path, or the folder of named items
+        bool widePath = false;
+        bool wideNames = false;
+        QByteArray path; // the whole path, or the folder of named items
         QString rootPath;
-        QString names;
+        QByteArray names;
     };
     using PlaceRef = QExplicitlySharedDataPointer<const Place>;
     static PlaceRef makePlace(const QString &path, const QString &root, const QString &names = QString());
@@ -52,17 +58,28 @@ public:
     // folder to delete; null for a device file to delete.
     const QString &rootPath() const;
     uint32_t action() const { return m_action; }
-    void setAction(uint32_t action) { m_action = uint8_t(std::min<uint32_t>(action, 255)); }
-    uint64_t errorIndex() const { return m_errorIndex == kStoredNoError ? kNoError : m_errorIndex; }
+    // Any other action than the three is a Copy.
+    void setAction(uint32_t action) { m_action = uint8_t(std::min<uint32_t>(action, kCopy)); }
+    uint64_t errorIndex() const
+    {
+        const uint32_t stored = m_outcome & kErrorMask;
+        return stored == kErrorMask ? kNoError : stored;
+    }
     // The outcome is written in place, also in a list shared with a running backup (see above).
     void setErrorIndex(uint64_t errorIndex) const
     {
-        m_errorIndex = uint32_t(std::min<uint64_t>(errorIndex, kStoredNoError));
+        m_outcome = (m_outcome & kDoneBit) | uint32_t(std::min<uint64_t>(errorIndex, kErrorMask));
     }
-    double fileSize() const { return m_fileSize; }
-    void setFileSize(double fileSize) { m_fileSize = fileSize; }
-    bool isDone() const { return m_done; }
-    void setDone(bool done) const { m_done = done; }
+    // Bytes, up to 256 TiB (more than any device holds; a larger size counts as that).
+    double fileSize() const { return double(uint64_t(m_sizeLow) | uint64_t(m_sizeHigh) << 32); }
+    void setFileSize(double fileSize)
+    {
+        const uint64_t size = fileSize <= 0 ? 0 : fileSize >= double(kMaxFileSize) ? kMaxFileSize : uint64_t(fileSize);
+        m_sizeLow = uint32_t(size);
+        m_sizeHigh = uint16_t(size >> 32);
+    }
+    bool isDone() const { return m_outcome & kDoneBit; }
+    void setDone(bool done) const { m_outcome = done ? m_outcome | kDoneBit : m_outcome & ~kDoneBit; }
     bool isFolder() const { return m_folder; }
     void setFolder(bool folder) { m_folder = folder; }
     // A Copy whose item the analysis found on the device: the old copy is removed first. Any
@@ -77,28 +94,36 @@ public:
     int compare(const BUTransaction &other) const;
 
 private:
-    // 32 bytes a transaction: a full backup of a large tree holds hundreds of thousands.
-    static constexpr uint32_t kStoredNoError = 0xFFFFFFFFU;
-    static constexpr uint32_t kNoName = 0xFFFFFFFFU; // the place's path is the whole path
-    QStringView name() const;
+    // 24 bytes a transaction: a full backup of a large tree holds hundreds of thousands.
+    static constexpr uint32_t kDoneBit = 0x80000000U;
+    static constexpr uint32_t kErrorMask = 0x7FFFFFFFU; // all set: no error
+    static constexpr uint64_t kMaxFileSize = (uint64_t(1) << 48) - 1;
+    // A name is at most 255 bytes on Linux, so at most 255 UTF-16 units; a longer one is kept as
+    // a whole path. No name: the place's path is the whole path.
+    static constexpr uint32_t kMaxNameLength = 255;
+    static constexpr uint8_t kNoName = 0;
+    // Appends the item's name, or the whole path, to a buffer of QChar without allocating a string.
+    template <typename Buffer> void appendName(Buffer &buffer) const;
     // Appends the path to a buffer, without allocating a string of it.
     template <typename Buffer> void appendPath(Buffer &buffer) const;
 
     PlaceRef m_place; // null only for a transaction made empty
     uint32_t m_nameStart = 0;
-    uint32_t m_nameLength = kNoName;
-    double m_fileSize = 0;
-    mutable uint32_t m_errorIndex = kStoredNoError;
-    uint8_t m_action = kCopy;
-    mutable bool m_done = false;
-    bool m_folder = false;
-    bool m_replaces = false;
+    // Written by the main thread while a backup reads the list: a word of its own, apart from the
+    // fields the backup reads (see above).
+    mutable uint32_t m_outcome = kErrorMask;
+    uint32_t m_sizeLow = 0;
+    uint16_t m_sizeHigh = 0;
+    uint8_t m_nameLength = kNoName;
+    uint8_t m_action : 2 = kCopy;
+    bool m_folder : 1 = false;
+    bool m_replaces : 1 = false;
 };
 
 // A shared pointer and plain values: a growing list may move its transactions as bytes (realloc) instead
 // of copying each one into a second block.
 Q_DECLARE_TYPEINFO(BUTransaction, Q_RELOCATABLE_TYPE);
-static_assert(sizeof(BUTransaction) == 32);
+static_assert(sizeof(BUTransaction) == 24);
 
 using BUTransactionList = QList<BUTransaction>;
 

@@ -59,6 +59,38 @@ TEST(Transactions, TableOrderAndErrorCodes)
     EXPECT_EQ(atTop.compare(upper), -1) << "a folder's path before its items'";
     EXPECT_TRUE(BUTransaction().path().isEmpty());
 
+    // Names and paths beyond Latin-1 read back whole and sort with the Latin-1 ones; a name longer
+    // than any Linux name is kept whole; the outcome never touches what the backup reads.
+    const QString greek = QStringLiteral("\u03A9mega"), accented = QStringLiteral("\u00C9t\u00E9.txt");
+    const auto wideNames = BUTransaction::makePlace(QStringLiteral("/s"), QStringLiteral("/"), accented + greek);
+    const auto widePath = BUTransaction::makePlace(QStringLiteral("/s/\u65E5\u672C"), QStringLiteral("/"), accented);
+    const BUTransaction wideAccented(wideNames, 0, uint32_t(accented.size())),
+        omega(wideNames, uint32_t(accented.size()), uint32_t(greek.size())), inJapanese(widePath, 0, 7);
+    const BUTransaction narrowAccented(
+        BUTransaction::makePlace(QStringLiteral("/s"), QString(), QStringLiteral("\u00E9T\u00C9.TXT")), 0, 7);
+    EXPECT_EQ(omega.path(), QStringLiteral("/s/\u03A9mega"));
+    EXPECT_EQ(inJapanese.path(), QStringLiteral("/s/\u65E5\u672C/\u00C9t\u00E9.txt"));
+    EXPECT_EQ(wideAccented.compare(narrowAccented), 0) << "the same name stored narrow and wide";
+    EXPECT_EQ(wideAccented.compare(omega), -1);
+    EXPECT_EQ(omega.compare(inJapanese), -1) << "\u03A9 sorts before \u65E5";
+    const QString longName(300, u'n');
+    const BUTransaction longOne(BUTransaction::makePlace(QStringLiteral("/s/"), QString(), longName), 0, 300);
+    EXPECT_EQ(longOne.path(), QStringLiteral("/s/") + longName);
+    BUTransaction sized(docs, 0, 5);
+    sized.setFileSize(5e12);
+    sized.setFolder(true);
+    sized.setReplacesItem(true);
+    sized.setDone(true);
+    sized.setErrorIndex(7);
+    EXPECT_EQ(sized.fileSize(), 5e12);
+    EXPECT_TRUE(sized.isFolder() && sized.replacesItem() && sized.isDone());
+    EXPECT_EQ(sized.errorIndex(), 7u);
+    sized.setDone(false);
+    EXPECT_EQ(sized.errorIndex(), 7u);
+    EXPECT_EQ(sized.action(), uint32_t(BUTransaction::kCopy));
+    sized.setFileSize(1e18);
+    EXPECT_EQ(sized.fileSize(), double((uint64_t(1) << 48) - 1)) << "beyond 256 TiB counts as 256 TiB";
+
     const QList<QPair<int, int>> posix = {
         {EPERM, 513}, {ENOENT, 4}, {EACCES, 257}, {EEXIST, 516}, {ENODEV, 642}, {ENOSPC, 640}, {EROFS, 642}, {EIO, 0}};
     for (const auto &[errorNumber, code] : posix)

@@ -269,8 +269,10 @@ struct BackupRun {
     BUDeviceRoot device;
     BUFileCopier copier;
     const QStringList *backupFolders;
-    // Device folders whose contents or attributes changed (relative to the device root), with the
-    // source folder whose mode and times they get at the end (empty: found by name).
+    // Device folders whose contents or attributes changed (relative to the device root), each with
+    // the folder its source is in: the parent of its backup folder, where the source has the same
+    // relative path. Null: found by name at the end. The parent is shared with the transactions, so
+    // a full backup of many folders keeps one path string for each, not three.
     QMap<QString, QString> touchedFolders;
     QString lastTouched; // the last folder a copy touched: the next file's is usually the same
     FolderCache deviceFolders; // by path relative to the device root
@@ -310,25 +312,27 @@ QString _ParentOf(const QString &path)
     return slash < 0 ? QString() : path.left(slash);
 }
 
-void _TouchFolder(BackupRun &run, const QString &relative, const QString &source)
+// sourceRoot: the transaction's root, whose source item has the same path below it as its device
+// copy has below the device root; null where none is known.
+void _TouchFolder(BackupRun &run, const QString &relative, const QString &sourceRoot)
 {
     if (relative.isEmpty())
         return; // the device root mirrors nothing
     QString &known = run.touchedFolders[relative];
-    if (known.isEmpty())
-        known = source;
+    if (known.isNull())
+        known = sourceRoot;
 }
 
-// The same for the folder of a copied file, from the paths of the file.
-void _TouchParentOfFile(BackupRun &run, const QString &relative, const QString &source)
+// The same for the folder of a copied file, from the file's path on the device.
+void _TouchParentOfFile(BackupRun &run, const QString &relative, const QString &sourceRoot)
 {
     const qsizetype slash = relative.lastIndexOf(u'/');
     if (slash <= 0 || (run.lastTouched.size() == slash && relative.startsWith(run.lastTouched)))
         return;
     run.lastTouched = relative.left(slash);
-    const QString &known = run.touchedFolders.value(run.lastTouched);
-    if (known.isEmpty())
-        run.touchedFolders.insert(run.lastTouched, _ParentOf(source));
+    QString &known = run.touchedFolders[run.lastTouched];
+    if (known.isNull())
+        known = sourceRoot;
 }
 
 QString _ErrorForUnmountedVolume(BackupRun &run, const QString &path)
@@ -435,7 +439,7 @@ QString _UpdateItem(BackupRun &run, const BUTransaction &transaction)
     if (transaction.isFolder()) {
         // A folder keeps its owner's access while the run may still write into it; its own mode
         // comes at the end with its times.
-        _TouchFolder(run, relative, transaction.path());
+        _TouchFolder(run, relative, transaction.rootPath());
         if (!RunningAsRoot())
             extraMode = S_IRWXU;
     }
@@ -456,7 +460,7 @@ QString _CopyFolder(BackupRun &run, const BUTransaction &transaction, QString *f
     QByteArray name;
     const int parentFd = run.deviceParent(relative, &name, true, &error);
     if (parentFd >= 0 && ::mkdirat(parentFd, name.constData(), 0777) == 0) {
-        _TouchFolder(run, _ParentOf(relative), _ParentOf(transaction.path()));
+        _TouchFolder(run, _ParentOf(relative), transaction.rootPath());
         _UpdateItem(run, transaction);
         return QString();
     }
@@ -504,7 +508,7 @@ QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fat
                 break;
             }
             if (run.copier.copyFile(sourceFd, sourceName, parentFd, name, run.device.kind(), &error)) {
-                _TouchParentOfFile(run, relative, transaction.path());
+                _TouchParentOfFile(run, relative, transaction.rootPath());
                 return QString();
             }
             // The name was free at the analysis and has been taken since: what took it goes, as
@@ -600,9 +604,10 @@ void _RestoreFolderAttributes(BackupRun &run)
     std::sort(folders.begin(), folders.end(),
         [](const QString &a, const QString &b) { return a.count(u'/') > b.count(u'/'); });
     for (const QString &relative : std::as_const(folders)) {
-        QString source = run.touchedFolders.value(relative);
-        if (source.isEmpty())
-            source = _SourceOfMirror(run, relative);
+        const QString &sourceRoot = run.touchedFolders.value(relative);
+        const QString source = sourceRoot.isNull() ? _SourceOfMirror(run, relative)
+            : sourceRoot.endsWith(u'/')            ? sourceRoot + relative
+                                                   : sourceRoot + u'/' + relative;
         BUItemAttributes attributes;
         struct stat status;
         if (source.isEmpty() || ::lstat(FileNameToBytes(source).constData(), &status) != 0 || !S_ISDIR(status.st_mode)

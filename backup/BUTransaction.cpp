@@ -22,55 +22,57 @@ namespace {
 
 const QString kNoString;
 
-} // namespace
-
-namespace {
-
-// Text as a Place keeps it: Latin-1 when every character is, else UTF-16. *wide says which.
-QByteArray _CompactText(QStringView text, bool *wide)
+bool _IsWide(QStringView text)
 {
-    *wide = std::any_of(text.begin(), text.end(), [](QChar c) { return c.unicode() > 0xFF; });
-    if (*wide)
-        return QByteArray(reinterpret_cast<const char *>(text.utf16()), text.size() * qsizetype(sizeof(char16_t)));
-    return QStringView(text).toLatin1();
+    return std::any_of(text.begin(), text.end(), [](QChar c) { return c.unicode() > 0xFF; });
 }
 
-qsizetype _CompactSize(const QByteArray &text, bool wide)
+// Stores text as a place keeps it, Latin-1 or UTF-16; returns the end.
+char *_StoreText(char *out, QStringView text, bool wide)
 {
-    return wide ? text.size() / qsizetype(sizeof(char16_t)) : text.size();
+    if (wide) {
+        std::memcpy(out, text.utf16(), std::size_t(text.size()) * sizeof(char16_t));
+        return out + text.size() * qsizetype(sizeof(char16_t));
+    }
+    for (const QChar c : text)
+        *out++ = char(c.unicode());
+    return out;
 }
 
-// Appends count characters of compact text from start to a buffer of QChar.
+// Appends count characters of a place's text from start to a buffer of QChar.
 template <typename Buffer>
-void _AppendCompact(Buffer &buffer, const QByteArray &text, bool wide, qsizetype start, qsizetype count)
+void _AppendText(Buffer &buffer, const BUTransaction::Place::Text &text, qsizetype start, qsizetype count)
 {
     const qsizetype at = buffer.size();
     buffer.resize(at + count);
     QChar *out = buffer.data() + at;
-    if (wide) {
-        std::memcpy(out, text.constData() + start * qsizetype(sizeof(char16_t)), std::size_t(count) * sizeof(char16_t));
+    if (text.wide) {
+        std::memcpy(out, text.bytes + start * qsizetype(sizeof(char16_t)), std::size_t(count) * sizeof(char16_t));
         return;
     }
-    const auto *latin1 = reinterpret_cast<const uchar *>(text.constData()) + start;
+    const auto *latin1 = reinterpret_cast<const uchar *>(text.bytes) + start;
     for (qsizetype i = 0; i < count; ++i)
         out[i] = QChar(latin1[i]);
 }
 
-QString _CompactToString(const QByteArray &text, bool wide)
-{
-    QString string;
-    _AppendCompact(string, text, wide, 0, _CompactSize(text, wide));
-    return string;
-}
-
 } // namespace
+
+bool BUTransaction::Place::Text::operator==(const Text &other) const
+{
+    return wide == other.wide && size == other.size
+        && std::memcmp(bytes, other.bytes, std::size_t(size) * (wide ? 2 : 1)) == 0;
+}
 
 BUTransaction::PlaceRef BUTransaction::makePlace(const QString &path, const QString &root, const QString &names)
 {
-    auto *place = new Place;
-    place->path = _CompactText(path, &place->widePath);
-    place->rootPath = root;
-    place->names = _CompactText(names, &place->wideNames);
+    const bool widePath = _IsWide(path), wideNames = _IsWide(names);
+    const std::size_t bytes
+        = std::size_t(path.size()) * (widePath ? 2 : 1) + std::size_t(names.size()) * (wideNames ? 2 : 1);
+    // One block: the record, then its text (freed by Place's operator delete).
+    void *block = ::operator new(sizeof(Place) + bytes);
+    auto *place = new (block) Place(root, uint32_t(path.size()), widePath, uint32_t(names.size()), wideNames);
+    char *text = reinterpret_cast<char *>(place + 1);
+    _StoreText(_StoreText(text, path, widePath), names, wideNames);
     return PlaceRef(place);
 }
 
@@ -87,10 +89,10 @@ BUTransaction::BUTransaction(const PlaceRef &place, uint32_t nameStart, uint32_t
         m_nameStart = 0;
         QString whole;
         if (place) {
-            whole = _CompactToString(place->path, place->widePath);
+            _AppendText(whole, place->path(), 0, place->path().size);
             if (!whole.endsWith(u'/'))
                 whole += u'/';
-            _AppendCompact(whole, place->names, place->wideNames, nameStart, nameLength);
+            _AppendText(whole, place->names(), nameStart, nameLength);
         }
         m_place = makePlace(whole, place ? place->rootPath : QString());
     }
@@ -106,9 +108,9 @@ template <typename Buffer> void BUTransaction::appendName(Buffer &buffer) const
     if (!m_place)
         return;
     if (m_nameLength == kNoName)
-        _AppendCompact(buffer, m_place->path, m_place->widePath, 0, _CompactSize(m_place->path, m_place->widePath));
+        _AppendText(buffer, m_place->path(), 0, m_place->path().size);
     else
-        _AppendCompact(buffer, m_place->names, m_place->wideNames, m_nameStart, m_nameLength);
+        _AppendText(buffer, m_place->names(), m_nameStart, m_nameLength);
 }
 
 template <typename Buffer> void BUTransaction::appendPath(Buffer &buffer) const
@@ -117,8 +119,8 @@ template <typename Buffer> void BUTransaction::appendPath(Buffer &buffer) const
         appendName(buffer);
         return;
     }
-    const qsizetype folderSize = _CompactSize(m_place->path, m_place->widePath);
-    _AppendCompact(buffer, m_place->path, m_place->widePath, 0, folderSize);
+    const qsizetype folderSize = m_place->path().size;
+    _AppendText(buffer, m_place->path(), 0, folderSize);
     if (folderSize == 0 || buffer.at(buffer.size() - 1) != u'/')
         buffer.append(QChar(u'/'));
     appendName(buffer);
@@ -128,7 +130,7 @@ QString BUTransaction::path() const
 {
     QString path;
     if (m_place)
-        path.reserve(_CompactSize(m_place->path, m_place->widePath) + 1 + qsizetype(m_nameLength));
+        path.reserve(m_place->path().size + 1 + qsizetype(m_nameLength));
     appendPath(path);
     return path;
 }
@@ -154,8 +156,7 @@ int BUTransaction::compare(const BUTransaction &other) const
     // Items of one folder differ only after the folder's "/".
     QVarLengthArray<QChar, 256> a, b;
     if (m_nameLength != kNoName && other.m_nameLength != kNoName && m_place && other.m_place
-        && (m_place == other.m_place
-            || (m_place->widePath == other.m_place->widePath && m_place->path == other.m_place->path))) {
+        && (m_place == other.m_place || m_place->path() == other.m_place->path())) {
         appendName(a);
         other.appendName(b);
         return CaseInsensitiveCompare(QStringView(a.constData(), a.size()), QStringView(b.constData(), b.size()));

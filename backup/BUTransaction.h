@@ -31,15 +31,40 @@ public:
     // to end. The analysis makes one for each folder whose items have transactions: the folder's
     // path and its items' names are kept once, not in each of hundreds of thousands of
     // transactions. Never changed once made; shared between threads.
-    // The path and the names take a byte a character when all of their characters are Latin-1,
-    // as nearly all names are, else two (UTF-16): a large tree's names are most of what a full
-    // backup holds.
-    struct Place : QSharedData {
-        bool widePath = false;
-        bool wideNames = false;
-        QByteArray path; // the whole path, or the folder of named items
-        QString rootPath;
-        QByteArray names;
+    // The path and the names follow the record in its own block, each in a byte a character when
+    // all of its characters are Latin-1, as nearly all names are, else in two (UTF-16): a large
+    // tree's names are most of what a full backup holds.
+    class Place : public QSharedData {
+    public:
+        // Text of a place: size characters at bytes, two bytes each when wide.
+        struct Text {
+            const char *bytes;
+            qsizetype size;
+            bool wide;
+            bool operator==(const Text &other) const;
+        };
+        Place(const Place &) = delete;
+        Place &operator=(const Place &) = delete;
+        static void operator delete(void *block) { ::operator delete(block); }
+
+        const QString rootPath;
+        Text path() const { return {reinterpret_cast<const char *>(this + 1), m_pathSize, m_widePath}; }
+        Text names() const
+        {
+            return {
+                reinterpret_cast<const char *>(this + 1) + m_pathSize * (m_widePath ? 2 : 1), m_namesSize, m_wideNames};
+        }
+
+    private:
+        friend class BUTransaction;
+        Place(const QString &root, uint32_t pathSize, bool widePath, uint32_t namesSize, bool wideNames)
+            : rootPath(root), m_pathSize(pathSize), m_namesSize(namesSize), m_widePath(widePath), m_wideNames(wideNames)
+        {
+        }
+        uint32_t m_pathSize;
+        uint32_t m_namesSize;
+        bool m_widePath;
+        bool m_wideNames;
     };
     using PlaceRef = QExplicitlySharedDataPointer<const Place>;
     static PlaceRef makePlace(const QString &path, const QString &root, const QString &names = QString());

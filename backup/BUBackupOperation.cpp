@@ -10,6 +10,7 @@
 #include "keelson/KSStrings.h"
 
 #include <QElapsedTimer>
+#include <QHash>
 
 #include <algorithm>
 #include <atomic>
@@ -273,7 +274,8 @@ struct BackupRun {
     // the folder its source is in: the parent of its backup folder, where the source has the same
     // relative path. Null: found by name at the end. The parent is shared with the transactions, so
     // a full backup of many folders keeps one path string for each, not three.
-    QMap<QString, QString> touchedFolders;
+    // Keyed by the relative path's bytes: half the size of its UTF-16.
+    QHash<QByteArray, QString> touchedFolders;
     QString lastTouched; // the last folder a copy touched: the next file's is usually the same
     FolderCache deviceFolders; // by path relative to the device root
     FolderCache sourceFolders; // by absolute path
@@ -318,7 +320,7 @@ void _TouchFolder(BackupRun &run, const QString &relative, const QString &source
 {
     if (relative.isEmpty())
         return; // the device root mirrors nothing
-    QString &known = run.touchedFolders[relative];
+    QString &known = run.touchedFolders[FileNameToBytes(relative)];
     if (known.isNull())
         known = sourceRoot;
 }
@@ -330,7 +332,7 @@ void _TouchParentOfFile(BackupRun &run, const QString &relative, const QString &
     if (slash <= 0 || (run.lastTouched.size() == slash && relative.startsWith(run.lastTouched)))
         return;
     run.lastTouched = relative.left(slash);
-    QString &known = run.touchedFolders[run.lastTouched];
+    QString &known = run.touchedFolders[FileNameToBytes(run.lastTouched)];
     if (known.isNull())
         known = sourceRoot;
 }
@@ -600,11 +602,15 @@ QString _SourceOfMirror(const BackupRun &run, const QString &relative)
 // removing items inside a folder sets its time.
 void _RestoreFolderAttributes(BackupRun &run)
 {
-    QStringList folders = run.touchedFolders.keys();
-    std::sort(folders.begin(), folders.end(),
-        [](const QString &a, const QString &b) { return a.count(u'/') > b.count(u'/'); });
-    for (const QString &relative : std::as_const(folders)) {
-        const QString &sourceRoot = run.touchedFolders.value(relative);
+    // Deepest first: setting a folder's attributes inside another changes the outer one's times.
+    QList<QByteArray> folders = run.touchedFolders.keys();
+    std::sort(folders.begin(), folders.end(), [](const QByteArray &a, const QByteArray &b) {
+        const qsizetype depthA = a.count('/'), depthB = b.count('/');
+        return depthA != depthB ? depthA > depthB : a < b;
+    });
+    for (const QByteArray &key : std::as_const(folders)) {
+        const QString &sourceRoot = run.touchedFolders.value(key);
+        const QString relative = FileNameFromBytes(key);
         const QString source = sourceRoot.isNull() ? _SourceOfMirror(run, relative)
             : sourceRoot.endsWith(u'/')            ? sourceRoot + relative
                                                    : sourceRoot + u'/' + relative;

@@ -2,6 +2,7 @@
 
 #include <QChar>
 
+#include <algorithm>
 #include <array>
 
 namespace {
@@ -204,6 +205,8 @@ QString FileNameFromBytes(QByteArrayView bytes)
 
 QByteArray FileNameToBytes(QStringView name)
 {
+    if (std::all_of(name.begin(), name.end(), [](QChar c) { return c.unicode() < 0x80; }))
+        return name.toLatin1(); // pure ASCII, the common case: one exact allocation
     QByteArray out;
     out.reserve(name.size() * 3);
     const qsizetype size = name.size();

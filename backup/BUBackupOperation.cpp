@@ -332,9 +332,7 @@ void _TouchParentOfFile(BackupRun &run, const QString &relative, const QString &
     if (slash <= 0 || (run.lastTouched.size() == slash && relative.startsWith(run.lastTouched)))
         return;
     run.lastTouched = relative.left(slash);
-    QString &known = run.touchedFolders[FileNameToBytes(run.lastTouched)];
-    if (known.isNull())
-        known = sourceRoot;
+    _TouchFolder(run, run.lastTouched, sourceRoot);
 }
 
 QString _ErrorForUnmountedVolume(BackupRun &run, const QString &path)
@@ -614,10 +612,11 @@ void _RestoreFolderAttributes(BackupRun &run)
         const QString source = sourceRoot.isNull() ? _SourceOfMirror(run, relative)
             : sourceRoot.endsWith(u'/')            ? sourceRoot + relative
                                                    : sourceRoot + u'/' + relative;
+        const QByteArray sourceBytes = FileNameToBytes(source);
         BUItemAttributes attributes;
         struct stat status;
-        if (source.isEmpty() || ::lstat(FileNameToBytes(source).constData(), &status) != 0 || !S_ISDIR(status.st_mode)
-            || !ReadItemAttributesAtPath(FileNameToBytes(source), &attributes, nullptr))
+        if (source.isEmpty() || ::lstat(sourceBytes.constData(), &status) != 0 || !S_ISDIR(status.st_mode)
+            || !ReadItemAttributesAtPath(sourceBytes, &attributes, nullptr))
             continue;
         const Descriptor fd {run.device.openFolder(relative, true, nullptr)};
         BUError error;

@@ -55,6 +55,18 @@ void _AppendText(Buffer &buffer, const BUTransaction::Place::Text &text, qsizety
         out[i] = QChar(latin1[i]);
 }
 
+// Appends the path of the item named by count characters of the place's names from start: the
+// folder's path, a "/" unless it ends with one, and the name.
+template <typename Buffer>
+void _AppendItemPath(Buffer &buffer, const BUTransaction::Place &place, qsizetype start, qsizetype count)
+{
+    const BUTransaction::Place::Text folder = place.path();
+    _AppendText(buffer, folder, 0, folder.size);
+    if (folder.size == 0 || buffer.at(buffer.size() - 1) != u'/')
+        buffer.append(QChar(u'/'));
+    _AppendText(buffer, place.names(), start, count);
+}
+
 } // namespace
 
 bool BUTransaction::Place::Text::operator==(const Text &other) const
@@ -88,12 +100,8 @@ BUTransaction::BUTransaction(const PlaceRef &place, uint32_t nameStart, uint32_t
         m_nameLength = kNoName;
         m_nameStart = 0;
         QString whole;
-        if (place) {
-            _AppendText(whole, place->path(), 0, place->path().size);
-            if (!whole.endsWith(u'/'))
-                whole += u'/';
-            _AppendText(whole, place->names(), nameStart, nameLength);
-        }
+        if (place)
+            _AppendItemPath(whole, *place, nameStart, nameLength);
         m_place = makePlace(whole, place ? place->rootPath : QString());
     }
 }
@@ -115,15 +123,10 @@ template <typename Buffer> void BUTransaction::appendName(Buffer &buffer) const
 
 template <typename Buffer> void BUTransaction::appendPath(Buffer &buffer) const
 {
-    if (!m_place || m_nameLength == kNoName) {
+    if (!m_place || m_nameLength == kNoName)
         appendName(buffer);
-        return;
-    }
-    const qsizetype folderSize = m_place->path().size;
-    _AppendText(buffer, m_place->path(), 0, folderSize);
-    if (folderSize == 0 || buffer.at(buffer.size() - 1) != u'/')
-        buffer.append(QChar(u'/'));
-    appendName(buffer);
+    else
+        _AppendItemPath(buffer, *m_place, m_nameStart, m_nameLength);
 }
 
 QString BUTransaction::path() const

@@ -11,7 +11,6 @@
 // through a const reference, never with the non-const operator[], which would copy the whole list.
 #pragma once
 
-#include <QByteArray>
 #include <QExplicitlySharedDataPointer>
 #include <QList>
 #include <QMap>

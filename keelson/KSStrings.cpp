@@ -2,7 +2,6 @@
 
 #include <QChar>
 
-#include <algorithm>
 #include <array>
 
 namespace {
@@ -205,7 +204,7 @@ QString FileNameFromBytes(QByteArrayView bytes)
 
 QByteArray FileNameToBytes(QStringView name)
 {
-    if (std::all_of(name.begin(), name.end(), [](QChar c) { return c.unicode() < 0x80; }))
+    if (IsAscii(name))
         return name.toLatin1(); // pure ASCII, the common case: one exact allocation
     QByteArray out;
     out.reserve(name.size() * 3);

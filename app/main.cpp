@@ -68,6 +68,12 @@ int main(int argc, char **argv)
     // arena per thread would keep each one's freed memory to itself (a few megabytes more
     // resident for a comparison, no faster).
     ::mallopt(M_ARENA_MAX, 1);
+    // Blocks of 128 KiB and more (the transaction list, the folder trees, the sort's order) are
+    // mapped of their own and given back whole when freed. Left to itself, malloc raises this
+    // bound to the largest block freed so far, and the next big blocks then come from the heap,
+    // where what they leave behind stays resident for the rest of the run (W1: 1 MB).
+    ::mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+    ::mallopt(M_TRIM_THRESHOLD, 256 * 1024);
 #ifdef TANNER_WITH_GUI
     if (argc <= 1)
         return RunDesktopModule(argc, argv);

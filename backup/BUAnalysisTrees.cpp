@@ -19,24 +19,33 @@ uint64_t FolderTree::add(FolderEntry entry, QStringView name)
 {
     if (name.size() > UINT16_MAX)
         return KSNotFound;
-    try {
-        if (name.size() > m_nameBlockSize - m_nameBlockUsed) {
-            const qsizetype size = std::max(kNameBlock, name.size());
-            m_nameBlocks.reserve(m_nameBlocks.size() + 1);
-            m_nameBlocks.emplace_back(new char16_t[std::size_t(size)]);
-            m_nameBlockSize = size;
-            m_nameBlockUsed = 0;
+    const uint64_t needed = 1 + uint64_t(name.size());
+    if (needed > m_nameBlockEnd - m_nameEnd) {
+        // A new block at the next block boundary.
+        const uint64_t spans = (needed + kNameBlock - 1) / kNameBlock;
+        const uint64_t start = uint64_t(m_nameBlocks.size()) * kNameBlock;
+        if (start + spans * kNameBlock > UINT32_MAX)
+            return KSNotFound; // positions are kept in four bytes
+        // A name longer than a block has one of its own, which nothing follows: a position past
+        // its first block's span would be looked up in an empty place.
+        const uint64_t size = spans > 1 ? needed : kNameBlock;
+        try {
+            m_nameBlocks.reserve(m_nameBlocks.size() + spans);
+            m_nameBlocks.emplace_back(new char16_t[size]);
+            m_nameBlocks.resize(m_nameBlocks.size() + spans - 1);
+        } catch (const std::bad_alloc &) {
+            return KSNotFound;
         }
-    } catch (const std::bad_alloc &) {
-        return KSNotFound;
+        m_nameEnd = start;
+        m_nameBlockEnd = start + size;
     }
-    char16_t *stored = m_nameBlocks.back().get() + m_nameBlockUsed;
-    std::copy(name.utf16(), name.utf16() + name.size(), stored);
-    entry.name = stored;
-    entry.nameLength = uint16_t(name.size());
+    char16_t *stored = m_nameBlocks[m_nameEnd / kNameBlock].get() + m_nameEnd % kNameBlock;
+    stored[0] = char16_t(name.size());
+    std::copy(name.utf16(), name.utf16() + name.size(), stored + 1);
+    entry.name = uint32_t(m_nameEnd);
     const uint64_t index = m_entries->addEntry(&entry);
     if (index != KSNotFound)
-        m_nameBlockUsed += name.size();
+        m_nameEnd += needed;
     return index;
 }
 
@@ -48,7 +57,7 @@ FolderEntry *_Entry(FolderTree &tree, uint64_t index)
 QStringView _Name(const FolderTree &tree, uint64_t index)
 {
     const FolderEntry *entry = tree.entry(index);
-    return entry ? QStringView(entry->name, entry->nameLength) : QStringView();
+    return entry ? tree.name(*entry) : QStringView();
 }
 
 QString _ParentPath(const QString &path)
@@ -65,6 +74,13 @@ QString _Child(const QString &folder, QStringView name)
     if (!folder.endsWith(u'/'))
         child.append(u'/');
     return child.append(name);
+}
+
+void _ShrinkSmall(std::vector<ListedFile> &files)
+{
+    constexpr std::size_t kMappedBytes = 128 * 1024; // see main()
+    if (files.capacity() > files.size() && files.capacity() * sizeof(ListedFile) < kMappedBytes)
+        files.shrink_to_fit();
 }
 
 bool _CancelAnalysis(AnalysisContext &context)
@@ -265,6 +281,11 @@ void _ReadFolder(AnalysisContext &context, const QString &path, bool deviceSide,
                         return CaseInsensitiveCompare(out.nameOf(a), out.nameOf(b)) == KSOrderedSame;
                     }),
         files.end());
+    // A folder's records wait for the comparison with thousands of others: a small list keeps no
+    // room to grow (a list grown by doubling is a third empty on average). A large one is mapped
+    // of its own, and its unused end is never touched.
+    _ShrinkSmall(out.sourceFiles);
+    _ShrinkSmall(files);
 }
 
 } // namespace BUAnalysis

@@ -51,16 +51,15 @@ struct FolderEntry {
     EntryLink nextSibling;
     EntryLink match; // the counterpart in the other tree
     AttributeStats stats; // a folder's size and content time are never compared
-    bool folder; // false only for the source tree's "/" root
-    uint16_t nameLength = 0;
     uint32_t files = 0; // entries other than folders, counted on the device side only
-    const char16_t *name = nullptr; // kept by the tree
+    uint32_t name = 0; // where the tree keeps the name (FolderTree::name)
 };
-static_assert(sizeof(FolderEntry) == 64);
+static_assert(sizeof(FolderEntry) == 48);
 
 // A folder tree: its entries in one block, their names end to end in blocks that never move, so
 // that a name stays put while the tree grows. Tens of thousands of folders would otherwise take
-// two allocations each for their names.
+// two allocations each for their names. An entry finds its name by a number of four bytes: the
+// name's length, then its characters, at that position of the blocks laid end to end.
 class FolderTree {
 public:
     explicit FolderTree(std::size_t initialAllocation)
@@ -80,13 +79,20 @@ public:
     // The entry's index, or KSNotFound when there is no memory for it (or for a name longer than
     // any path).
     uint64_t add(FolderEntry entry, QStringView name);
+    QStringView name(const FolderEntry &entry) const
+    {
+        const char16_t *stored = m_nameBlocks[entry.name / kNameBlock].get() + entry.name % kNameBlock;
+        return QStringView(stored + 1, qsizetype(stored[0]));
+    }
 
 private:
-    static constexpr qsizetype kNameBlock = 16384;
+    static constexpr uint32_t kNameBlock = 16384;
     std::unique_ptr<KSArray> m_entries;
+    // Block i starts at position i * kNameBlock; a block made for a longer name takes the places
+    // of as many blocks as it spans (left empty).
     std::vector<std::unique_ptr<char16_t[]>> m_nameBlocks;
-    qsizetype m_nameBlockUsed = 0;
-    qsizetype m_nameBlockSize = 0;
+    uint64_t m_nameEnd = 0; // the next free position
+    uint64_t m_nameBlockEnd = 0; // the end of the last block
 };
 
 struct AnalysisContext {
@@ -429,7 +435,7 @@ private:
             FolderTree &tree = *m_trees[task.side];
             uint64_t previous = kNone;
             for (const FoundFolder &folder : subfolders) {
-                FolderEntry entry {task.node, kNone, kNone, kNone, folder.stats, true};
+                FolderEntry entry {task.node, kNone, kNone, kNone, folder.stats};
                 const uint64_t index
                     = tree.count() < EntryLink::kMaxEntries ? tree.add(entry, folder.name) : KSNotFound;
                 if (index == KSNotFound) {

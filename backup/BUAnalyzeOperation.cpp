@@ -349,13 +349,13 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
     auto sourceTree = std::make_unique<FolderTree>(10000);
     if (!sourceTree->isValid())
         return fail();
-    FolderEntry root {kNone, folderCount > 0 ? 1 : kNone, kNone, kNone, {}, false};
+    FolderEntry root {kNone, folderCount > 0 ? 1 : kNone, kNone, kNone, {}};
     const QString rootName = QStringLiteral("/");
     if (sourceTree->add(root, rootName) == KSNotFound)
         return fail();
     for (uint64_t i = 1; i <= folderCount; ++i) {
         const QString &folder = m_backupFolders[qsizetype(i - 1)];
-        FolderEntry entry {0, kNone, i < folderCount ? i + 1 : kNone, kNone, {}, true};
+        FolderEntry entry {0, kNone, i < folderCount ? i + 1 : kNone, kNone, {}};
         const int fd = ::open(FileNameToBytes(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         BUItemProperties properties;
         FileStats stats;
@@ -414,7 +414,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
     auto deviceTree = std::make_unique<FolderTree>(10000);
     if (!deviceTree->isValid())
         return fail();
-    FolderEntry deviceRoot {kNone, kNone, kNone, kNone, {}, true};
+    FolderEntry deviceRoot {kNone, kNone, kNone, kNone, {}};
     if (deviceTree->add(deviceRoot, device.path()) == KSNotFound)
         return fail();
     TreeReader reader(context, *sourceTree, *deviceTree, folderCount);

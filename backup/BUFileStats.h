@@ -19,7 +19,6 @@
 // are). Trivially copyable, like FileStats: both are stored in entry arrays, one for every folder.
 struct AttributeStats {
     double attributesModified = 0; // ctime, whole seconds
-    uint64_t attributeDigest = 0; // user.* extended attribute names and values
     // Linux keeps these where the desktop keeps icons, labels and hidden extensions.
     uint32_t owner = 0;
     uint32_t group = 0;
@@ -27,18 +26,20 @@ struct AttributeStats {
     uint8_t label = 0; // none on Linux
     bool hasCustomIcon = false; // none on Linux
     bool hasHiddenExtension = false; // none on Linux
-    bool digestKnown = false; // attributeDigest is read lazily, only when attributes are compared
 };
-static_assert(sizeof(AttributeStats) == 32);
+static_assert(sizeof(AttributeStats) == 24);
 
 // The compared attributes of one file. The birth time is not kept: it is never compared, as Linux
-// cannot set it, so it would never match.
+// cannot set it, so it would never match. The extended attributes' digest is read only when the
+// attributes are compared, into the stats being compared: a folder tree never keeps one.
 struct FileStats : AttributeStats {
+    bool digestKnown = false; // in the base's last bytes
+    bool seen = false; // a source file of the same name was examined against this device file
+    uint64_t attributeDigest = 0; // user.* extended attribute names and values
     int64_t size = 0; // 0 for folders
     double contentModified = 0; // mtime, whole seconds since 1970
-    bool seen = false; // a source file of the same name was examined against this device file
 };
-static_assert(sizeof(FileStats) == 56);
+static_assert(sizeof(FileStats) == 48);
 
 // The properties of one item as one statx call gives them.
 struct BUItemProperties {

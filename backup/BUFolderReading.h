@@ -10,6 +10,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/syscall.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -28,44 +29,59 @@ template <typename Work> bool StartHelperThread(std::thread &thread, Work &&work
 }
 
 // A folder's entries in listing order, read from an open descriptor that it owns.
+// The entries are read straight into a buffer of the listing's own (getdents64) rather than
+// through a DIR, whose 32 KiB buffer comes from the heap: sixteen readers list at once, and the
+// folders of a typical tree fit in a few kilobytes.
 class FolderListing {
 public:
-    explicit FolderListing(int fd) : m_folder(fd >= 0 ? ::fdopendir(fd) : nullptr)
-    {
-        if (fd >= 0 && !m_folder)
-            ::close(fd);
-    }
+    explicit FolderListing(int fd) : m_fd(fd) { }
     ~FolderListing()
     {
-        if (m_folder)
-            ::closedir(m_folder);
+        if (m_fd >= 0)
+            ::close(m_fd);
     }
     FolderListing(const FolderListing &) = delete;
     FolderListing &operator=(const FolderListing &) = delete;
 
-    int fd() const { return m_folder ? ::dirfd(m_folder) : -1; }
+    int fd() const { return m_fd; }
     // The next name other than "." and ".."; false at the end or on an error (errorNumber).
     bool next(const char **name, unsigned char *type)
     {
         for (;;) {
-            errno = 0;
-            const dirent *entry = ::readdir(m_folder);
-            if (!entry) {
-                errorNumber = errno;
-                return false;
+            if (m_position >= m_filled) {
+                if (m_fd < 0) {
+                    errorNumber = EBADF;
+                    return false;
+                }
+                const long read = ::syscall(SYS_getdents64, m_fd, m_buffer, sizeof m_buffer);
+                if (read <= 0) {
+                    errorNumber = read < 0 ? errno : 0;
+                    return false;
+                }
+                m_filled = std::size_t(read);
+                m_position = 0;
             }
-            const char *n = entry->d_name;
+            // The kernel's record (linux_dirent64): inode, offset, record length, type, name.
+            const char *record = m_buffer + m_position;
+            unsigned short length;
+            std::memcpy(&length, record + kLengthAt, sizeof length);
+            m_position += length;
+            const char *n = record + kNameAt;
             if (n[0] == '.' && (n[1] == 0 || (n[1] == '.' && n[2] == 0)))
                 continue;
             *name = n;
-            *type = entry->d_type;
+            *type = static_cast<unsigned char>(record[kTypeAt]);
             return true;
         }
     }
     int errorNumber = 0;
 
 private:
-    DIR *m_folder;
+    static constexpr std::size_t kLengthAt = 16, kTypeAt = 18, kNameAt = 19;
+    int m_fd;
+    std::size_t m_filled = 0;
+    std::size_t m_position = 0;
+    alignas(8) char m_buffer[8192];
 };
 
 // One more helper thread in threads, as above; whoever starts them carries on with those it has.

@@ -111,7 +111,7 @@ TEST(FolderTrees, NamesStayPutWhileTheTreeGrows)
     QStringList names;
     for (int i = 0; i < 5000; ++i)
         names.append(i == 2500 ? QString(20000, u'x') : QStringLiteral("folder %1").arg(i)); // one longer than a block
-    const FolderEntry blank {kNone, kNone, kNone, kNone, {}, true};
+    const FolderEntry blank {kNone, kNone, kNone, kNone, {}};
     for (qsizetype i = 0; i < names.size(); ++i)
         ASSERT_EQ(tree.add(blank, names[i]), uint64_t(i));
     const QStringView first = _Name(tree, 0);

@@ -76,12 +76,62 @@ QString _Child(const QString &folder, QStringView name)
     return child.append(name);
 }
 
-void _ShrinkSmall(std::vector<ListedFile> &files)
-{
-    constexpr std::size_t kMappedBytes = 128 * 1024; // see main()
-    if (files.capacity() > files.size() && files.capacity() * sizeof(ListedFile) < kMappedBytes)
-        files.shrink_to_fit();
-}
+// A reader's lists and names grow in buffers the thread keeps from folder to folder, and the folder
+// gets exact copies: thousands of folders wait for the comparison at a time, and each growing its
+// own lists would leave freed blocks of every size in every reader's cache of the heap. A large
+// list is handed over as it is: it is mapped of its own, and the unused end is never touched.
+class ReadingBuffers {
+public:
+    explicit ReadingBuffers(ListedFolder &out) : m_out(out)
+    {
+        m_out.sourceFiles.swap(t_kept.sourceFiles);
+        m_out.deviceFiles.swap(t_kept.deviceFiles);
+        m_out.names.swap(t_kept.names);
+    }
+    ~ReadingBuffers()
+    {
+        Kept &kept = t_kept;
+        _HandOver(m_out.sourceFiles, kept.sourceFiles);
+        _HandOver(m_out.deviceFiles, kept.deviceFiles);
+        _HandOver(m_out.names, kept.names);
+        if (m_failed && !m_out.treeFailed) {
+            m_out.treeFailed = true;
+            m_out.treeReason = kMemoryReason;
+        }
+    }
+    ReadingBuffers(const ReadingBuffers &) = delete;
+    ReadingBuffers &operator=(const ReadingBuffers &) = delete;
+
+private:
+    static constexpr std::size_t kKeptBytes = 64 * 1024;
+    struct Kept {
+        std::vector<ListedFile> sourceFiles;
+        std::vector<ListedFile> deviceFiles;
+        QString names;
+    };
+    static thread_local Kept t_kept;
+
+    template <typename List> void _HandOver(List &list, List &kept)
+    {
+        const std::size_t bytes = std::size_t(list.capacity()) * sizeof(list[0]);
+        if (bytes > kKeptBytes)
+            return; // the folder keeps it; the next folder starts a new one
+        kept.swap(list);
+        try {
+            list = _Exact(kept);
+        } catch (const std::bad_alloc &) {
+            list.swap(kept); // the folder keeps the buffer
+            m_failed = true;
+        }
+        kept.resize(0); // the buffer stays for the next folder
+    }
+    static std::vector<ListedFile> _Exact(const std::vector<ListedFile> &list) { return {list.cbegin(), list.cend()}; }
+    static QString _Exact(const QString &names) { return QString(names.constData(), names.size()); }
+
+    ListedFolder &m_out;
+    bool m_failed = false;
+};
+thread_local ReadingBuffers::Kept ReadingBuffers::t_kept;
 
 bool _CancelAnalysis(AnalysisContext &context)
 {
@@ -183,6 +233,7 @@ int _ShouldCopyFile(AnalysisContext &context, int folderFd, const QString &folde
 void _ReadFolder(AnalysisContext &context, const QString &path, bool deviceSide, bool isBackupFolder, ListedFolder &out,
     std::vector<FoundFolder> &subfolders, uint32_t *otherItems)
 {
+    const ReadingBuffers buffers(out);
     auto treeFailure = [&out, &context] {
         out.treeFailed = true;
         out.treeReason = context.reason;
@@ -269,7 +320,6 @@ void _ReadFolder(AnalysisContext &context, const QString &path, bool deviceSide,
         out.filesFailed = true;
         out.filesReason = context.reason;
     }
-    out.names.squeeze(); // kept until the comparison takes them, and in the transactions
     // Sorted once; the stable sort keeps names equal without regard to case in listing order, and
     // only the first of them stays.
     DeviceFileList &files = out.deviceFiles;
@@ -281,11 +331,6 @@ void _ReadFolder(AnalysisContext &context, const QString &path, bool deviceSide,
                         return CaseInsensitiveCompare(out.nameOf(a), out.nameOf(b)) == KSOrderedSame;
                     }),
         files.end());
-    // A folder's records wait for the comparison with thousands of others: a small list keeps no
-    // room to grow (a list grown by doubling is a third empty on average). A large one is mapped
-    // of its own, and its unused end is never touched.
-    _ShrinkSmall(out.sourceFiles);
-    _ShrinkSmall(files);
 }
 
 } // namespace BUAnalysis

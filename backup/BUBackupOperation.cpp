@@ -14,12 +14,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cerrno>
 #include <condition_variable>
 #include <deque>
 #include <fcntl.h>
 #include <limits>
 #include <mutex>
+#include <numeric>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -265,17 +267,91 @@ private:
     std::thread m_thread;
 };
 
+// The device folders a run changed (relative to the device root), each once, with the folder its
+// source is in: the parent of its backup folder, where the source has the same relative path (the
+// transaction's root, shared; none for a folder known only from a delete, found by name at the
+// end). A full backup of a large tree changes every folder: their paths are kept end to end in one
+// block, found again through a table of positions, not a string and a table node each.
+class TouchedFolders {
+public:
+    // Adds a folder; a known source root replaces none.
+    void add(const QByteArray &relative, const QString &sourceRoot)
+    {
+        if (m_slots.size() < 2 * (m_folders.size() + 1))
+            rehash(std::bit_ceil(std::max<std::size_t>(64, 4 * m_folders.size())));
+        const std::size_t mask = m_slots.size() - 1;
+        for (std::size_t slot = std::size_t(qHash(QByteArrayView(relative))) & mask;; slot = (slot + 1) & mask) {
+            const uint32_t held = m_slots[slot];
+            if (held == 0) {
+                m_folders.push_back({m_paths.size(), uint32_t(relative.size()), rootIndex(sourceRoot)});
+                m_paths += relative;
+                m_slots[slot] = uint32_t(m_folders.size());
+                return;
+            }
+            Folder &folder = m_folders[held - 1];
+            if (path(folder) == relative) {
+                if (folder.root == kNoRoot)
+                    folder.root = rootIndex(sourceRoot);
+                return;
+            }
+        }
+    }
+    std::size_t size() const { return m_folders.size(); }
+    QByteArrayView path(std::size_t index) const { return path(m_folders[index]); }
+    // The folder's source root; null when none is known.
+    const QString &sourceRoot(std::size_t index) const
+    {
+        static const QString none;
+        const uint32_t root = m_folders[index].root;
+        return root == kNoRoot ? none : m_roots[qsizetype(root)];
+    }
+
+private:
+    static constexpr uint32_t kNoRoot = UINT32_MAX;
+    struct Folder {
+        qsizetype start;
+        uint32_t length;
+        uint32_t root;
+    };
+    QByteArrayView path(const Folder &folder) const
+    {
+        return QByteArrayView(m_paths.constData() + folder.start, folder.length);
+    }
+    uint32_t rootIndex(const QString &root)
+    {
+        if (root.isNull())
+            return kNoRoot;
+        // A root per backup folder at most: the transactions share them.
+        const qsizetype found = m_roots.indexOf(root);
+        if (found >= 0)
+            return uint32_t(found);
+        m_roots.append(root);
+        return uint32_t(m_roots.size() - 1);
+    }
+    void rehash(std::size_t count)
+    {
+        m_slots.assign(count, 0);
+        const std::size_t mask = count - 1;
+        for (std::size_t i = 0; i < m_folders.size(); ++i) {
+            std::size_t slot = std::size_t(qHash(path(m_folders[i]))) & mask;
+            while (m_slots[slot] != 0)
+                slot = (slot + 1) & mask;
+            m_slots[slot] = uint32_t(i + 1);
+        }
+    }
+
+    QByteArray m_paths;
+    std::vector<Folder> m_folders;
+    std::vector<uint32_t> m_slots; // a folder's index + 1; 0 is free. A power of two, at most half full
+    QStringList m_roots;
+};
+
 // The state of one run beside the batching.
 struct BackupRun {
     BUDeviceRoot device;
     BUFileCopier copier;
     const QStringList *backupFolders;
-    // Device folders whose contents or attributes changed (relative to the device root), each with
-    // the folder its source is in: the parent of its backup folder, where the source has the same
-    // relative path. Null: found by name at the end. The parent is shared with the transactions, so
-    // a full backup of many folders keeps one path string for each, not three.
-    // Keyed by the relative path's bytes: half the size of its UTF-16.
-    QHash<QByteArray, QString> touchedFolders;
+    TouchedFolders touchedFolders; // the device folders whose contents or attributes changed
     QString lastTouched; // the last folder a copy touched: the next file's is usually the same
     FolderCache deviceFolders; // by path relative to the device root
     FolderCache sourceFolders; // by absolute path
@@ -320,9 +396,7 @@ void _TouchFolder(BackupRun &run, const QString &relative, const QString &source
 {
     if (relative.isEmpty())
         return; // the device root mirrors nothing
-    QString &known = run.touchedFolders[FileNameToBytes(relative)];
-    if (known.isNull())
-        known = sourceRoot;
+    run.touchedFolders.add(FileNameToBytes(relative), sourceRoot);
 }
 
 // The same for the folder of a copied file, from the file's path on the device.
@@ -601,14 +675,17 @@ QString _SourceOfMirror(const BackupRun &run, const QString &relative)
 void _RestoreFolderAttributes(BackupRun &run)
 {
     // Deepest first: setting a folder's attributes inside another changes the outer one's times.
-    QList<QByteArray> folders = run.touchedFolders.keys();
-    std::sort(folders.begin(), folders.end(), [](const QByteArray &a, const QByteArray &b) {
-        const qsizetype depthA = a.count('/'), depthB = b.count('/');
-        return depthA != depthB ? depthA > depthB : a < b;
+    const TouchedFolders &touched = run.touchedFolders;
+    std::vector<uint32_t> folders(touched.size());
+    std::iota(folders.begin(), folders.end(), 0U);
+    std::sort(folders.begin(), folders.end(), [&touched](uint32_t a, uint32_t b) {
+        const QByteArrayView pathA = touched.path(a), pathB = touched.path(b);
+        const qsizetype depthA = pathA.count('/'), depthB = pathB.count('/');
+        return depthA != depthB ? depthA > depthB : pathA < pathB;
     });
-    for (const QByteArray &key : std::as_const(folders)) {
-        const QString &sourceRoot = run.touchedFolders.value(key);
-        const QString relative = FileNameFromBytes(key);
+    for (const uint32_t index : folders) {
+        const QString &sourceRoot = touched.sourceRoot(index);
+        const QString relative = FileNameFromBytes(touched.path(index));
         const QString source = sourceRoot.isNull() ? _SourceOfMirror(run, relative)
             : sourceRoot.endsWith(u'/')            ? sourceRoot + relative
                                                    : sourceRoot + u'/' + relative;

@@ -55,14 +55,38 @@ void _AppendText(Buffer &buffer, const BUTransaction::Place::Text &text, qsizety
         out[i] = QChar(latin1[i]);
 }
 
+// The length of the root and the "/" after it that a path below the root starts with; 0 when the
+// path is not below the root.
+qsizetype _RootPrefix(QStringView path, const QString &root)
+{
+    if (root.isEmpty() || !path.startsWith(root))
+        return 0;
+    const qsizetype prefix = root.endsWith(u'/') ? root.size() : root.size() + 1;
+    if (path.size() <= prefix || (!root.endsWith(u'/') && path[root.size()] != u'/'))
+        return 0;
+    return prefix;
+}
+
+// Appends a place's whole path.
+template <typename Buffer> void _AppendPlacePath(Buffer &buffer, const BUTransaction::Place &place)
+{
+    if (place.belowRoot()) {
+        buffer.append(place.rootPath.constData(), place.rootPath.size());
+        if (!place.rootPath.endsWith(u'/'))
+            buffer.append(QChar(u'/'));
+    }
+    const BUTransaction::Place::Text path = place.path();
+    _AppendText(buffer, path, 0, path.size);
+}
+
 // Appends the path of the item named by count characters of the place's names from start: the
 // folder's path, a "/" unless it ends with one, and the name.
 template <typename Buffer>
 void _AppendItemPath(Buffer &buffer, const BUTransaction::Place &place, qsizetype start, qsizetype count)
 {
-    const BUTransaction::Place::Text folder = place.path();
-    _AppendText(buffer, folder, 0, folder.size);
-    if (folder.size == 0 || buffer.at(buffer.size() - 1) != u'/')
+    const qsizetype at = buffer.size();
+    _AppendPlacePath(buffer, place);
+    if (buffer.size() == at || buffer.at(buffer.size() - 1) != u'/')
         buffer.append(QChar(u'/'));
     _AppendText(buffer, place.names(), start, count);
 }
@@ -75,14 +99,17 @@ bool BUTransaction::Place::Text::operator==(const Text &other) const
         && std::memcmp(bytes, other.bytes, std::size_t(size) * (wide ? 2 : 1)) == 0;
 }
 
-BUTransaction::PlaceRef BUTransaction::makePlace(const QString &path, const QString &root, const QString &names)
+BUTransaction::PlaceRef BUTransaction::makePlace(const QString &wholePath, const QString &root, const QString &names)
 {
+    const qsizetype prefix = _RootPrefix(wholePath, root);
+    const QStringView path = QStringView(wholePath).mid(prefix);
     const bool widePath = _IsWide(path), wideNames = _IsWide(names);
     const std::size_t bytes
         = std::size_t(path.size()) * (widePath ? 2 : 1) + std::size_t(names.size()) * (wideNames ? 2 : 1);
     // One block: the record, then its text (freed by Place's operator delete).
     void *block = ::operator new(sizeof(Place) + bytes);
-    auto *place = new (block) Place(root, uint32_t(path.size()), widePath, uint32_t(names.size()), wideNames);
+    auto *place
+        = new (block) Place(root, uint32_t(path.size()), widePath, prefix > 0, uint32_t(names.size()), wideNames);
     char *text = reinterpret_cast<char *>(place + 1);
     _StoreText(_StoreText(text, path, widePath), names, wideNames);
     return PlaceRef(place);
@@ -116,7 +143,7 @@ template <typename Buffer> void BUTransaction::appendName(Buffer &buffer) const
     if (!m_place)
         return;
     if (m_nameLength == kNoName)
-        _AppendText(buffer, m_place->path(), 0, m_place->path().size);
+        _AppendPlacePath(buffer, *m_place);
     else
         _AppendText(buffer, m_place->names(), m_nameStart, m_nameLength);
 }
@@ -133,7 +160,7 @@ QString BUTransaction::path() const
 {
     QString path;
     if (m_place)
-        path.reserve(m_place->path().size + 1 + qsizetype(m_nameLength));
+        path.reserve(m_place->rootPath.size() + m_place->path().size + 2 + qsizetype(m_nameLength));
     appendPath(path);
     return path;
 }
@@ -159,7 +186,7 @@ int BUTransaction::compare(const BUTransaction &other) const
     // Items of one folder differ only after the folder's "/".
     QVarLengthArray<QChar, 256> a, b;
     if (m_nameLength != kNoName && other.m_nameLength != kNoName && m_place && other.m_place
-        && (m_place == other.m_place || m_place->path() == other.m_place->path())) {
+        && (m_place == other.m_place || m_place->samePath(*other.m_place))) {
         appendName(a);
         other.appendName(b);
         return CaseInsensitiveCompare(QStringView(a.constData(), a.size()), QStringView(b.constData(), b.size()));

@@ -32,7 +32,8 @@ public:
     // transactions. Never changed once made; shared between threads.
     // The path and the names follow the record in its own block, each in a byte a character when
     // all of its characters are Latin-1, as nearly all names are, else in two (UTF-16): a large
-    // tree's names are most of what a full backup holds.
+    // tree's names are most of what a full backup holds. A path below the root is kept without the
+    // root, which every place of a backup folder shares.
     class Place : public QSharedData {
     public:
         // Text of a place: size characters at bytes, two bytes each when wide.
@@ -47,7 +48,15 @@ public:
         static void operator delete(void *block) { ::operator delete(block); }
 
         const QString rootPath;
+        // The path as kept: after the root and a "/" when belowRoot(), else whole.
         Text path() const { return {reinterpret_cast<const char *>(this + 1), m_pathSize, m_widePath}; }
+        bool belowRoot() const { return m_belowRoot; }
+        // The same folder: the same path from the same root.
+        bool samePath(const Place &other) const
+        {
+            return path() == other.path() && m_belowRoot == other.m_belowRoot
+                && (!m_belowRoot || rootPath == other.rootPath);
+        }
         Text names() const
         {
             return {
@@ -56,14 +65,16 @@ public:
 
     private:
         friend class BUTransaction;
-        Place(const QString &root, uint32_t pathSize, bool widePath, uint32_t namesSize, bool wideNames)
-            : rootPath(root), m_pathSize(pathSize), m_namesSize(namesSize), m_widePath(widePath), m_wideNames(wideNames)
+        Place(const QString &root, uint32_t pathSize, bool widePath, bool belowRoot, uint32_t namesSize, bool wideNames)
+            : rootPath(root), m_pathSize(pathSize), m_namesSize(namesSize), m_widePath(widePath),
+              m_wideNames(wideNames), m_belowRoot(belowRoot)
         {
         }
         uint32_t m_pathSize;
         uint32_t m_namesSize;
         bool m_widePath;
         bool m_wideNames;
+        bool m_belowRoot;
     };
     using PlaceRef = QExplicitlySharedDataPointer<const Place>;
     static PlaceRef makePlace(const QString &path, const QString &root, const QString &names = QString());

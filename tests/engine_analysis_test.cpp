@@ -59,6 +59,23 @@ TEST(Transactions, TableOrderAndErrorCodes)
     EXPECT_EQ(atTop.compare(upper), -1) << "a folder's path before its items'";
     EXPECT_TRUE(BUTransaction().path().isEmpty());
 
+    // A place keeps its path after the root it shares; the whole path reads back, and places whose
+    // kept paths agree below different roots are different folders.
+    auto item = [](const QString &folder, const QString &root) {
+        return BUTransaction(BUTransaction::makePlace(folder, root, QStringLiteral("f")), 0, 1);
+    };
+    EXPECT_EQ(
+        item(QStringLiteral("/home/a/Docs/x"), QStringLiteral("/home/a")).path(), QStringLiteral("/home/a/Docs/x/f"));
+    EXPECT_EQ(item(QStringLiteral("/home/a"), QStringLiteral("/home/a")).path(), QStringLiteral("/home/a/f"));
+    EXPECT_EQ(item(QStringLiteral("/home/ab/x"), QStringLiteral("/home/a")).path(), QStringLiteral("/home/ab/x/f"));
+    EXPECT_EQ(item(QStringLiteral("/home/a/x"), QStringLiteral("/home/a/")).path(), QStringLiteral("/home/a/x/f"));
+    const BUTransaction underX(
+        BUTransaction::makePlace(QStringLiteral("/x/n"), QStringLiteral("/x"), QStringLiteral("b")), 0, 1);
+    const BUTransaction underY(
+        BUTransaction::makePlace(QStringLiteral("/y/n"), QStringLiteral("/y"), QStringLiteral("a")), 0, 1);
+    EXPECT_EQ(underX.compare(underY), -1) << "/x/n/b before /y/n/a";
+    EXPECT_EQ(item(QStringLiteral("/m/n"), QStringLiteral("/m")).compare(item(QStringLiteral("/m/n"), QString())), 0);
+
     // Names and paths beyond Latin-1 read back whole and sort with the Latin-1 ones; a name longer
     // than any Linux name is kept whole; the outcome never touches what the backup reads.
     const QString greek = QStringLiteral("\u03A9mega"), accented = QStringLiteral("\u00C9t\u00E9.txt");

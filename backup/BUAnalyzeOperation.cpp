@@ -525,7 +525,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
             return fail();
         if (place) {
             if (folderPlaces.size() <= index)
-                folderPlaces.resize(std::max<std::size_t>(index + 1, folderPlaces.size() * 2));
+                folderPlaces.resize(index + 1); // grows by doubling; the room beyond stays untouched
             folderPlaces[index] = place;
         }
         if (source->filesFailed) {

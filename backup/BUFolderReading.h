@@ -53,7 +53,10 @@ public:
                     errorNumber = EBADF;
                     return false;
                 }
-                const long read = ::syscall(SYS_getdents64, m_fd, m_buffer, sizeof m_buffer);
+                long read;
+                do
+                    read = ::syscall(SYS_getdents64, m_fd, m_buffer, sizeof m_buffer);
+                while (read < 0 && errno == EINTR);
                 if (read <= 0) {
                     errorNumber = read < 0 ? errno : 0;
                     return false;

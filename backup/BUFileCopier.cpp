@@ -253,11 +253,15 @@ bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, in
         return false;
     };
     // Reserving the space of a big file first finds a full device before its data is written; a
-    // small one finds it at its first write just as soon.
-    const bool reserved = large && ::fallocate(out, 0, 0, status.st_size) == 0;
-    if (large && !reserved && (errno == ENOSPC || errno == EDQUOT || errno == EFBIG)) {
-        *error = _WriteError(errno);
-        return discard();
+    // small one finds it at its first write just as soon, and so does a big one where reserving
+    // would cost a second write (the write fails with the same error, and the copy is discarded).
+    bool reserved = false;
+    if (large && kind.reservesSpaceCheaply) {
+        reserved = ::fallocate(out, 0, 0, status.st_size) == 0;
+        if (!reserved && (errno == ENOSPC || errno == EDQUOT || errno == EFBIG)) {
+            *error = _WriteError(errno);
+            return discard();
+        }
     }
 
     // The size read at the start is what is copied, with the times read at the start: a file

@@ -223,6 +223,7 @@ BUVolumeKind VolumeKindForFileSystem(const QString &fileSystemType)
     BUVolumeKind kind;
     kind.holdsOwnership = !limited.contains(fileSystemType);
     kind.twoSecondTimes = twoSeconds.contains(fileSystemType);
+    kind.reservesSpaceCheaply = fileSystemType != u"tmpfs" && fileSystemType != u"ramfs";
     return kind;
 }
 

@@ -77,6 +77,9 @@ void ReadAttributeDigest(int folderFd, const char *name, FileStats *stats);
 struct BUVolumeKind {
     bool holdsOwnership = true; // modes, owners and extended attributes
     bool twoSecondTimes = false; // content times kept in 2-second steps
+    // Space reserved ahead (fallocate) is only marked as such. Memory file systems fill it with
+    // zeroed pages instead, which costs as much as writing the data a second time.
+    bool reservesSpaceCheaply = true;
 };
 BUVolumeKind VolumeKindForFileSystem(const QString &fileSystemType);
 

@@ -91,9 +91,9 @@ public:
     ~ReadingBuffers()
     {
         Kept &kept = t_kept;
-        _HandOver(m_out.sourceFiles, kept.sourceFiles);
-        _HandOver(m_out.deviceFiles, kept.deviceFiles);
-        _HandOver(m_out.names, kept.names);
+        handOver(m_out.sourceFiles, kept.sourceFiles);
+        handOver(m_out.deviceFiles, kept.deviceFiles);
+        handOver(m_out.names, kept.names);
         if (m_failed && !m_out.treeFailed) {
             m_out.treeFailed = true;
             m_out.treeReason = kMemoryReason;
@@ -111,22 +111,22 @@ private:
     };
     static thread_local Kept t_kept;
 
-    template <typename List> void _HandOver(List &list, List &kept)
+    template <typename List> void handOver(List &list, List &kept)
     {
         const std::size_t bytes = std::size_t(list.capacity()) * sizeof(list[0]);
         if (bytes > kKeptBytes)
             return; // the folder keeps it; the next folder starts a new one
         kept.swap(list);
         try {
-            list = _Exact(kept);
+            list = exact(kept);
         } catch (const std::bad_alloc &) {
             list.swap(kept); // the folder keeps the buffer
             m_failed = true;
         }
         kept.resize(0); // the buffer stays for the next folder
     }
-    static std::vector<ListedFile> _Exact(const std::vector<ListedFile> &list) { return {list.cbegin(), list.cend()}; }
-    static QString _Exact(const QString &names) { return QString(names.constData(), names.size()); }
+    static std::vector<ListedFile> exact(const std::vector<ListedFile> &list) { return {list.cbegin(), list.cend()}; }
+    static QString exact(const QString &names) { return QString(names.constData(), names.size()); }
 
     ListedFolder &m_out;
     bool m_failed = false;

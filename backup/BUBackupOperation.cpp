@@ -5,16 +5,15 @@
 #include "backup/BUFileCopier.h"
 #include "backup/BUFileStats.h"
 #include "backup/BUFolderReading.h"
+#include "backup/BUTouchedFolders.h"
 #include "keelson/FormatString.h"
 #include "keelson/KSLog.h"
 #include "keelson/KSStrings.h"
 
 #include <QElapsedTimer>
-#include <QHash>
 
 #include <algorithm>
 #include <atomic>
-#include <bit>
 #include <cerrno>
 #include <condition_variable>
 #include <deque>
@@ -265,85 +264,6 @@ private:
     bool m_busy = false;
     bool m_stop = false;
     std::thread m_thread;
-};
-
-// The device folders a run changed (relative to the device root), each once, with the folder its
-// source is in: the parent of its backup folder, where the source has the same relative path (the
-// transaction's root, shared; none for a folder known only from a delete, found by name at the
-// end). A full backup of a large tree changes every folder: their paths are kept end to end in one
-// block, found again through a table of positions, not a string and a table node each.
-class TouchedFolders {
-public:
-    // Adds a folder; a known source root replaces none.
-    void add(const QByteArray &relative, const QString &sourceRoot)
-    {
-        if (m_slots.size() < 2 * (m_folders.size() + 1))
-            rehash(std::bit_ceil(std::max<std::size_t>(64, 4 * m_folders.size())));
-        const std::size_t mask = m_slots.size() - 1;
-        for (std::size_t slot = std::size_t(qHash(QByteArrayView(relative))) & mask;; slot = (slot + 1) & mask) {
-            const uint32_t held = m_slots[slot];
-            if (held == 0) {
-                m_folders.push_back({m_paths.size(), uint32_t(relative.size()), rootIndex(sourceRoot)});
-                m_paths += relative;
-                m_slots[slot] = uint32_t(m_folders.size());
-                return;
-            }
-            Folder &folder = m_folders[held - 1];
-            if (path(folder) == relative) {
-                if (folder.root == kNoRoot)
-                    folder.root = rootIndex(sourceRoot);
-                return;
-            }
-        }
-    }
-    std::size_t size() const { return m_folders.size(); }
-    QByteArrayView path(std::size_t index) const { return path(m_folders[index]); }
-    // The folder's source root; null when none is known.
-    const QString &sourceRoot(std::size_t index) const
-    {
-        static const QString none;
-        const uint32_t root = m_folders[index].root;
-        return root == kNoRoot ? none : m_roots[qsizetype(root)];
-    }
-
-private:
-    static constexpr uint32_t kNoRoot = UINT32_MAX;
-    struct Folder {
-        qsizetype start;
-        uint32_t length;
-        uint32_t root;
-    };
-    QByteArrayView path(const Folder &folder) const
-    {
-        return QByteArrayView(m_paths.constData() + folder.start, folder.length);
-    }
-    uint32_t rootIndex(const QString &root)
-    {
-        if (root.isNull())
-            return kNoRoot;
-        // A root per backup folder at most: the transactions share them.
-        const qsizetype found = m_roots.indexOf(root);
-        if (found >= 0)
-            return uint32_t(found);
-        m_roots.append(root);
-        return uint32_t(m_roots.size() - 1);
-    }
-    void rehash(std::size_t count)
-    {
-        m_slots.assign(count, 0);
-        const std::size_t mask = count - 1;
-        for (std::size_t i = 0; i < m_folders.size(); ++i) {
-            std::size_t slot = std::size_t(qHash(path(m_folders[i]))) & mask;
-            while (m_slots[slot] != 0)
-                slot = (slot + 1) & mask;
-            m_slots[slot] = uint32_t(i + 1);
-        }
-    }
-
-    QByteArray m_paths;
-    std::vector<Folder> m_folders;
-    std::vector<uint32_t> m_slots; // a folder's index + 1; 0 is free. A power of two, at most half full
-    QStringList m_roots;
 };
 
 // The state of one run beside the batching.

@@ -13,6 +13,7 @@
 #include <QHash>
 
 #include <algorithm>
+#include <malloc.h>
 #include <memory>
 #include <mutex>
 
@@ -316,7 +317,11 @@ bool BUAnalyzeOperation::performOperation()
 BUAnalysisReport BUAnalyzeOperation::analyze()
 {
     try {
-        return runAnalysis();
+        BUAnalysisReport report = runAnalysis();
+        // The trees are gone, but the pages of their blocks stay with the heap wherever a block
+        // still in use lies above them: give them back before the list is sorted and shown.
+        ::malloc_trim(0);
+        return report;
     } catch (const std::bad_alloc &) {
         // The shared list could not grow: the same end as an entry array that could not.
         BUAnalysisReport result;

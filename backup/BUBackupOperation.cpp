@@ -266,8 +266,22 @@ private:
     std::thread m_thread;
 };
 
+struct BackupRun;
+// The device path of a transaction's item relative to the device root; null when it has none.
+QString _DeviceRelativePath(const BackupRun &run, const BUTransaction &transaction);
+
 // The state of one run beside the batching.
 struct BackupRun {
+    explicit BackupRun(const BUTransactionList &list)
+        : transactions(list),
+          touchedFolders([this](uint32_t at) { return _DeviceRelativePath(*this, transactions.at(at)); })
+    {
+    }
+    BackupRun(const BackupRun &) = delete;
+    BackupRun &operator=(const BackupRun &) = delete;
+
+    const BUTransactionList &transactions;
+    uint32_t row = 0; // of the transaction being carried out
     BUDeviceRoot device;
     BUFileCopier copier;
     const QStringList *backupFolders;
@@ -310,23 +324,24 @@ QString _ParentOf(const QString &path)
     return slash < 0 ? QString() : path.left(slash);
 }
 
-// sourceRoot: the transaction's root, whose source item has the same path below it as its device
-// copy has below the device root; null where none is known.
-void _TouchFolder(BackupRun &run, const QString &relative, const QString &sourceRoot)
+// Records the device folder at relative as changed by the current transaction: its item, or the
+// folder holding it when holding. rootKnown: the transaction's root is its source's, which has
+// the same path below it as the device copy below the device root.
+void _TouchFolder(BackupRun &run, QStringView relative, bool holding, bool rootKnown)
 {
     if (relative.isEmpty())
         return; // the device root mirrors nothing
-    run.touchedFolders.add(FileNameToBytes(relative), sourceRoot);
+    run.touchedFolders.add(relative, run.row, holding, rootKnown);
 }
 
 // The same for the folder of a copied file, from the file's path on the device.
-void _TouchParentOfFile(BackupRun &run, const QString &relative, const QString &sourceRoot)
+void _TouchParentOfFile(BackupRun &run, const QString &relative, bool rootKnown)
 {
     const qsizetype slash = relative.lastIndexOf(u'/');
     if (slash <= 0 || (run.lastTouched.size() == slash && relative.startsWith(run.lastTouched)))
         return;
     run.lastTouched = relative.left(slash);
-    _TouchFolder(run, run.lastTouched, sourceRoot);
+    _TouchFolder(run, run.lastTouched, true, rootKnown);
 }
 
 QString _ErrorForUnmountedVolume(BackupRun &run, const QString &path)
@@ -369,6 +384,13 @@ QString _TargetFilePath(const BUTransaction &transaction, const QString &deviceR
     if (error)
         *error = kInternalError;
     return QString();
+}
+
+QString _DeviceRelativePath(const BackupRun &run, const BUTransaction &transaction)
+{
+    if (transaction.action() == BUTransaction::kDelete)
+        return run.device.relativePath(transaction.path());
+    return run.device.relativePath(_TargetFilePath(transaction, run.device.path(), nullptr));
 }
 
 // Clears the immutable flags of a device item and gives it read and write for everyone, with
@@ -433,7 +455,7 @@ QString _UpdateItem(BackupRun &run, const BUTransaction &transaction)
     if (transaction.isFolder()) {
         // A folder keeps its owner's access while the run may still write into it; its own mode
         // comes at the end with its times.
-        _TouchFolder(run, relative, transaction.rootPath());
+        _TouchFolder(run, relative, false, !transaction.rootPath().isNull());
         if (!RunningAsRoot())
             extraMode = S_IRWXU;
     }
@@ -454,7 +476,7 @@ QString _CopyFolder(BackupRun &run, const BUTransaction &transaction, QString *f
     QByteArray name;
     const int parentFd = run.deviceParent(relative, &name, true, &error);
     if (parentFd >= 0 && ::mkdirat(parentFd, name.constData(), 0777) == 0) {
-        _TouchFolder(run, _ParentOf(relative), transaction.rootPath());
+        _TouchFolder(run, _ParentOf(relative), true, !transaction.rootPath().isNull());
         _UpdateItem(run, transaction);
         return QString();
     }
@@ -502,7 +524,7 @@ QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fat
                 break;
             }
             if (run.copier.copyFile(sourceFd, sourceName, parentFd, name, run.device.kind(), &error)) {
-                _TouchParentOfFile(run, relative, transaction.rootPath());
+                _TouchParentOfFile(run, relative, !transaction.rootPath().isNull());
                 return QString();
             }
             // The name was free at the analysis and has been taken since: what took it goes, as
@@ -558,7 +580,7 @@ QString _DeleteItem(BackupRun &run, const BUTransaction &transaction)
     const Descriptor parent {run.device.openParent(relative, &name, false, &error)};
     if (parent.fd < 0 || !RemoveItemAt(parent.fd, name.constData(), &error))
         return _ErrorStringFromError(run, error, transaction.path());
-    _TouchFolder(run, _ParentOf(relative), QString());
+    _TouchFolder(run, _ParentOf(relative), true, false);
     return QString();
 }
 
@@ -595,17 +617,20 @@ QString _SourceOfMirror(const BackupRun &run, const QString &relative)
 void _RestoreFolderAttributes(BackupRun &run)
 {
     // Deepest first: setting a folder's attributes inside another changes the outer one's times.
+    // Folders as deep as each other go in the order the run changed them.
     const TouchedFolders &touched = run.touchedFolders;
+    std::vector<uint32_t> depths(touched.size());
+    for (std::size_t index = 0; index < touched.size(); ++index)
+        depths[index] = uint32_t(touched.path(index).count(u'/'));
     std::vector<uint32_t> folders(touched.size());
     std::iota(folders.begin(), folders.end(), 0U);
-    std::sort(folders.begin(), folders.end(), [&touched](uint32_t a, uint32_t b) {
-        const QByteArrayView pathA = touched.path(a), pathB = touched.path(b);
-        const qsizetype depthA = pathA.count('/'), depthB = pathB.count('/');
-        return depthA != depthB ? depthA > depthB : pathA < pathB;
-    });
+    std::stable_sort(
+        folders.begin(), folders.end(), [&depths](uint32_t a, uint32_t b) { return depths[a] > depths[b]; });
+    depths = {};
     for (const uint32_t index : folders) {
-        const QString &sourceRoot = touched.sourceRoot(index);
-        const QString relative = FileNameFromBytes(touched.path(index));
+        const QString sourceRoot
+            = touched.rootKnown(index) ? run.transactions.at(touched.row(index)).rootPath() : QString();
+        const QString relative = touched.path(index);
         const QString source = sourceRoot.isNull() ? _SourceOfMirror(run, relative)
             : sourceRoot.endsWith(u'/')            ? sourceRoot + relative
                                                    : sourceRoot + u'/' + relative;
@@ -638,7 +663,7 @@ void BUBackupOperation::cancel()
 
 bool BUBackupOperation::performOperation()
 {
-    BackupRun run;
+    BackupRun run(m_transactions);
     run.backupFolders = &m_backupFolders;
     run.device.open(m_targetName, nullptr); // a failure shows as an ejected device below
 
@@ -708,6 +733,7 @@ bool BUBackupOperation::performOperation()
             break;
         }
         current = i;
+        run.row = uint32_t(i);
         QString text;
         lastWasFileCopy = false;
         switch (transaction.action()) {

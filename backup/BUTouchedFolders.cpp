@@ -5,45 +5,44 @@
 #include <algorithm>
 #include <bit>
 
-void TouchedFolders::add(const QByteArray &relative, const QString &sourceRoot)
+namespace {
+
+uint32_t _Hash(QStringView path)
+{
+    return uint32_t(qHash(path)) & 0x3FFFFFFFU;
+}
+
+} // namespace
+
+QString TouchedFolders::path(const Folder &folder) const
+{
+    QString path = m_relativeOf(folder.row);
+    if (folder.hash & kHolding)
+        path.truncate(std::max<qsizetype>(path.lastIndexOf(u'/'), 0));
+    return path;
+}
+
+void TouchedFolders::add(QStringView relative, uint32_t row, bool holding, bool rootKnown)
 {
     if (m_slots.size() < 2 * (m_folders.size() + 1))
         rehash(std::bit_ceil(std::max<std::size_t>(64, 4 * m_folders.size())));
+    const uint32_t hash = _Hash(relative);
+    const uint32_t flags = (holding ? kHolding : 0) | (rootKnown ? kRootKnown : 0);
     const std::size_t mask = m_slots.size() - 1;
-    for (std::size_t slot = std::size_t(qHash(QByteArrayView(relative))) & mask;; slot = (slot + 1) & mask) {
+    for (std::size_t slot = hash & mask;; slot = (slot + 1) & mask) {
         const uint32_t held = m_slots[slot];
         if (held == 0) {
-            m_folders.push_back({m_paths.size(), uint32_t(relative.size()), rootIndex(sourceRoot)});
-            m_paths += relative;
+            m_folders.push_back({row, hash | flags});
             m_slots[slot] = uint32_t(m_folders.size());
             return;
         }
         Folder &folder = m_folders[held - 1];
-        if (path(folder) == relative) {
-            if (folder.root == kNoRoot)
-                folder.root = rootIndex(sourceRoot);
+        if ((folder.hash & kHashBits) == hash && path(folder) == relative) {
+            if (rootKnown && !(folder.hash & kRootKnown))
+                folder = {row, hash | flags};
             return;
         }
     }
-}
-
-const QString &TouchedFolders::sourceRoot(std::size_t index) const
-{
-    static const QString none;
-    const uint32_t root = m_folders[index].root;
-    return root == kNoRoot ? none : m_roots[qsizetype(root)];
-}
-
-uint32_t TouchedFolders::rootIndex(const QString &root)
-{
-    if (root.isNull())
-        return kNoRoot;
-    // A root per backup folder at most: the transactions share them.
-    const qsizetype found = m_roots.indexOf(root);
-    if (found >= 0)
-        return uint32_t(found);
-    m_roots.append(root);
-    return uint32_t(m_roots.size() - 1);
 }
 
 void TouchedFolders::rehash(std::size_t count)
@@ -51,7 +50,7 @@ void TouchedFolders::rehash(std::size_t count)
     m_slots.assign(count, 0);
     const std::size_t mask = count - 1;
     for (std::size_t i = 0; i < m_folders.size(); ++i) {
-        std::size_t slot = std::size_t(qHash(path(m_folders[i]))) & mask;
+        std::size_t slot = (m_folders[i].hash & kHashBits) & mask;
         while (m_slots[slot] != 0)
             slot = (slot + 1) & mask;
         m_slots[slot] = uint32_t(i + 1);

@@ -2,44 +2,43 @@
 // modes and times at the end of the run. Used by the backup alone, on its own thread.
 #pragma once
 
-#include <QByteArray>
-#include <QByteArrayView>
 #include <QString>
-#include <QStringList>
+#include <QStringView>
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
-// Each folder is a path relative to the device root, with the folder its source is in: the parent
-// of its backup folder, where the source has the same relative path (the transaction's root,
-// shared; none for a folder known only from a delete, found by name at the end). A full backup of
-// a large tree changes every folder: their paths are kept end to end in one block, found again
-// through a table of positions, not a string and a table node each.
+// A full backup of a large tree changes every folder. A folder is not kept as a path but as the
+// transaction that changed it: the row of a transaction whose device item is the folder or is in
+// it, from which its path is found again. The row also gives the folder's source, where the
+// transaction's root is its source's: the source has the same path below the root as the copy
+// below the device root (none is known for a folder known only from a delete; it is found by
+// name at the end). 8 bytes a folder and a table of 4-byte positions, at most half full.
 class TouchedFolders {
 public:
-    // Adds a folder; a known source root replaces none.
-    void add(const QByteArray &relative, const QString &sourceRoot);
+    // The device path of a transaction's item, relative to the device root.
+    using RelativePath = std::function<QString(uint32_t row)>;
+    explicit TouchedFolders(RelativePath relativeOf) : m_relativeOf(std::move(relativeOf)) { }
+
+    // Adds the folder at relative (never empty): the item of the transaction at row, or the
+    // folder holding it when holding. A folder known without a root takes that of a later one.
+    void add(QStringView relative, uint32_t row, bool holding, bool rootKnown);
     std::size_t size() const { return m_folders.size(); }
-    QByteArrayView path(std::size_t index) const { return path(m_folders[index]); }
-    // The folder's source root; null when none is known.
-    const QString &sourceRoot(std::size_t index) const;
+    QString path(std::size_t index) const { return path(m_folders[index]); }
+    uint32_t row(std::size_t index) const { return m_folders[index].row; }
+    bool rootKnown(std::size_t index) const { return (m_folders[index].hash & kRootKnown) != 0; }
 
 private:
-    static constexpr uint32_t kNoRoot = UINT32_MAX;
+    static constexpr uint32_t kHolding = 0x80000000U, kRootKnown = 0x40000000U, kHashBits = 0x3FFFFFFFU;
     struct Folder {
-        qsizetype start;
-        uint32_t length;
-        uint32_t root;
+        uint32_t row;
+        uint32_t hash; // of the path, with the two flags above it
     };
-    QByteArrayView path(const Folder &folder) const
-    {
-        return QByteArrayView(m_paths.constData() + folder.start, folder.length);
-    }
-    uint32_t rootIndex(const QString &root);
+    QString path(const Folder &folder) const;
     void rehash(std::size_t count);
 
-    QByteArray m_paths;
+    RelativePath m_relativeOf;
     std::vector<Folder> m_folders;
     std::vector<uint32_t> m_slots; // a folder's index + 1; 0 is free. A power of two, at most half full
-    QStringList m_roots;
 };

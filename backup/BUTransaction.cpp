@@ -8,10 +8,16 @@
 #include <QVarLengthArray>
 
 #include <algorithm>
+#include <atomic>
+#include <bit>
+#include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <new>
 #include <vector>
 
 BUTransactionList g_transactions;
+BUTransactionOutcomes g_outcomes;
 QStringList g_errors;
 double g_totalBytes = 0;
 double g_copiedBytes = 0;
@@ -21,6 +27,154 @@ int64_t g_failedTransactions = 0;
 namespace {
 
 const QString kNoString;
+
+// Slots that never move once made, so that one thread may read a slot while another adds more:
+// chunk c holds kFirst << c slots and begins after those of the chunks before it. Adding takes
+// the caller's lock; reading a slot the reader was handed needs none.
+template <typename Slot, std::size_t kFirst> class StableSlots {
+public:
+    static constexpr std::size_t kChunks = 22; // more than 4 billion slots
+
+    Slot &operator[](std::size_t index) const
+    {
+        const std::size_t chunk = std::size_t(std::bit_width(index / kFirst + 1)) - 1;
+        return m_chunks[chunk].load(std::memory_order_acquire)[index - kFirst * ((std::size_t(1) << chunk) - 1)];
+    }
+    // Makes room for the slot at index; false when there is no more.
+    bool reserve(std::size_t index)
+    {
+        const std::size_t chunk = std::size_t(std::bit_width(index / kFirst + 1)) - 1;
+        if (chunk >= kChunks)
+            return false;
+        if (!m_chunks[chunk].load(std::memory_order_relaxed))
+            m_chunks[chunk].store(new Slot[kFirst << chunk], std::memory_order_release);
+        return true;
+    }
+
+private:
+    std::atomic<Slot *> m_chunks[kChunks] {};
+};
+
+// The process's places by handle (a handle is the slot's index + 1; 0 is none), the memory they
+// are cut from, and the roots they share, found by index. A free slot holds the next free one's
+// index + 1, shifted, with the lowest bit set (a place's address is aligned). Never freed: a place
+// may outlive any object.
+class PlaceTable {
+public:
+    static PlaceTable &instance()
+    {
+        static PlaceTable *const table = new PlaceTable;
+        return *table;
+    }
+
+    const BUTransaction::Place *at(uint32_t handle) const
+    {
+        return reinterpret_cast<const BUTransaction::Place *>(m_places[handle - 1]);
+    }
+    const QString &root(uint32_t index) const { return m_roots[index]; }
+
+    // Memory for a place of size bytes, 4-aligned; *own when it is a block of its own.
+    void *allocate(std::size_t size, bool *own)
+    {
+        size = (size + 3) & ~std::size_t(3);
+#if !defined(__SANITIZE_ADDRESS__) // the sanitizer watches each place in a block of its own
+        if (size <= kLargestShared) {
+            const std::lock_guard lock(m_mutex);
+            if (!m_current || m_current->used + size > kBlockSize) {
+                void *block = std::aligned_alloc(kBlockSize, kBlockSize);
+                if (!block)
+                    throw std::bad_alloc();
+                m_current = new (block) BlockHeader;
+            }
+            void *at = reinterpret_cast<char *>(m_current) + m_current->used;
+            m_current->used += uint32_t(size);
+            ++m_current->live;
+            *own = false;
+            return at;
+        }
+#endif
+        *own = true;
+        return ::operator new(size);
+    }
+
+    uint32_t add(const BUTransaction::Place *place)
+    {
+        const std::lock_guard lock(m_mutex);
+        uint32_t handle = m_firstFree;
+        if (handle != 0) {
+            m_firstFree = uint32_t(m_places[handle - 1] >> 1);
+        } else {
+            if (m_placeCount == UINT32_MAX || !m_places.reserve(m_placeCount))
+                throw std::bad_alloc();
+            handle = ++m_placeCount;
+        }
+        m_places[handle - 1] = reinterpret_cast<uintptr_t>(place);
+        return handle;
+    }
+    // Frees the handle (when it has one) and the memory of a destroyed place.
+    void remove(uint32_t handle, void *memory, bool own)
+    {
+        if (own)
+            ::operator delete(memory);
+        const std::lock_guard lock(m_mutex);
+        if (handle != 0) {
+            m_places[handle - 1] = uintptr_t(m_firstFree) << 1 | 1;
+            m_firstFree = handle;
+        }
+        if (own)
+            return;
+        auto *block = reinterpret_cast<BlockHeader *>(reinterpret_cast<uintptr_t>(memory) & ~(kBlockSize - 1));
+        if (--block->live != 0)
+            return;
+        if (block == m_current)
+            block->used = sizeof(BlockHeader); // all gone: cut from its start again
+        else
+            std::free(block);
+    }
+    // The index of a root, added when new; 0 for none (a null string). A backup has a root for
+    // each backup folder and the device's.
+    uint32_t rootIndex(const QString &root)
+    {
+        if (root.isNull())
+            return 0;
+        const std::lock_guard lock(m_mutex);
+        for (uint32_t i = 1; i < m_rootCount; ++i) {
+            const QString &known = m_roots[i];
+            if (known.constData() == root.constData() || (!known.isNull() && known == root))
+                return i;
+        }
+        if (m_rootCount >= kMaxRoots || !m_roots.reserve(m_rootCount))
+            throw std::bad_alloc();
+        m_roots[m_rootCount] = root;
+        return m_rootCount++;
+    }
+
+private:
+    // A block is mapped of its own (see main's malloc settings) and only its written pages cost
+    // memory; aligned to its size, so a place finds its block's header.
+    static constexpr std::size_t kBlockSize = std::size_t(1) << 20;
+    static constexpr std::size_t kLargestShared = kBlockSize / 16;
+    static constexpr uint32_t kMaxRoots = uint32_t(1) << 30;
+    struct BlockHeader {
+        uint32_t used = sizeof(BlockHeader); // bytes from the block's start
+        uint32_t live = 0; // places in it
+    };
+
+    PlaceTable()
+    {
+        m_roots.reserve(0);
+    } // the first root, null: none
+
+    std::mutex m_mutex;
+    // Plain words: a slot is written before its handle reaches another thread, and only read
+    // there while a transaction holds it. Left unwritten until used, so untouched pages cost nothing.
+    StableSlots<uintptr_t, 1024> m_places;
+    uint32_t m_placeCount = 0;
+    uint32_t m_firstFree = 0;
+    BlockHeader *m_current = nullptr;
+    StableSlots<QString, 16> m_roots;
+    uint32_t m_rootCount = 1;
+};
 
 bool _IsWide(QStringView text)
 {
@@ -71,8 +225,9 @@ qsizetype _RootPrefix(QStringView path, const QString &root)
 template <typename Buffer> void _AppendPlacePath(Buffer &buffer, const BUTransaction::Place &place)
 {
     if (place.belowRoot()) {
-        buffer.append(place.rootPath.constData(), place.rootPath.size());
-        if (!place.rootPath.endsWith(u'/'))
+        const QString &root = place.rootPath();
+        buffer.append(root.constData(), root.size());
+        if (!root.endsWith(u'/'))
             buffer.append(QChar(u'/'));
     }
     const BUTransaction::Place::Text path = place.path();
@@ -99,6 +254,19 @@ bool BUTransaction::Place::Text::operator==(const Text &other) const
         && std::memcmp(bytes, other.bytes, std::size_t(size) * (wide ? 2 : 1)) == 0;
 }
 
+void BUTransaction::Place::operator delete(Place *place, std::destroying_delete_t)
+{
+    const uint32_t handle = place->m_handle;
+    const bool own = place->m_ownBlock;
+    place->~Place();
+    PlaceTable::instance().remove(handle, place, own);
+}
+
+const QString &BUTransaction::Place::rootPath() const
+{
+    return PlaceTable::instance().root(m_root);
+}
+
 BUTransaction::PlaceRef BUTransaction::makePlace(const QString &wholePath, const QString &root, const QString &names)
 {
     const qsizetype prefix = _RootPrefix(wholePath, root);
@@ -106,22 +274,57 @@ BUTransaction::PlaceRef BUTransaction::makePlace(const QString &wholePath, const
     const bool widePath = _IsWide(path), wideNames = _IsWide(names);
     const std::size_t bytes
         = std::size_t(path.size()) * (widePath ? 2 : 1) + std::size_t(names.size()) * (wideNames ? 2 : 1);
-    // One block: the record, then its text (freed by Place's operator delete).
-    void *block = ::operator new(sizeof(Place) + bytes);
+    PlaceTable &table = PlaceTable::instance();
+    const uint32_t rootIndex = table.rootIndex(root);
+    // The record, then its text (freed by Place's operator delete).
+    bool own = false;
+    void *memory = table.allocate(sizeof(Place) + bytes, &own);
     auto *place
-        = new (block) Place(root, uint32_t(path.size()), widePath, prefix > 0, uint32_t(names.size()), wideNames);
+        = new (memory) Place(rootIndex, uint32_t(path.size()), widePath, prefix > 0, uint32_t(names.size()), wideNames);
+    place->m_ownBlock = own;
+    PlaceRef ref(place); // frees the block should the table have no room
     char *text = reinterpret_cast<char *>(place + 1);
     _StoreText(_StoreText(text, path, widePath), names, wideNames);
-    return PlaceRef(place);
+    place->m_handle = table.add(place);
+    return ref;
 }
 
-BUTransaction::BUTransaction(const QString &path, const QString &root) : m_place(makePlace(path, root))
+BUTransaction::BUTransaction(const QString &path, const QString &root) : BUTransaction(makePlace(path, root))
 {
 }
 
-BUTransaction::BUTransaction(const PlaceRef &place, uint32_t nameStart, uint32_t nameLength)
-    : m_place(place), m_nameStart(nameStart), m_nameLength(uint8_t(nameLength))
+BUTransaction::BUTransaction(const PlaceRef &place) : m_place(place ? place->m_handle : 0)
 {
+    if (place)
+        place->ref.ref();
+}
+
+BUTransaction::BUTransaction(const BUTransaction &other)
+    : m_place(other.m_place), m_nameStart(other.m_nameStart), m_sizeLow(other.m_sizeLow), m_sizeHigh(other.m_sizeHigh),
+      m_nameLength(other.m_nameLength), m_flags(other.m_flags)
+{
+    if (m_place != 0)
+        place()->ref.ref();
+}
+
+BUTransaction::~BUTransaction()
+{
+    if (m_place == 0)
+        return;
+    const Place *held = place();
+    if (!held->ref.deref())
+        delete held;
+}
+
+const BUTransaction::Place *BUTransaction::place() const
+{
+    return m_place != 0 ? PlaceTable::instance().at(m_place) : nullptr;
+}
+
+BUTransaction::BUTransaction(const PlaceRef &place, uint32_t nameStart, uint32_t nameLength) : BUTransaction(place)
+{
+    m_nameStart = nameStart;
+    m_nameLength = uint8_t(nameLength);
     if (nameLength == kNoName || nameLength > kMaxNameLength) {
         // Not a name a folder of this system holds: kept whole, in a place of its own.
         m_nameLength = kNoName;
@@ -129,45 +332,46 @@ BUTransaction::BUTransaction(const PlaceRef &place, uint32_t nameStart, uint32_t
         QString whole;
         if (place)
             _AppendItemPath(whole, *place, nameStart, nameLength);
-        m_place = makePlace(whole, place ? place->rootPath : QString());
+        *this = BUTransaction(makePlace(whole, place ? place->rootPath() : QString()));
     }
 }
 
 const QString &BUTransaction::rootPath() const
 {
-    return m_place ? m_place->rootPath : kNoString;
+    return m_place != 0 ? place()->rootPath() : kNoString;
 }
 
-template <typename Buffer> void BUTransaction::appendName(Buffer &buffer) const
+template <typename Buffer> void BUTransaction::appendName(Buffer &buffer, const Place *held) const
 {
-    if (!m_place)
+    if (!held)
         return;
     if (m_nameLength == kNoName)
-        _AppendPlacePath(buffer, *m_place);
+        _AppendPlacePath(buffer, *held);
     else
-        _AppendText(buffer, m_place->names(), m_nameStart, m_nameLength);
+        _AppendText(buffer, held->names(), m_nameStart, m_nameLength);
 }
 
-template <typename Buffer> void BUTransaction::appendPath(Buffer &buffer) const
+template <typename Buffer> void BUTransaction::appendPath(Buffer &buffer, const Place *held) const
 {
-    if (!m_place || m_nameLength == kNoName)
-        appendName(buffer);
+    if (!held || m_nameLength == kNoName)
+        appendName(buffer, held);
     else
-        _AppendItemPath(buffer, *m_place, m_nameStart, m_nameLength);
+        _AppendItemPath(buffer, *held, m_nameStart, m_nameLength);
 }
 
 QString BUTransaction::path() const
 {
     QString path;
-    if (m_place)
-        path.reserve(m_place->rootPath.size() + m_place->path().size + 2 + qsizetype(m_nameLength));
-    appendPath(path);
+    const Place *held = place();
+    if (held)
+        path.reserve(held->rootPath().size() + held->path().size + 2 + qsizetype(m_nameLength));
+    appendPath(path, held);
     return path;
 }
 
 QString BUTransaction::actionName() const
 {
-    switch (m_action) {
+    switch (action()) {
     case kDelete:
         return QStringLiteral("Delete");
     case kUpdate:
@@ -179,51 +383,146 @@ QString BUTransaction::actionName() const
 
 int BUTransaction::compare(const BUTransaction &other) const
 {
-    if (m_action != other.m_action)
-        return m_action < other.m_action ? -1 : 1;
-    if (m_folder != other.m_folder)
-        return m_folder ? -1 : 1;
+    if (action() != other.action())
+        return action() < other.action() ? -1 : 1;
+    if (isFolder() != other.isFolder())
+        return isFolder() ? -1 : 1;
     // Items of one folder differ only after the folder's "/".
     QVarLengthArray<QChar, 256> a, b;
-    if (m_nameLength != kNoName && other.m_nameLength != kNoName && m_place && other.m_place
-        && (m_place == other.m_place || m_place->samePath(*other.m_place))) {
-        appendName(a);
-        other.appendName(b);
+    const Place *mine = place(), *theirs = other.place();
+    if (m_nameLength != kNoName && other.m_nameLength != kNoName && mine && theirs
+        && (mine == theirs || mine->samePath(*theirs))) {
+        appendName(a, mine);
+        other.appendName(b, theirs);
         return CaseInsensitiveCompare(QStringView(a.constData(), a.size()), QStringView(b.constData(), b.size()));
     }
-    appendPath(a);
-    other.appendPath(b);
+    appendPath(a, mine);
+    other.appendPath(b, theirs);
     return CaseInsensitiveCompare(QStringView(a.constData(), a.size()), QStringView(b.constData(), b.size()));
 }
 
-void SortTransactions(BUTransactionList &transactions)
+namespace {
+
+bool _InTableOrder(const BUTransaction &a, const BUTransaction &b)
 {
-    // The order is found on indexes and then applied in place, cycle by cycle: a stable sort of
-    // the transactions themselves would take a second list's worth of memory for its buffer.
+    return a.compare(b) < 0;
+}
+
+// Merges the sorted runs [first, middle) and [middle, last) stably. A run that fits the buffer
+// (capacity transactions, empty) is moved out and merged back; longer runs are cut in two around
+// a pivot, the middle pieces swapped by a rotation, and each half merged alone. Transactions are
+// swapped, never copied: nothing counts references while the list is sorted.
+void _Merge(
+    BUTransaction *first, BUTransaction *middle, BUTransaction *last, BUTransaction *buffer, std::ptrdiff_t capacity)
+{
+    if (first == middle || middle == last || !_InTableOrder(*middle, *(middle - 1)))
+        return; // already in order
+    const std::ptrdiff_t left = middle - first, right = last - middle;
+    if (left <= capacity) {
+        BUTransaction *from = buffer, *const fromEnd = std::swap_ranges(first, middle, buffer);
+        BUTransaction *out = first;
+        while (from != fromEnd && middle != last) {
+            if (_InTableOrder(*middle, *from))
+                swap(*out++, *middle++);
+            else
+                swap(*out++, *from++);
+        }
+        std::swap_ranges(from, fromEnd, out);
+        return;
+    }
+    if (right <= capacity) {
+        BUTransaction *from = std::swap_ranges(middle, last, buffer);
+        BUTransaction *out = last, *leftEnd = middle;
+        while (from != buffer && leftEnd != first) {
+            if (_InTableOrder(*(from - 1), *(leftEnd - 1)))
+                swap(*--out, *--leftEnd);
+            else
+                swap(*--out, *--from);
+        }
+        std::swap_ranges(buffer, from, first);
+        return;
+    }
+    BUTransaction *firstCut, *secondCut;
+    if (left > right) {
+        firstCut = first + left / 2;
+        secondCut = std::lower_bound(middle, last, *firstCut, _InTableOrder);
+    } else {
+        secondCut = middle + right / 2;
+        firstCut = std::upper_bound(first, middle, *secondCut, _InTableOrder);
+    }
+    BUTransaction *const newMiddle = std::rotate(firstCut, middle, secondCut);
+    _Merge(first, firstCut, newMiddle, buffer, capacity);
+    _Merge(newMiddle, secondCut, last, buffer, capacity);
+}
+
+} // namespace
+
+void SortTransactions(BUTransactionList &transactions, qsizetype bufferCapacity)
+{
+    // A merge sort of the transactions themselves with a buffer of a fixed size: the list of a
+    // large backup is at its largest here, and a stable sort's usual buffer is half of it.
+    constexpr qsizetype kRun = 1024; // sorted by the library, with a small buffer of its own
     const qsizetype count = transactions.size();
-    std::vector<uint32_t> order(static_cast<std::size_t>(count));
-    for (qsizetype i = 0; i < count; ++i)
-        order[std::size_t(i)] = uint32_t(i);
-    const BUTransactionList &list = transactions;
-    std::stable_sort(
-        order.begin(), order.end(), [&list](uint32_t a, uint32_t b) { return list.at(a).compare(list.at(b)) < 0; });
-    // Position i takes the transaction at order[i]; a placed position is marked with its own index.
-    for (qsizetype start = 0; start < count; ++start) {
-        if (order[std::size_t(start)] == uint32_t(start))
-            continue;
-        BUTransaction held = std::move(transactions[start]);
-        qsizetype position = start;
-        for (;;) {
-            const qsizetype from = qsizetype(order[std::size_t(position)]);
-            order[std::size_t(position)] = uint32_t(position);
-            if (from == start) {
-                transactions[position] = std::move(held);
-                break;
-            }
-            transactions[position] = std::move(transactions[from]);
-            position = from;
+    BUTransaction *const begin = transactions.data();
+    for (qsizetype run = 0; run < count; run += kRun)
+        std::stable_sort(begin + run, begin + std::min(run + kRun, count), _InTableOrder);
+    std::vector<BUTransaction> buffer(std::size_t(std::max<qsizetype>(1, std::min(bufferCapacity, count / 2))));
+    for (qsizetype width = kRun; width < count; width *= 2) {
+        for (qsizetype start = 0; start + width < count; start += 2 * width) {
+            _Merge(begin + start, begin + start + width, begin + std::min(start + 2 * width, count), buffer.data(),
+                std::ptrdiff_t(buffer.size()));
         }
     }
+}
+
+bool BUTransactionOutcomes::isDone(qsizetype row) const
+{
+    const auto word = std::size_t(row) / 64;
+    return row >= 0 && word < m_done.size() && (m_done[word] >> (std::size_t(row) % 64) & 1) != 0;
+}
+
+void BUTransactionOutcomes::setDone(qsizetype row)
+{
+    if (row < 0)
+        return;
+    const auto word = std::size_t(row) / 64;
+    if (word >= m_done.size())
+        m_done.resize(std::max(word + 1, (std::size_t(g_transactions.size()) + 63) / 64));
+    m_done[word] |= uint64_t(1) << (std::size_t(row) % 64);
+}
+
+uint64_t BUTransactionOutcomes::errorIndex(qsizetype row) const
+{
+    const auto found = std::lower_bound(
+        m_errors.begin(), m_errors.end(), row, [](const auto &error, qsizetype key) { return error.first < key; });
+    return found != m_errors.end() && found->first == row ? found->second : BUTransaction::kNoError;
+}
+
+void BUTransactionOutcomes::setErrorIndex(qsizetype row, uint32_t errorIndex)
+{
+    // A backup reports its rows in order: nearly always an append.
+    if (m_errors.empty() || m_errors.back().first < row) {
+        m_errors.emplace_back(row, errorIndex);
+        return;
+    }
+    const auto found = std::lower_bound(
+        m_errors.begin(), m_errors.end(), row, [](const auto &error, qsizetype key) { return error.first < key; });
+    if (found != m_errors.end() && found->first == row)
+        found->second = errorIndex;
+    else
+        m_errors.insert(found, {row, errorIndex});
+}
+
+void BUTransactionOutcomes::clear()
+{
+    m_done = {};
+    m_errors = {};
+}
+
+void ClearTransactions()
+{
+    g_transactions.clear();
+    g_outcomes.clear();
 }
 
 qsizetype ApplyBackupStatus(const QMap<qsizetype, QString> &trans, double copied)
@@ -233,8 +532,7 @@ qsizetype ApplyBackupStatus(const QMap<qsizetype, QString> &trans, double copied
     for (auto it = trans.cbegin(); it != trans.cend(); ++it) {
         if (it.key() < 0 || it.key() >= g_transactions.size())
             continue;
-        const BUTransaction &transaction = g_transactions.at(it.key());
-        transaction.setDone(true);
+        g_outcomes.setDone(it.key());
         ++g_finishedTransactions;
         highest = std::max(highest, it.key());
         if (it.value().isEmpty())
@@ -244,7 +542,7 @@ qsizetype ApplyBackupStatus(const QMap<qsizetype, QString> &trans, double copied
             g_errors.append(it.value());
             index = g_errors.size() - 1;
         }
-        transaction.setErrorIndex(uint64_t(index));
+        g_outcomes.setErrorIndex(it.key(), uint32_t(index));
         ++g_failedTransactions;
     }
     return highest;

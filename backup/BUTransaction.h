@@ -1,14 +1,14 @@
 // One planned change to a backup device (copy, update attributes, delete), and the process-wide
-// state that the analysis, the backup and the window share: the transaction list, the distinct
-// error texts and the byte and transaction counters.
+// state that the analysis, the backup and the window share: the transaction list, what became of
+// each transaction, the distinct error texts and the byte and transaction counters.
 //
 // Threads: the analysis fills g_transactions and the counters on its worker thread before it
 // reports; from then on only the main thread touches them. The backup works on a copy of the
 // list handed to it on the main thread. The copy shares its storage with g_transactions (a list of
-// a few hundred thousand transactions is not duplicated): the main thread writes a transaction's
-// outcome (done, errorIndex) in place, through const access, and the backup never reads those
-// two fields, only the ones that nothing changes while it runs. Read g_transactions with at() or
-// through a const reference, never with the non-const operator[], which would copy the whole list.
+// a few hundred thousand transactions is not duplicated), and nothing writes a transaction while
+// the backup runs: what the backup reports is kept apart, in g_outcomes, by row. Read
+// g_transactions with at() or through a const reference, never with the non-const operator[],
+// which would copy the whole list.
 #pragma once
 
 #include <QExplicitlySharedDataPointer>
@@ -20,6 +20,9 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <new>
+#include <utility>
+#include <vector>
 
 class BUTransaction {
 public:
@@ -33,7 +36,10 @@ public:
     // The path and the names follow the record in its own block, each in a byte a character when
     // all of its characters are Latin-1, as nearly all names are, else in two (UTF-16): a large
     // tree's names are most of what a full backup holds. A path below the root is kept without the
-    // root, which every place of a backup folder shares.
+    // root, which every place of a backup folder shares and which is kept once for the process.
+    // A transaction names its place by a 4-byte handle into a process-wide table rather than by
+    // pointer, which keeps a transaction at 16 bytes. Places are cut from large blocks of their own:
+    // dense, and apart from the heap's short-lived blocks that would leave holes between them.
     class Place : public QSharedData {
     public:
         // Text of a place: size characters at bytes, two bytes each when wide.
@@ -45,45 +51,70 @@ public:
         };
         Place(const Place &) = delete;
         Place &operator=(const Place &) = delete;
-        static void operator delete(void *block) { ::operator delete(block); }
+        // Gives its handle and its memory back.
+        static void operator delete(Place *place, std::destroying_delete_t);
 
-        const QString rootPath;
+        // Null for none.
+        const QString &rootPath() const;
         // The path as kept: after the root and a "/" when belowRoot(), else whole.
-        Text path() const { return {reinterpret_cast<const char *>(this + 1), m_pathSize, m_widePath}; }
+        Text path() const { return {reinterpret_cast<const char *>(this + 1), m_pathSize, bool(m_widePath)}; }
         bool belowRoot() const { return m_belowRoot; }
         // The same folder: the same path from the same root.
         bool samePath(const Place &other) const
         {
             return path() == other.path() && m_belowRoot == other.m_belowRoot
-                && (!m_belowRoot || rootPath == other.rootPath);
+                && (!m_belowRoot || m_root == other.m_root);
         }
         Text names() const
         {
-            return {
-                reinterpret_cast<const char *>(this + 1) + m_pathSize * (m_widePath ? 2 : 1), m_namesSize, m_wideNames};
+            return {reinterpret_cast<const char *>(this + 1) + m_pathSize * (m_widePath ? 2 : 1), m_namesSize,
+                bool(m_wideNames)};
         }
 
     private:
         friend class BUTransaction;
-        Place(const QString &root, uint32_t pathSize, bool widePath, bool belowRoot, uint32_t namesSize, bool wideNames)
-            : rootPath(root), m_pathSize(pathSize), m_namesSize(namesSize), m_widePath(widePath),
-              m_wideNames(wideNames), m_belowRoot(belowRoot)
+        Place(uint32_t root, uint32_t pathSize, bool widePath, bool belowRoot, uint32_t namesSize, bool wideNames)
+            : m_root(root), m_belowRoot(belowRoot), m_pathSize(pathSize), m_widePath(widePath), m_namesSize(namesSize),
+              m_wideNames(wideNames)
         {
         }
-        uint32_t m_pathSize;
-        uint32_t m_namesSize;
-        bool m_widePath;
-        bool m_wideNames;
-        bool m_belowRoot;
+        uint32_t m_handle = 0;
+        uint32_t m_root : 30; // index of the root in the process's roots
+        uint32_t m_belowRoot : 1;
+        uint32_t m_ownBlock : 1 = 0; // not cut from a block shared with other places
+        uint32_t m_pathSize : 31;
+        uint32_t m_widePath : 1;
+        uint32_t m_namesSize : 31;
+        uint32_t m_wideNames : 1;
     };
     using PlaceRef = QExplicitlySharedDataPointer<const Place>;
+    // Throws std::bad_alloc when there is no room for it (or no handle left).
     static PlaceRef makePlace(const QString &path, const QString &root, const QString &names = QString());
 
     BUTransaction() = default;
-    // Action Copy, no error, not done, not a folder, size 0. A null root is "none".
+    BUTransaction(const BUTransaction &other);
+    BUTransaction(BUTransaction &&other) noexcept : BUTransaction() { swap(other); }
+    BUTransaction &operator=(BUTransaction other) noexcept
+    {
+        swap(other);
+        return *this;
+    }
+    ~BUTransaction();
+    friend void swap(BUTransaction &a, BUTransaction &b) noexcept { a.swap(b); }
+    void swap(BUTransaction &other) noexcept
+    {
+        std::swap(m_place, other.m_place);
+        std::swap(m_nameStart, other.m_nameStart);
+        std::swap(m_sizeLow, other.m_sizeLow);
+        std::swap(m_sizeHigh, other.m_sizeHigh);
+        std::swap(m_nameLength, other.m_nameLength);
+        std::swap(m_flags, other.m_flags);
+    }
+
+    // Action Copy, not a folder, size 0. A null root is "none".
     BUTransaction(const QString &path, const QString &root);
     // The item at place's path.
-    explicit BUTransaction(const PlaceRef &place) : m_place(place) { }
+    explicit BUTransaction(const PlaceRef &place);
     // The item in place's folder whose name is the nameLength characters of place->names from
     // nameStart.
     BUTransaction(const PlaceRef &place, uint32_t nameStart, uint32_t nameLength);
@@ -92,19 +123,9 @@ public:
     // For a source item, the parent folder of its backup folder; the device root for a device
     // folder to delete; null for a device file to delete.
     const QString &rootPath() const;
-    uint32_t action() const { return m_action; }
+    uint32_t action() const { return m_flags & kActionBits; }
     // Any other action than the three is a Copy.
-    void setAction(uint32_t action) { m_action = uint8_t(std::min<uint32_t>(action, kCopy)); }
-    uint64_t errorIndex() const
-    {
-        const uint32_t stored = m_outcome & kErrorMask;
-        return stored == kErrorMask ? kNoError : stored;
-    }
-    // The outcome is written in place, also in a list shared with a running backup (see above).
-    void setErrorIndex(uint64_t errorIndex) const
-    {
-        m_outcome = (m_outcome & kDoneBit) | uint32_t(std::min<uint64_t>(errorIndex, kErrorMask));
-    }
+    void setAction(uint32_t action) { m_flags = uint8_t((m_flags & ~kActionBits) | std::min<uint32_t>(action, kCopy)); }
     // Bytes, up to 256 TiB (more than any device holds; a larger size counts as that).
     double fileSize() const { return double(uint64_t(m_sizeLow) | uint64_t(m_sizeHigh) << 32); }
     void setFileSize(double fileSize)
@@ -113,14 +134,12 @@ public:
         m_sizeLow = uint32_t(size);
         m_sizeHigh = uint16_t(size >> 32);
     }
-    bool isDone() const { return m_outcome & kDoneBit; }
-    void setDone(bool done) const { m_outcome = done ? m_outcome | kDoneBit : m_outcome & ~kDoneBit; }
-    bool isFolder() const { return m_folder; }
-    void setFolder(bool folder) { m_folder = folder; }
+    bool isFolder() const { return m_flags & kFolderBit; }
+    void setFolder(bool folder) { setFlag(kFolderBit, folder); }
     // A Copy whose item the analysis found on the device: the old copy is removed first. Any
     // other Copy expects its name to be free.
-    bool replacesItem() const { return m_replaces; }
-    void setReplacesItem(bool replaces) { m_replaces = replaces; }
+    bool replacesItem() const { return m_flags & kReplacesBit; }
+    void setReplacesItem(bool replaces) { setFlag(kReplacesBit, replaces); }
 
     // "Delete", "Update", or "Copy" for any other action.
     QString actionName() const;
@@ -129,50 +148,70 @@ public:
     int compare(const BUTransaction &other) const;
 
 private:
-    // 24 bytes a transaction: a full backup of a large tree holds hundreds of thousands.
-    static constexpr uint32_t kDoneBit = 0x80000000U;
-    static constexpr uint32_t kErrorMask = 0x7FFFFFFFU; // all set: no error
+    // 16 bytes a transaction: a full backup of a large tree holds hundreds of thousands.
     static constexpr uint64_t kMaxFileSize = (uint64_t(1) << 48) - 1;
+    static constexpr uint8_t kActionBits = 0x3, kFolderBit = 0x4, kReplacesBit = 0x8;
     // A name is at most 255 bytes on Linux, so at most 255 UTF-16 units; a longer one is kept as
     // a whole path. No name: the place's path is the whole path.
     static constexpr uint32_t kMaxNameLength = 255;
     static constexpr uint8_t kNoName = 0;
-    // Appends the item's name, or the whole path, to a buffer of QChar without allocating a string.
-    template <typename Buffer> void appendName(Buffer &buffer) const;
+    void setFlag(uint8_t bit, bool on) { m_flags = uint8_t(on ? m_flags | bit : m_flags & ~bit); }
+    const Place *place() const;
+    // Appends the item's name, or the whole path, to a buffer of QChar without allocating a string;
+    // held is place().
+    template <typename Buffer> void appendName(Buffer &buffer, const Place *held) const;
     // Appends the path to a buffer, without allocating a string of it.
-    template <typename Buffer> void appendPath(Buffer &buffer) const;
+    template <typename Buffer> void appendPath(Buffer &buffer, const Place *held) const;
 
-    PlaceRef m_place; // null only for a transaction made empty
+    uint32_t m_place = 0; // the place's handle; 0 only for a transaction made empty
     uint32_t m_nameStart = 0;
-    // Written by the main thread while a backup reads the list: a word of its own, apart from the
-    // fields the backup reads (see above).
-    mutable uint32_t m_outcome = kErrorMask;
     uint32_t m_sizeLow = 0;
     uint16_t m_sizeHigh = 0;
     uint8_t m_nameLength = kNoName;
-    uint8_t m_action : 2 = kCopy;
-    bool m_folder : 1 = false;
-    bool m_replaces : 1 = false;
+    uint8_t m_flags = kCopy;
 };
 
-// A shared pointer and plain values: a growing list may move its transactions as bytes (realloc) instead
-// of copying each one into a second block.
+// A handle and plain values: a growing list may move its transactions as bytes (realloc) instead of
+// copying each one into a second block.
 Q_DECLARE_TYPEINFO(BUTransaction, Q_RELOCATABLE_TYPE);
-static_assert(sizeof(BUTransaction) == 24);
+static_assert(sizeof(BUTransaction) == 16);
 
 using BUTransactionList = QList<BUTransaction>;
 
-// Sorts a list into table order with compare() (stable).
-void SortTransactions(BUTransactionList &transactions);
+// Sorts a list into table order with compare() (stable), with a buffer of at most bufferCapacity
+// transactions.
+void SortTransactions(BUTransactionList &transactions, qsizetype bufferCapacity = 16384);
+
+// What became of the transactions of g_transactions, by row: done, and for a failed one the index
+// of its text in g_errors. Apart from the transactions, which a running backup reads; written by the
+// main thread alone. A bit a transaction, and a row and an index for each failure.
+class BUTransactionOutcomes {
+public:
+    bool isDone(qsizetype row) const;
+    void setDone(qsizetype row);
+    // BUTransaction::kNoError when the transaction did not fail.
+    uint64_t errorIndex(qsizetype row) const;
+    bool failed(qsizetype row) const { return errorIndex(row) != BUTransaction::kNoError; }
+    void setErrorIndex(qsizetype row, uint32_t errorIndex);
+    void clear();
+
+private:
+    std::vector<uint64_t> m_done;
+    std::vector<std::pair<qsizetype, uint32_t>> m_errors; // by row
+};
 
 // Applies one progress report of the backup to the shared state, as every front end shows it:
 // adds the copied bytes, marks each reported transaction done, counts it finished, and a failed
-// one (non-empty text) also failed, with errorIndex pointing at its text in g_errors (appended
-// when new). Returns the highest index reported, -1 for none. Main thread.
+// one (non-empty text) also failed, with its error index pointing at its text in g_errors
+// (appended when new). Returns the highest index reported, -1 for none. Main thread.
 qsizetype ApplyBackupStatus(const QMap<qsizetype, QString> &trans, double copied);
+
+// Empties g_transactions and forgets their outcomes, before a new analysis.
+void ClearTransactions();
 
 // The shared state of one analysis and backup.
 extern BUTransactionList g_transactions;
+extern BUTransactionOutcomes g_outcomes;
 extern QStringList g_errors; // distinct error texts; a transaction's errorIndex points here
 extern double g_totalBytes; // bytes the backup will copy
 extern double g_copiedBytes; // bytes copied so far

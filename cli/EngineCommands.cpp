@@ -97,7 +97,7 @@ public:
             app.updateRecentDrives(m_device);
         connect(&KSSignalWatcher::sharedInstance(), &KSSignalWatcher::signalReceived, this, [this] { cancel(); });
 
-        g_transactions.clear();
+        ClearTransactions();
         g_errors.clear();
         m_queue.addOperation(std::make_shared<BUAnalyzeOperation>(
             m_device, this, app.backupFolders(), app.ignoreFolders(), app.ignoreFiles()));
@@ -297,10 +297,12 @@ private:
                 + (t.rootPath().isNull() ? QStringLiteral("null") : _Json(t.rootPath()));
             out += QStringLiteral(", \"fileSize\": ") + QString::number(t.fileSize(), 'f', 0);
             if (m_backupRan) {
-                out += QStringLiteral(", \"done\": ") + (t.isDone() ? QStringLiteral("true") : QStringLiteral("false"));
+                out += QStringLiteral(", \"done\": ")
+                    + (g_outcomes.isDone(i) ? QStringLiteral("true") : QStringLiteral("false"));
                 out += QStringLiteral(", \"error\": ")
-                    + (t.errorIndex() < uint64_t(g_errors.size()) ? _Json(g_errors[qsizetype(t.errorIndex())])
-                                                                  : QStringLiteral("null"));
+                    + (g_outcomes.errorIndex(i) < uint64_t(g_errors.size())
+                            ? _Json(g_errors[qsizetype(g_outcomes.errorIndex(i))])
+                            : QStringLiteral("null"));
             }
             out += u'}';
         }

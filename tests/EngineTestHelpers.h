@@ -101,7 +101,7 @@ protected:
         m_device = m_volumes.path() + QStringLiteral("/Dev");
         m_source = m_sources.path() + QStringLiteral("/Docs");
         QDir().mkpath(m_source);
-        g_transactions.clear();
+        ClearTransactions();
         g_errors.clear();
     }
     void TearDown() override
@@ -134,7 +134,7 @@ protected:
     // Runs the analysis of the one source folder on this thread and sorts its transactions.
     BUAnalysisReport analyze(const BURuleList &ignoreFolders = {}, const BURuleList &ignoreFiles = {})
     {
-        g_transactions.clear();
+        ClearTransactions();
         BUAnalyzeOperation operation(QStringLiteral("Dev"), nullptr, {m_source}, ignoreFolders, ignoreFiles);
         const BUAnalysisReport report = operation.analyze();
         SortTransactions(g_transactions);

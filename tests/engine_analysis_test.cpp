@@ -41,8 +41,6 @@ TEST(Transactions, TableOrderAndErrorCodes)
     EXPECT_EQ(copyFolder.compare(copyLower), -1) << "folders before files";
     EXPECT_EQ(copyLower.compare(copyUpper), 0) << "paths compare without case";
     EXPECT_EQ(copyLower.actionName(), QStringLiteral("Copy"));
-    EXPECT_FALSE(copyLower.isDone());
-    EXPECT_EQ(copyLower.errorIndex(), 4294967295ULL);
 
     // Items named within a folder's place read and sort like whole paths, across places too.
     const auto docs = BUTransaction::makePlace(QStringLiteral("/s"), QStringLiteral("/"), QStringLiteral("B.TXTa.md"));
@@ -77,7 +75,7 @@ TEST(Transactions, TableOrderAndErrorCodes)
     EXPECT_EQ(item(QStringLiteral("/m/n"), QStringLiteral("/m")).compare(item(QStringLiteral("/m/n"), QString())), 0);
 
     // Names and paths beyond Latin-1 read back whole and sort with the Latin-1 ones; a name longer
-    // than any Linux name is kept whole; the outcome never touches what the backup reads.
+    // than any Linux name is kept whole.
     const QString greek = QStringLiteral("\u03A9mega"), accented = QStringLiteral("\u00C9t\u00E9.txt");
     const auto wideNames = BUTransaction::makePlace(QStringLiteral("/s"), QStringLiteral("/"), accented + greek);
     const auto widePath = BUTransaction::makePlace(QStringLiteral("/s/\u65E5\u672C"), QStringLiteral("/"), accented);
@@ -97,14 +95,14 @@ TEST(Transactions, TableOrderAndErrorCodes)
     sized.setFileSize(5e12);
     sized.setFolder(true);
     sized.setReplacesItem(true);
-    sized.setDone(true);
-    sized.setErrorIndex(7);
     EXPECT_EQ(sized.fileSize(), 5e12);
-    EXPECT_TRUE(sized.isFolder() && sized.replacesItem() && sized.isDone());
-    EXPECT_EQ(sized.errorIndex(), 7u);
-    sized.setDone(false);
-    EXPECT_EQ(sized.errorIndex(), 7u);
+    EXPECT_TRUE(sized.isFolder() && sized.replacesItem());
     EXPECT_EQ(sized.action(), uint32_t(BUTransaction::kCopy));
+    sized.setAction(BUTransaction::kDelete);
+    sized.setFolder(false);
+    EXPECT_TRUE(sized.replacesItem() && !sized.isFolder() && sized.action() == BUTransaction::kDelete);
+    sized.setAction(9);
+    EXPECT_EQ(sized.action(), uint32_t(BUTransaction::kCopy)) << "any other action is a Copy";
     sized.setFileSize(1e18);
     EXPECT_EQ(sized.fileSize(), double((uint64_t(1) << 48) - 1)) << "beyond 256 TiB counts as 256 TiB";
 
@@ -118,6 +116,109 @@ TEST(Transactions, TableOrderAndErrorCodes)
     EXPECT_EQ(ErrorReason(BUError {BUErrorDomain::Posix, 5, QString()}), QStringLiteral("An unknown error occurred."));
     EXPECT_EQ(ErrorReason(BUError {BUErrorDomain::Posix, 5, QStringLiteral("it\u2019s \u201Cx\u201D")}),
         QStringLiteral("it's \"x\""));
+}
+
+TEST(Transactions, PlacesLiveAsLongAsTheirTransactionsOnAnyThread)
+{
+    const auto shared = BUTransaction::makePlace(QStringLiteral("/s/Docs"), QStringLiteral("/s"), QStringLiteral("ab"));
+    {
+        const BUTransaction first(shared, 0, 1);
+        BUTransaction second = first;
+        EXPECT_EQ(shared->ref.loadRelaxed(), 3);
+        const BUTransaction moved = std::move(second);
+        EXPECT_EQ(shared->ref.loadRelaxed(), 3);
+        BUTransaction other(shared, 1, 1);
+        other = moved;
+        EXPECT_EQ(other.path(), QStringLiteral("/s/Docs/a"));
+        EXPECT_EQ(shared->ref.loadRelaxed(), 4);
+    }
+    EXPECT_EQ(shared->ref.loadRelaxed(), 1);
+
+    // Two threads make and drop places, past the first chunks of handles, while a third place
+    // stays readable; each keeps what it made, and the freed handles serve again.
+    auto work = [](int thread) {
+        BUTransactionList made;
+        for (int round = 0; round < 2; ++round) {
+            for (int i = 0; i < 3000; ++i) {
+                const QString root = QStringLiteral("/t%1").arg(thread);
+                made.append(BUTransaction(root + QStringLiteral("/f%1").arg(i), root));
+            }
+            for (qsizetype i = 0; i < made.size(); ++i) {
+                if (made.at(i).path() != QStringLiteral("/t%1/f%2").arg(thread).arg(i))
+                    return false;
+            }
+            made.clear();
+        }
+        return true;
+    };
+    bool done[2] = {false, false};
+    QThread *threads[2] = {QThread::create([&] { done[0] = work(0); }), QThread::create([&] { done[1] = work(1); })};
+    for (QThread *thread : threads)
+        thread->start();
+    for (QThread *thread : threads) {
+        thread->wait();
+        delete thread;
+    }
+    EXPECT_TRUE(done[0] && done[1]);
+    EXPECT_EQ(BUTransaction(shared, 1, 1).rootPath(), QStringLiteral("/s"));
+}
+
+TEST(Transactions, SortingKeepsEqualOnesInTheirOrderWhateverTheBuffer)
+{
+    // Names equal but for case in two spellings of one folder, across actions and kinds, in a
+    // shuffled order: every buffer size, down to one transaction, gives the library's stable order.
+    BUTransactionList list;
+    uint32_t seed = 7;
+    auto next = [&seed] { return seed = seed * 1103515245U + 12345U; };
+    const QString folders[] = {QStringLiteral("/s/Docs"), QStringLiteral("/s/DOCS"), QStringLiteral("/s/a")};
+    for (int i = 0; i < 5000; ++i) {
+        const QString name = QStringLiteral("f%1").arg(next() % 300);
+        BUTransaction transaction(
+            folders[next() % 3] + u'/' + (next() % 2 ? name.toUpper() : name), QStringLiteral("/s"));
+        transaction.setAction(next() % 3);
+        transaction.setFolder(next() % 4 == 0);
+        transaction.setFileSize(i); // tells equal ones apart
+        list.append(transaction);
+    }
+    BUTransactionList expected = list;
+    std::stable_sort(expected.begin(), expected.end(),
+        [](const BUTransaction &a, const BUTransaction &b) { return a.compare(b) < 0; });
+    for (const qsizetype buffer : {1, 7, 700, 16384}) {
+        BUTransactionList sorted = list;
+        SortTransactions(sorted, buffer);
+        ASSERT_EQ(sorted.size(), expected.size());
+        for (qsizetype i = 0; i < sorted.size(); ++i) {
+            ASSERT_EQ(sorted.at(i).fileSize(), expected.at(i).fileSize()) << "buffer " << buffer << ", row " << i;
+            ASSERT_EQ(sorted.at(i).path(), expected.at(i).path());
+        }
+    }
+}
+
+TEST(Transactions, OutcomesAreKeptByRow)
+{
+    ClearTransactions();
+    g_errors.clear();
+    for (int i = 0; i < 200; ++i)
+        g_transactions.append(BUTransaction(QStringLiteral("/s/f%1").arg(i), QStringLiteral("/s")));
+    const double copiedBefore = g_copiedBytes;
+    EXPECT_EQ(ApplyBackupStatus({{130, QStringLiteral("gone")}, {3, QString()}}, 10), 130);
+    EXPECT_EQ(ApplyBackupStatus({{64, QStringLiteral("locked")}, {199, QStringLiteral("gone")}, {500, {}}}, 5), 199);
+    EXPECT_EQ(g_copiedBytes - copiedBefore, 15);
+    EXPECT_EQ(g_errors, (QStringList {QStringLiteral("gone"), QStringLiteral("locked")})) << "each text once";
+    for (const qsizetype row : {3, 64, 130, 199})
+        EXPECT_TRUE(g_outcomes.isDone(row)) << row;
+    EXPECT_FALSE(g_outcomes.isDone(4) || g_outcomes.isDone(63) || g_outcomes.isDone(500) || g_outcomes.isDone(-1));
+    EXPECT_FALSE(g_outcomes.failed(3));
+    EXPECT_EQ(g_outcomes.errorIndex(64), 1u) << "reported after a later row";
+    EXPECT_EQ(g_outcomes.errorIndex(130), 0u);
+    EXPECT_EQ(g_outcomes.errorIndex(199), 0u);
+    g_outcomes.setErrorIndex(64, 0);
+    EXPECT_EQ(g_outcomes.errorIndex(64), 0u);
+    EXPECT_EQ(g_outcomes.errorIndex(130), 0u);
+    ClearTransactions();
+    EXPECT_TRUE(g_transactions.isEmpty());
+    EXPECT_FALSE(g_outcomes.isDone(3) || g_outcomes.failed(130)) << "a new list starts with no outcomes";
+    g_errors.clear();
 }
 
 TEST(FolderTrees, NamesStayPutWhileTheTreeGrows)

@@ -367,9 +367,10 @@ TEST_F(EquivalenceTest, AnalysisAndBackupMatchTheReference)
     ASSERT_TRUE(receiver.complete.has_value());
     EXPECT_FALSE(receiver.complete->error.has_value()) << receiver.complete->error->toStdString();
     EXPECT_EQ(g_failedTransactions, 0);
-    for (const BUTransaction &t : std::as_const(g_transactions)) {
-        if (t.errorIndex() != BUTransaction::kNoError)
-            ADD_FAILURE() << t.path().toStdString() << ": " << g_errors[qsizetype(t.errorIndex())].toStdString();
+    for (qsizetype row = 0; row < g_transactions.size(); ++row) {
+        if (g_outcomes.failed(row))
+            ADD_FAILURE() << g_transactions.at(row).path().toStdString() << ": "
+                          << g_errors[qsizetype(g_outcomes.errorIndex(row))].toStdString();
     }
     for (const BUTransaction &t : std::as_const(copies)) {
         const QByteArray from = FileNameToBytes(t.path());

@@ -213,7 +213,7 @@ TEST_F(MainWindow, FailedActionIsRedAndNextErrorFindsIt)
 TEST_F(MainWindow, ProgressReportsTouchOnlyTheirRows)
 {
     // 200,000 rows: uniform heights, and each report changes one range, not the whole table.
-    g_transactions.clear();
+    ClearTransactions();
     for (int i = 0; i < 200000; ++i)
         g_transactions.append(BUTransaction(QStringLiteral("/src/Docs/f%1").arg(i), QStringLiteral("/src")));
     static_cast<BUTransactionTableModel *>(table->model())->reload();
@@ -229,7 +229,7 @@ TEST_F(MainWindow, ProgressReportsTouchOnlyTheirRows)
     window->backupStatus(report);
     EXPECT_EQ(changes, 1);
     EXPECT_EQ(table->currentIndex().row(), 1002); // the list follows the work
-    g_transactions.clear();
+    ClearTransactions();
     static_cast<BUTransactionTableModel *>(table->model())->reload();
 }
 

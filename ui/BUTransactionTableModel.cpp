@@ -9,15 +9,6 @@
 #include <QFileInfo>
 #include <QStyle>
 
-namespace {
-
-bool Failed(const BUTransaction &transaction)
-{
-    return transaction.errorIndex() != BUTransaction::kNoError;
-}
-
-} // namespace
-
 BUTransactionTableModel::BUTransactionTableModel(QObject *parent)
     : QAbstractTableModel(parent), folderImage(QApplication::style()->standardIcon(QStyle::SP_DirIcon))
 {
@@ -59,12 +50,13 @@ QVariant BUTransactionTableModel::data(const QModelIndex &index, int role) const
     if (!index.isValid() || index.row() >= g_transactions.size())
         return {};
     const BUTransaction &t = g_transactions.at(index.row());
-    const bool failed = Failed(t);
+    const bool failed = g_outcomes.failed(index.row());
+    const bool done = g_outcomes.isDone(index.row());
     switch (role) {
     case Qt::DisplayRole:
         switch (index.column()) {
         case kStatusColumn:
-            return failed ? QStringLiteral("\u2718") : (t.isDone() ? QStringLiteral("\u2713") : QString());
+            return failed ? QStringLiteral("\u2718") : (done ? QStringLiteral("\u2713") : QString());
         case kActionColumn:
             return t.actionName();
         case kNameColumn:
@@ -73,7 +65,7 @@ QVariant BUTransactionTableModel::data(const QModelIndex &index, int role) const
             const QString location = locationOf(t.path());
             if (!failed)
                 return location;
-            return location + u'\n' + g_errors.value(qsizetype(t.errorIndex()));
+            return location + u'\n' + g_errors.value(qsizetype(g_outcomes.errorIndex(index.row())));
         }
         default:
             return {};
@@ -88,12 +80,11 @@ QVariant BUTransactionTableModel::data(const QModelIndex &index, int role) const
         return index.column() == kStatusColumn ? QVariant(Qt::AlignCenter) : QVariant(Qt::AlignLeft | Qt::AlignVCenter);
     case Qt::ToolTipRole:
         if (index.column() == kLocationColumn || index.column() == kNameColumn)
-            return failed ? t.path() + u'\n' + g_errors.value(qsizetype(t.errorIndex())) : t.path();
+            return failed ? t.path() + u'\n' + g_errors.value(qsizetype(g_outcomes.errorIndex(index.row()))) : t.path();
         return {};
     case Qt::AccessibleTextRole:
         if (index.column() == kStatusColumn)
-            return failed ? QStringLiteral("failed")
-                          : (t.isDone() ? QStringLiteral("done") : QStringLiteral("waiting"));
+            return failed ? QStringLiteral("failed") : (done ? QStringLiteral("done") : QStringLiteral("waiting"));
         return {};
     default:
         return {};

@@ -326,7 +326,7 @@ void BUWindowController::backup(bool onlyAnalyze)
     const QString target = selectedDrive();
     if (target.isEmpty() || controller.backupFolders().isEmpty() || operationQueue.operationCount() > 0 || running)
         return;
-    g_transactions.clear();
+    ClearTransactions();
     transactionModel.reload();
     running = true;
     ui->progressControl->setRange(0, 0); // indeterminate while analysing
@@ -390,7 +390,7 @@ void BUWindowController::analysisComplete(const BUAnalysisReport &report)
         }
     }
     if (!analyzeOnly) {
-        g_transactions.clear();
+        ClearTransactions();
         transactionModel.reload();
     }
     finishJob();
@@ -601,15 +601,14 @@ void BUWindowController::nextError()
         return;
     const QModelIndex current = ui->actionTable->currentIndex();
     const qsizetype start = current.isValid() ? current.row() + 1 : 0;
-    auto failed = [](const BUTransaction &t) { return t.errorIndex() != BUTransaction::kNoError; };
     for (qsizetype row = start; row < count; ++row) {
-        if (failed(g_transactions.at(row))) {
+        if (g_outcomes.failed(row)) {
             selectTransactionRow(row);
             return;
         }
     }
     for (qsizetype row = 0; row < std::min(start, count); ++row) {
-        if (failed(g_transactions.at(row))) {
+        if (g_outcomes.failed(row)) {
             selectTransactionRow(row);
             return;
         }

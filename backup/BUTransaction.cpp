@@ -104,7 +104,7 @@ public:
         if (handle != 0) {
             m_firstFree = uint32_t(m_places[handle - 1] >> 1);
         } else {
-            if (m_placeCount == UINT32_MAX || !m_places.reserve(m_placeCount))
+            if (m_placeCount >= kMaxHandle || !m_places.reserve(m_placeCount))
                 throw std::bad_alloc();
             handle = ++m_placeCount;
         }
@@ -155,6 +155,7 @@ private:
     static constexpr std::size_t kBlockSize = std::size_t(1) << 20;
     static constexpr std::size_t kLargestShared = kBlockSize / 16;
     static constexpr uint32_t kMaxRoots = uint32_t(1) << 30;
+    static constexpr uint32_t kMaxHandle = (uint32_t(1) << 28) - 1; // a transaction keeps 28 bits
     struct BlockHeader {
         uint32_t used = sizeof(BlockHeader); // bytes from the block's start
         uint32_t live = 0; // places in it
@@ -267,23 +268,44 @@ const QString &BUTransaction::Place::rootPath() const
     return PlaceTable::instance().root(m_root);
 }
 
+uint64_t BUTransaction::Place::size() const
+{
+    uint64_t size = 0;
+    if (m_hasSize)
+        std::memcpy(&size, this + 1, sizeof size);
+    return size;
+}
+
 BUTransaction::PlaceRef BUTransaction::makePlace(const QString &wholePath, const QString &root, const QString &names)
+{
+    return makePlace(wholePath, root, names, nullptr);
+}
+
+BUTransaction::PlaceRef BUTransaction::makePlace(
+    const QString &wholePath, const QString &root, const QString &names, const uint64_t *size)
 {
     const qsizetype prefix = _RootPrefix(wholePath, root);
     const QStringView path = QStringView(wholePath).mid(prefix);
+    if (path.size() > 0x3FFFFFFF || names.size() > 0x7FFFFFFF)
+        throw std::bad_alloc(); // beyond what a place counts
     const bool widePath = _IsWide(path), wideNames = _IsWide(names);
-    const std::size_t bytes
-        = std::size_t(path.size()) * (widePath ? 2 : 1) + std::size_t(names.size()) * (wideNames ? 2 : 1);
+    const std::size_t bytes = (size ? sizeof *size : 0) + std::size_t(path.size()) * (widePath ? 2 : 1)
+        + std::size_t(names.size()) * (wideNames ? 2 : 1);
     PlaceTable &table = PlaceTable::instance();
     const uint32_t rootIndex = table.rootIndex(root);
-    // The record, then its text (freed by Place's operator delete).
+    // The record, then its size and text (freed by Place's operator delete).
     bool own = false;
     void *memory = table.allocate(sizeof(Place) + bytes, &own);
     auto *place
         = new (memory) Place(rootIndex, uint32_t(path.size()), widePath, prefix > 0, uint32_t(names.size()), wideNames);
     place->m_ownBlock = own;
+    place->m_hasSize = size != nullptr;
     PlaceRef ref(place); // frees the block should the table have no room
     char *text = reinterpret_cast<char *>(place + 1);
+    if (size) {
+        std::memcpy(text, size, sizeof *size);
+        text += sizeof *size;
+    }
     _StoreText(_StoreText(text, path, widePath), names, wideNames);
     place->m_handle = table.add(place);
     return ref;
@@ -293,23 +315,21 @@ BUTransaction::BUTransaction(const QString &path, const QString &root) : BUTrans
 {
 }
 
-BUTransaction::BUTransaction(const PlaceRef &place) : m_place(place ? place->m_handle : 0)
+BUTransaction::BUTransaction(const PlaceRef &place)
 {
-    if (place)
-        place->ref.ref();
+    setPlace(place);
 }
 
 BUTransaction::BUTransaction(const BUTransaction &other)
-    : m_place(other.m_place), m_nameStart(other.m_nameStart), m_sizeLow(other.m_sizeLow), m_sizeHigh(other.m_sizeHigh),
-      m_nameLength(other.m_nameLength), m_flags(other.m_flags)
+    : m_place(other.m_place), m_name(other.m_name), m_size(other.m_size)
 {
-    if (m_place != 0)
+    if (handle() != 0)
         place()->ref.ref();
 }
 
 BUTransaction::~BUTransaction()
 {
-    if (m_place == 0)
+    if (handle() == 0)
         return;
     const Place *held = place();
     if (!held->ref.deref())
@@ -318,45 +338,71 @@ BUTransaction::~BUTransaction()
 
 const BUTransaction::Place *BUTransaction::place() const
 {
-    return m_place != 0 ? PlaceTable::instance().at(m_place) : nullptr;
+    return handle() != 0 ? PlaceTable::instance().at(handle()) : nullptr;
+}
+
+void BUTransaction::setPlace(const PlaceRef &place)
+{
+    if (place)
+        place->ref.ref();
+    if (handle() != 0) {
+        const Place *held = this->place();
+        if (!held->ref.deref())
+            delete held;
+    }
+    m_place = (m_place & ~kHandleBits) | (place ? place->m_handle : 0);
 }
 
 BUTransaction::BUTransaction(const PlaceRef &place, uint32_t nameStart, uint32_t nameLength) : BUTransaction(place)
 {
-    m_nameStart = nameStart;
-    m_nameLength = uint8_t(nameLength);
-    if (nameLength == kNoName || nameLength > kMaxNameLength) {
-        // Not a name a folder of this system holds: kept whole, in a place of its own.
-        m_nameLength = kNoName;
-        m_nameStart = 0;
-        QString whole;
-        if (place)
-            _AppendItemPath(whole, *place, nameStart, nameLength);
-        *this = BUTransaction(makePlace(whole, place ? place->rootPath() : QString()));
+    if (nameLength != kNoName && nameLength <= kMaxNameLength && nameStart <= kNameStartBits) {
+        m_name = nameStart | nameLength << kNameLengthShift;
+        return;
     }
+    // Not a name a folder of this system holds, or one too far into its folder's names: kept
+    // whole, in a place of its own.
+    QString whole;
+    if (place)
+        _AppendItemPath(whole, *place, nameStart, nameLength);
+    setPlace(makePlace(whole, place ? place->rootPath() : QString()));
+}
+
+void BUTransaction::setFileSize(double fileSize)
+{
+    const uint64_t size = fileSize <= 0 ? 0 : fileSize >= double(kMaxFileSize) ? kMaxFileSize : uint64_t(fileSize);
+    if (size < kSizeInPlace) {
+        m_size = uint32_t(size);
+        return;
+    }
+    const Place *held = place();
+    QString whole;
+    appendPath(whole, held);
+    setPlace(makePlace(whole, held ? held->rootPath() : QString(), QString(), &size));
+    m_name = kNoName;
+    m_size = kSizeInPlace;
 }
 
 const QString &BUTransaction::rootPath() const
 {
-    return m_place != 0 ? place()->rootPath() : kNoString;
+    return handle() != 0 ? place()->rootPath() : kNoString;
 }
 
 template <typename Buffer> void BUTransaction::appendName(Buffer &buffer, const Place *held) const
 {
     if (!held)
         return;
-    if (m_nameLength == kNoName)
+    if (nameLength() == kNoName)
         _AppendPlacePath(buffer, *held);
     else
-        _AppendText(buffer, held->names(), m_nameStart, m_nameLength);
+        _AppendText(buffer, held->names(), nameStart(), nameLength());
 }
 
 template <typename Buffer> void BUTransaction::appendPath(Buffer &buffer, const Place *held) const
 {
-    if (!held || m_nameLength == kNoName)
+    if (!held || nameLength() == kNoName)
         appendName(buffer, held);
     else
-        _AppendItemPath(buffer, *held, m_nameStart, m_nameLength);
+        _AppendItemPath(buffer, *held, nameStart(), nameLength());
 }
 
 QString BUTransaction::path() const
@@ -364,7 +410,7 @@ QString BUTransaction::path() const
     QString path;
     const Place *held = place();
     if (held)
-        path.reserve(held->rootPath().size() + held->path().size + 2 + qsizetype(m_nameLength));
+        path.reserve(held->rootPath().size() + held->path().size + 2 + qsizetype(nameLength()));
     appendPath(path, held);
     return path;
 }
@@ -390,7 +436,7 @@ int BUTransaction::compare(const BUTransaction &other) const
     // Items of one folder differ only after the folder's "/".
     QVarLengthArray<QChar, 256> a, b;
     const Place *mine = place(), *theirs = other.place();
-    if (m_nameLength != kNoName && other.m_nameLength != kNoName && mine && theirs
+    if (nameLength() != kNoName && other.nameLength() != kNoName && mine && theirs
         && (mine == theirs || mine->samePath(*theirs))) {
         appendName(a, mine);
         other.appendName(b, theirs);

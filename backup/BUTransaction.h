@@ -38,7 +38,7 @@ public:
     // tree's names are most of what a full backup holds. A path below the root is kept without the
     // root, which every place of a backup folder shares and which is kept once for the process.
     // A transaction names its place by a 4-byte handle into a process-wide table rather than by
-    // pointer, which keeps a transaction at 16 bytes. Places are cut from large blocks of their own:
+    // pointer, which keeps a transaction at 12 bytes. Places are cut from large blocks of their own:
     // dense, and apart from the heap's short-lived blocks that would leave holes between them.
     class Place : public QSharedData {
     public:
@@ -57,7 +57,7 @@ public:
         // Null for none.
         const QString &rootPath() const;
         // The path as kept: after the root and a "/" when belowRoot(), else whole.
-        Text path() const { return {reinterpret_cast<const char *>(this + 1), m_pathSize, bool(m_widePath)}; }
+        Text path() const { return {text(), m_pathSize, bool(m_widePath)}; }
         bool belowRoot() const { return m_belowRoot; }
         // The same folder: the same path from the same root.
         bool samePath(const Place &other) const
@@ -65,14 +65,16 @@ public:
             return path() == other.path() && m_belowRoot == other.m_belowRoot
                 && (!m_belowRoot || m_root == other.m_root);
         }
-        Text names() const
-        {
-            return {reinterpret_cast<const char *>(this + 1) + m_pathSize * (m_widePath ? 2 : 1), m_namesSize,
-                bool(m_wideNames)};
-        }
+        Text names() const { return {text() + m_pathSize * (m_widePath ? 2 : 1), m_namesSize, bool(m_wideNames)}; }
 
     private:
         friend class BUTransaction;
+        // A file size too large for a transaction is kept in its item's own place, before the text.
+        const char *text() const
+        {
+            return reinterpret_cast<const char *>(this + 1) + (m_hasSize ? sizeof(uint64_t) : 0);
+        }
+        uint64_t size() const;
         Place(uint32_t root, uint32_t pathSize, bool widePath, bool belowRoot, uint32_t namesSize, bool wideNames)
             : m_root(root), m_belowRoot(belowRoot), m_pathSize(pathSize), m_widePath(widePath), m_namesSize(namesSize),
               m_wideNames(wideNames)
@@ -82,8 +84,9 @@ public:
         uint32_t m_root : 30; // index of the root in the process's roots
         uint32_t m_belowRoot : 1;
         uint32_t m_ownBlock : 1 = 0; // not cut from a block shared with other places
-        uint32_t m_pathSize : 31;
+        uint32_t m_pathSize : 30;
         uint32_t m_widePath : 1;
+        uint32_t m_hasSize : 1 = 0;
         uint32_t m_namesSize : 31;
         uint32_t m_wideNames : 1;
     };
@@ -104,11 +107,8 @@ public:
     void swap(BUTransaction &other) noexcept
     {
         std::swap(m_place, other.m_place);
-        std::swap(m_nameStart, other.m_nameStart);
-        std::swap(m_sizeLow, other.m_sizeLow);
-        std::swap(m_sizeHigh, other.m_sizeHigh);
-        std::swap(m_nameLength, other.m_nameLength);
-        std::swap(m_flags, other.m_flags);
+        std::swap(m_name, other.m_name);
+        std::swap(m_size, other.m_size);
     }
 
     // Action Copy, not a folder, size 0. A null root is "none".
@@ -123,22 +123,21 @@ public:
     // For a source item, the parent folder of its backup folder; the device root for a device
     // folder to delete; null for a device file to delete.
     const QString &rootPath() const;
-    uint32_t action() const { return m_flags & kActionBits; }
+    uint32_t action() const { return (m_place & kActionBits) >> kActionShift; }
     // Any other action than the three is a Copy.
-    void setAction(uint32_t action) { m_flags = uint8_t((m_flags & ~kActionBits) | std::min<uint32_t>(action, kCopy)); }
-    // Bytes, up to 256 TiB (more than any device holds; a larger size counts as that).
-    double fileSize() const { return double(uint64_t(m_sizeLow) | uint64_t(m_sizeHigh) << 32); }
-    void setFileSize(double fileSize)
+    void setAction(uint32_t action)
     {
-        const uint64_t size = fileSize <= 0 ? 0 : fileSize >= double(kMaxFileSize) ? kMaxFileSize : uint64_t(fileSize);
-        m_sizeLow = uint32_t(size);
-        m_sizeHigh = uint16_t(size >> 32);
+        m_place = (m_place & ~kActionBits) | std::min<uint32_t>(action, kCopy) << kActionShift;
     }
-    bool isFolder() const { return m_flags & kFolderBit; }
+    // Bytes, up to 256 TiB (more than any device holds; a larger size counts as that).
+    double fileSize() const { return m_size != kSizeInPlace ? double(m_size) : double(place()->size()); }
+    // Throws std::bad_alloc when a size of 4 GiB or more finds no room.
+    void setFileSize(double fileSize);
+    bool isFolder() const { return m_place & kFolderBit; }
     void setFolder(bool folder) { setFlag(kFolderBit, folder); }
     // A Copy whose item the analysis found on the device: the old copy is removed first. Any
     // other Copy expects its name to be free.
-    bool replacesItem() const { return m_flags & kReplacesBit; }
+    bool replacesItem() const { return m_place & kReplacesBit; }
     void setReplacesItem(bool replaces) { setFlag(kReplacesBit, replaces); }
 
     // "Delete", "Update", or "Copy" for any other action.
@@ -148,33 +147,44 @@ public:
     int compare(const BUTransaction &other) const;
 
 private:
-    // 16 bytes a transaction: a full backup of a large tree holds hundreds of thousands.
+    // 12 bytes a transaction: a full backup of a large tree holds hundreds of thousands. The
+    // first word holds the place's handle and the flags, the second the name's start and length
+    // in the place's names, the third the size. What does not fit (a name that starts too far into
+    // its folder's names, a size of 4 GiB or more) is kept with the whole path in a place of its own.
+    static constexpr uint32_t kHandleBits = 0x0FFFFFFFU, kActionBits = 0x30000000U, kFolderBit = 0x40000000U,
+                              kReplacesBit = 0x80000000U;
+    static constexpr int kActionShift = 28;
+    static constexpr uint32_t kNameStartBits = 0x00FFFFFFU;
+    static constexpr int kNameLengthShift = 24;
+    static constexpr uint32_t kSizeInPlace = 0xFFFFFFFFU;
     static constexpr uint64_t kMaxFileSize = (uint64_t(1) << 48) - 1;
-    static constexpr uint8_t kActionBits = 0x3, kFolderBit = 0x4, kReplacesBit = 0x8;
     // A name is at most 255 bytes on Linux, so at most 255 UTF-16 units; a longer one is kept as
     // a whole path. No name: the place's path is the whole path.
     static constexpr uint32_t kMaxNameLength = 255;
-    static constexpr uint8_t kNoName = 0;
-    void setFlag(uint8_t bit, bool on) { m_flags = uint8_t(on ? m_flags | bit : m_flags & ~bit); }
+    static constexpr uint32_t kNoName = 0;
+    void setFlag(uint32_t bit, bool on) { m_place = on ? m_place | bit : m_place & ~bit; }
+    uint32_t handle() const { return m_place & kHandleBits; }
+    uint32_t nameStart() const { return m_name & kNameStartBits; }
+    uint32_t nameLength() const { return m_name >> kNameLengthShift; }
     const Place *place() const;
+    // Names the place, holding a reference, keeping the flags; the old place is let go.
+    void setPlace(const PlaceRef &place);
+    static PlaceRef makePlace(const QString &path, const QString &root, const QString &names, const uint64_t *size);
     // Appends the item's name, or the whole path, to a buffer of QChar without allocating a string;
     // held is place().
     template <typename Buffer> void appendName(Buffer &buffer, const Place *held) const;
     // Appends the path to a buffer, without allocating a string of it.
     template <typename Buffer> void appendPath(Buffer &buffer, const Place *held) const;
 
-    uint32_t m_place = 0; // the place's handle; 0 only for a transaction made empty
-    uint32_t m_nameStart = 0;
-    uint32_t m_sizeLow = 0;
-    uint16_t m_sizeHigh = 0;
-    uint8_t m_nameLength = kNoName;
-    uint8_t m_flags = kCopy;
+    uint32_t m_place = kCopy << kActionShift; // no handle only for a transaction made empty
+    uint32_t m_name = kNoName;
+    uint32_t m_size = 0;
 };
 
 // A handle and plain values: a growing list may move its transactions as bytes (realloc) instead of
 // copying each one into a second block.
 Q_DECLARE_TYPEINFO(BUTransaction, Q_RELOCATABLE_TYPE);
-static_assert(sizeof(BUTransaction) == 16);
+static_assert(sizeof(BUTransaction) == 12);
 
 using BUTransactionList = QList<BUTransaction>;
 

@@ -91,12 +91,29 @@ TEST(Transactions, TableOrderAndErrorCodes)
     const QString longName(300, u'n');
     const BUTransaction longOne(BUTransaction::makePlace(QStringLiteral("/s/"), QString(), longName), 0, 300);
     EXPECT_EQ(longOne.path(), QStringLiteral("/s/") + longName);
+    // A name too far into its folder's names for a transaction to point at is kept whole.
+    const QString manyNames = QString(1 << 24, u'x') + QStringLiteral("far.txt");
+    const BUTransaction far(
+        BUTransaction::makePlace(QStringLiteral("/s/big"), QStringLiteral("/s"), manyNames), uint32_t(1 << 24), 7);
+    EXPECT_EQ(far.path(), QStringLiteral("/s/big/far.txt"));
+    EXPECT_EQ(far.rootPath(), QStringLiteral("/s"));
+
+    // A size of 4 GiB or more moves the item into a place of its own, keeping the rest.
     BUTransaction sized(docs, 0, 5);
-    sized.setFileSize(5e12);
     sized.setFolder(true);
     sized.setReplacesItem(true);
+    sized.setFileSize(4294967295.0);
+    const BUTransaction copied = sized;
+    sized.setFileSize(5e12);
     EXPECT_EQ(sized.fileSize(), 5e12);
+    EXPECT_EQ(copied.fileSize(), 4294967295.0);
+    EXPECT_EQ(sized.path(), QStringLiteral("/s/B.TXT"));
+    EXPECT_EQ(sized.rootPath(), QStringLiteral("/"));
+    EXPECT_EQ(sized.compare(copied), 0);
     EXPECT_TRUE(sized.isFolder() && sized.replacesItem());
+    sized.setFileSize(12);
+    EXPECT_EQ(sized.fileSize(), 12);
+    EXPECT_EQ(sized.path(), QStringLiteral("/s/B.TXT"));
     EXPECT_EQ(sized.action(), uint32_t(BUTransaction::kCopy));
     sized.setAction(BUTransaction::kDelete);
     sized.setFolder(false);

@@ -268,6 +268,17 @@ const QString &BUTransaction::Place::rootPath() const
     return PlaceTable::instance().root(m_root);
 }
 
+// Inline: every comparison of the sort finds two places.
+inline const BUTransaction::Place *BUTransaction::place() const
+{
+    return handle() != 0 ? PlaceTable::instance().at(handle()) : nullptr;
+}
+
+double BUTransaction::fileSize() const
+{
+    return m_size != kSizeInPlace ? double(m_size) : double(place()->size());
+}
+
 uint64_t BUTransaction::Place::size() const
 {
     uint64_t size = 0;
@@ -334,11 +345,6 @@ BUTransaction::~BUTransaction()
     const Place *held = place();
     if (!held->ref.deref())
         delete held;
-}
-
-const BUTransaction::Place *BUTransaction::place() const
-{
-    return handle() != 0 ? PlaceTable::instance().at(handle()) : nullptr;
 }
 
 void BUTransaction::setPlace(const PlaceRef &place)

@@ -130,7 +130,7 @@ public:
         m_place = (m_place & ~kActionBits) | std::min<uint32_t>(action, kCopy) << kActionShift;
     }
     // Bytes, up to 256 TiB (more than any device holds; a larger size counts as that).
-    double fileSize() const { return m_size != kSizeInPlace ? double(m_size) : double(place()->size()); }
+    double fileSize() const;
     // Throws std::bad_alloc when a size of 4 GiB or more finds no room.
     void setFileSize(double fileSize);
     bool isFolder() const { return m_place & kFolderBit; }

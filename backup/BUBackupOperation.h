@@ -6,8 +6,8 @@
 // cannot be created stops the run.
 //
 // Threads: created and cancelled on the main thread; performOperation runs on the queue's worker
-// thread named "backup" and works on its own copy of the transaction list, so the main thread may
-// mark g_transactions done while it runs.
+// thread named "backup" and reads its own copy of the transaction list (sharing its storage), which
+// nothing writes while it runs: the main thread records outcomes apart, in g_outcomes.
 #pragma once
 
 #include "backup/BUEngineReceiver.h"

@@ -222,7 +222,7 @@ void ClearTransactions();
 // The shared state of one analysis and backup.
 extern BUTransactionList g_transactions;
 extern BUTransactionOutcomes g_outcomes;
-extern QStringList g_errors; // distinct error texts; a transaction's errorIndex points here
+extern QStringList g_errors; // distinct error texts; an outcome's error index points here
 extern double g_totalBytes; // bytes the backup will copy
 extern double g_copiedBytes; // bytes copied so far
 extern int64_t g_finishedTransactions;

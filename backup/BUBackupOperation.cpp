@@ -325,23 +325,25 @@ QString _ParentOf(const QString &path)
 }
 
 // Records the device folder at relative as changed by the current transaction: its item, or the
-// folder holding it when holding. rootKnown: the transaction's root is its source's, which has
-// the same path below it as the device copy below the device root.
-void _TouchFolder(BackupRun &run, QStringView relative, bool holding, bool rootKnown)
+// folder holding it when holding. The root of a transaction other than a delete is its source's,
+// which has the same path below it as the device copy below the device root.
+void _TouchFolder(BackupRun &run, QStringView relative, bool holding)
 {
     if (relative.isEmpty())
         return; // the device root mirrors nothing
+    const BUTransaction &transaction = run.transactions.at(run.row);
+    const bool rootKnown = transaction.action() != BUTransaction::kDelete && !transaction.rootPath().isNull();
     run.touchedFolders.add(relative, run.row, holding, rootKnown);
 }
 
 // The same for the folder of a copied file, from the file's path on the device.
-void _TouchParentOfFile(BackupRun &run, const QString &relative, bool rootKnown)
+void _TouchParentOfFile(BackupRun &run, const QString &relative)
 {
     const qsizetype slash = relative.lastIndexOf(u'/');
     if (slash <= 0 || (run.lastTouched.size() == slash && relative.startsWith(run.lastTouched)))
         return;
     run.lastTouched = relative.left(slash);
-    _TouchFolder(run, run.lastTouched, true, rootKnown);
+    _TouchFolder(run, run.lastTouched, true);
 }
 
 QString _ErrorForUnmountedVolume(BackupRun &run, const QString &path)
@@ -455,7 +457,7 @@ QString _UpdateItem(BackupRun &run, const BUTransaction &transaction)
     if (transaction.isFolder()) {
         // A folder keeps its owner's access while the run may still write into it; its own mode
         // comes at the end with its times.
-        _TouchFolder(run, relative, false, !transaction.rootPath().isNull());
+        _TouchFolder(run, relative, false);
         if (!RunningAsRoot())
             extraMode = S_IRWXU;
     }
@@ -476,7 +478,7 @@ QString _CopyFolder(BackupRun &run, const BUTransaction &transaction, QString *f
     QByteArray name;
     const int parentFd = run.deviceParent(relative, &name, true, &error);
     if (parentFd >= 0 && ::mkdirat(parentFd, name.constData(), 0777) == 0) {
-        _TouchFolder(run, _ParentOf(relative), true, !transaction.rootPath().isNull());
+        _TouchFolder(run, _ParentOf(relative), true);
         _UpdateItem(run, transaction);
         return QString();
     }
@@ -524,7 +526,7 @@ QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fat
                 break;
             }
             if (run.copier.copyFile(sourceFd, sourceName, parentFd, name, run.device.kind(), &error)) {
-                _TouchParentOfFile(run, relative, !transaction.rootPath().isNull());
+                _TouchParentOfFile(run, relative);
                 return QString();
             }
             // The name was free at the analysis and has been taken since: what took it goes, as
@@ -580,7 +582,7 @@ QString _DeleteItem(BackupRun &run, const BUTransaction &transaction)
     const Descriptor parent {run.device.openParent(relative, &name, false, &error)};
     if (parent.fd < 0 || !RemoveItemAt(parent.fd, name.constData(), &error))
         return _ErrorStringFromError(run, error, transaction.path());
-    _TouchFolder(run, _ParentOf(relative), true, false);
+    _TouchFolder(run, _ParentOf(relative), true);
     return QString();
 }
 

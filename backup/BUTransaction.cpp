@@ -37,13 +37,13 @@ public:
 
     Slot &operator[](std::size_t index) const
     {
-        const std::size_t chunk = std::size_t(std::bit_width(index / kFirst + 1)) - 1;
+        const std::size_t chunk = chunkOf(index);
         return m_chunks[chunk].load(std::memory_order_acquire)[index - kFirst * ((std::size_t(1) << chunk) - 1)];
     }
     // Makes room for the slot at index; false when there is no more.
     bool reserve(std::size_t index)
     {
-        const std::size_t chunk = std::size_t(std::bit_width(index / kFirst + 1)) - 1;
+        const std::size_t chunk = chunkOf(index);
         if (chunk >= kChunks)
             return false;
         if (!m_chunks[chunk].load(std::memory_order_relaxed))
@@ -52,6 +52,8 @@ public:
     }
 
 private:
+    static std::size_t chunkOf(std::size_t index) { return std::size_t(std::bit_width(index / kFirst + 1)) - 1; }
+
     std::atomic<Slot *> m_chunks[kChunks] {};
 };
 
@@ -163,8 +165,8 @@ private:
 
     PlaceTable()
     {
-        m_roots.reserve(0);
-    } // the first root, null: none
+        m_roots.reserve(0); // the first root, null: none
+    }
 
     std::mutex m_mutex;
     // Plain words: a slot is written before its handle reaches another thread, and only read
@@ -340,10 +342,13 @@ BUTransaction::BUTransaction(const BUTransaction &other)
 
 BUTransaction::~BUTransaction()
 {
-    if (handle() == 0)
-        return;
+    releasePlace();
+}
+
+void BUTransaction::releasePlace() const
+{
     const Place *held = place();
-    if (!held->ref.deref())
+    if (held && !held->ref.deref())
         delete held;
 }
 
@@ -351,11 +356,7 @@ void BUTransaction::setPlace(const PlaceRef &place)
 {
     if (place)
         place->ref.ref();
-    if (handle() != 0) {
-        const Place *held = this->place();
-        if (!held->ref.deref())
-            delete held;
-    }
+    releasePlace();
     m_place = (m_place & ~kHandleBits) | (place ? place->m_handle : 0);
 }
 
@@ -543,11 +544,28 @@ void BUTransactionOutcomes::setDone(qsizetype row)
     m_done[word] |= uint64_t(1) << (std::size_t(row) % 64);
 }
 
+std::vector<BUTransactionOutcomes::Failure>::const_iterator BUTransactionOutcomes::failureFrom(qsizetype row) const
+{
+    return std::lower_bound(m_errors.cbegin(), m_errors.cend(), row,
+        [](const Failure &failure, qsizetype key) { return failure.first < key; });
+}
+
 uint64_t BUTransactionOutcomes::errorIndex(qsizetype row) const
 {
-    const auto found = std::lower_bound(
-        m_errors.begin(), m_errors.end(), row, [](const auto &error, qsizetype key) { return error.first < key; });
-    return found != m_errors.end() && found->first == row ? found->second : BUTransaction::kNoError;
+    const auto found = failureFrom(row);
+    return found != m_errors.cend() && found->first == row ? found->second : BUTransaction::kNoError;
+}
+
+QString BUTransactionOutcomes::errorText(qsizetype row) const
+{
+    const uint64_t index = errorIndex(row);
+    return index < uint64_t(g_errors.size()) ? g_errors.at(qsizetype(index)) : QString();
+}
+
+qsizetype BUTransactionOutcomes::firstFailure(qsizetype row) const
+{
+    const auto found = failureFrom(row);
+    return found != m_errors.cend() ? found->first : -1;
 }
 
 void BUTransactionOutcomes::setErrorIndex(qsizetype row, uint32_t errorIndex)
@@ -557,9 +575,8 @@ void BUTransactionOutcomes::setErrorIndex(qsizetype row, uint32_t errorIndex)
         m_errors.emplace_back(row, errorIndex);
         return;
     }
-    const auto found = std::lower_bound(
-        m_errors.begin(), m_errors.end(), row, [](const auto &error, qsizetype key) { return error.first < key; });
-    if (found != m_errors.end() && found->first == row)
+    const auto found = m_errors.begin() + (failureFrom(row) - m_errors.cbegin());
+    if (found->first == row)
         found->second = errorIndex;
     else
         m_errors.insert(found, {row, errorIndex});
@@ -575,6 +592,7 @@ void ClearTransactions()
 {
     g_transactions.clear();
     g_outcomes.clear();
+    g_errors.clear();
 }
 
 qsizetype ApplyBackupStatus(const QMap<qsizetype, QString> &trans, double copied)

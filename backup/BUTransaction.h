@@ -167,6 +167,8 @@ private:
     uint32_t nameStart() const { return m_name & kNameStartBits; }
     uint32_t nameLength() const { return m_name >> kNameLengthShift; }
     const Place *place() const;
+    // Lets the place go: the last transaction to hold it frees it.
+    void releasePlace() const;
     // Names the place, holding a reference, keeping the flags; the old place is let go.
     void setPlace(const PlaceRef &place);
     static PlaceRef makePlace(const QString &path, const QString &root, const QString &names, const uint64_t *size);
@@ -202,12 +204,20 @@ public:
     // BUTransaction::kNoError when the transaction did not fail.
     uint64_t errorIndex(qsizetype row) const;
     bool failed(qsizetype row) const { return errorIndex(row) != BUTransaction::kNoError; }
+    // The failure's text in g_errors; null when the transaction did not fail.
+    QString errorText(qsizetype row) const;
+    // The first failed row from row on; -1 for none.
+    qsizetype firstFailure(qsizetype row) const;
     void setErrorIndex(qsizetype row, uint32_t errorIndex);
     void clear();
 
 private:
+    using Failure = std::pair<qsizetype, uint32_t>; // row, error index
+    // The first failure at row or after it.
+    std::vector<Failure>::const_iterator failureFrom(qsizetype row) const;
+
     std::vector<uint64_t> m_done;
-    std::vector<std::pair<qsizetype, uint32_t>> m_errors; // by row
+    std::vector<Failure> m_errors; // by row
 };
 
 // Applies one progress report of the backup to the shared state, as every front end shows it:
@@ -216,7 +226,7 @@ private:
 // (appended when new). Returns the highest index reported, -1 for none. Main thread.
 qsizetype ApplyBackupStatus(const QMap<qsizetype, QString> &trans, double copied);
 
-// Empties g_transactions and forgets their outcomes, before a new analysis.
+// Empties g_transactions and forgets their outcomes and error texts, before a new analysis.
 void ClearTransactions();
 
 // The shared state of one analysis and backup.

@@ -98,7 +98,6 @@ public:
         connect(&KSSignalWatcher::sharedInstance(), &KSSignalWatcher::signalReceived, this, [this] { cancel(); });
 
         ClearTransactions();
-        g_errors.clear();
         m_queue.addOperation(std::make_shared<BUAnalyzeOperation>(
             m_device, this, app.backupFolders(), app.ignoreFolders(), app.ignoreFiles()));
         return m_loop.exec();
@@ -299,10 +298,8 @@ private:
             if (m_backupRan) {
                 out += QStringLiteral(", \"done\": ")
                     + (g_outcomes.isDone(i) ? QStringLiteral("true") : QStringLiteral("false"));
-                out += QStringLiteral(", \"error\": ")
-                    + (g_outcomes.errorIndex(i) < uint64_t(g_errors.size())
-                            ? _Json(g_errors[qsizetype(g_outcomes.errorIndex(i))])
-                            : QStringLiteral("null"));
+                const QString error = g_outcomes.errorText(i);
+                out += QStringLiteral(", \"error\": ") + (error.isNull() ? QStringLiteral("null") : _Json(error));
             }
             out += u'}';
         }

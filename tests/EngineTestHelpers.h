@@ -102,7 +102,6 @@ protected:
         m_source = m_sources.path() + QStringLiteral("/Docs");
         QDir().mkpath(m_source);
         ClearTransactions();
-        g_errors.clear();
     }
     void TearDown() override
     {

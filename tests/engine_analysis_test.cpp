@@ -214,7 +214,6 @@ TEST(Transactions, SortingKeepsEqualOnesInTheirOrderWhateverTheBuffer)
 TEST(Transactions, OutcomesAreKeptByRow)
 {
     ClearTransactions();
-    g_errors.clear();
     for (int i = 0; i < 200; ++i)
         g_transactions.append(BUTransaction(QStringLiteral("/s/f%1").arg(i), QStringLiteral("/s")));
     const double copiedBefore = g_copiedBytes;
@@ -232,10 +231,15 @@ TEST(Transactions, OutcomesAreKeptByRow)
     g_outcomes.setErrorIndex(64, 0);
     EXPECT_EQ(g_outcomes.errorIndex(64), 0u);
     EXPECT_EQ(g_outcomes.errorIndex(130), 0u);
+    EXPECT_EQ(g_outcomes.errorText(64), QStringLiteral("gone"));
+    EXPECT_TRUE(g_outcomes.errorText(3).isNull());
+    EXPECT_EQ(g_outcomes.firstFailure(65), 130);
+    EXPECT_EQ(g_outcomes.firstFailure(64), 64);
+    EXPECT_EQ(g_outcomes.firstFailure(200), -1);
     ClearTransactions();
     EXPECT_TRUE(g_transactions.isEmpty());
+    EXPECT_TRUE(g_errors.isEmpty());
     EXPECT_FALSE(g_outcomes.isDone(3) || g_outcomes.failed(130)) << "a new list starts with no outcomes";
-    g_errors.clear();
 }
 
 TEST(FolderTrees, NamesStayPutWhileTheTreeGrows)

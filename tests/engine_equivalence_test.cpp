@@ -370,7 +370,7 @@ TEST_F(EquivalenceTest, AnalysisAndBackupMatchTheReference)
     for (qsizetype row = 0; row < g_transactions.size(); ++row) {
         if (g_outcomes.failed(row))
             ADD_FAILURE() << g_transactions.at(row).path().toStdString() << ": "
-                          << g_errors[qsizetype(g_outcomes.errorIndex(row))].toStdString();
+                          << g_outcomes.errorText(row).toStdString();
     }
     for (const BUTransaction &t : std::as_const(copies)) {
         const QByteArray from = FileNameToBytes(t.path());

@@ -50,7 +50,8 @@ QVariant BUTransactionTableModel::data(const QModelIndex &index, int role) const
     if (!index.isValid() || index.row() >= g_transactions.size())
         return {};
     const BUTransaction &t = g_transactions.at(index.row());
-    const bool failed = g_outcomes.failed(index.row());
+    const QString error = g_outcomes.errorText(index.row());
+    const bool failed = !error.isNull();
     const bool done = g_outcomes.isDone(index.row());
     switch (role) {
     case Qt::DisplayRole:
@@ -65,7 +66,7 @@ QVariant BUTransactionTableModel::data(const QModelIndex &index, int role) const
             const QString location = locationOf(t.path());
             if (!failed)
                 return location;
-            return location + u'\n' + g_errors.value(qsizetype(g_outcomes.errorIndex(index.row())));
+            return location + u'\n' + error;
         }
         default:
             return {};
@@ -80,7 +81,7 @@ QVariant BUTransactionTableModel::data(const QModelIndex &index, int role) const
         return index.column() == kStatusColumn ? QVariant(Qt::AlignCenter) : QVariant(Qt::AlignLeft | Qt::AlignVCenter);
     case Qt::ToolTipRole:
         if (index.column() == kLocationColumn || index.column() == kNameColumn)
-            return failed ? t.path() + u'\n' + g_errors.value(qsizetype(g_outcomes.errorIndex(index.row()))) : t.path();
+            return failed ? t.path() + u'\n' + error : t.path();
         return {};
     case Qt::AccessibleTextRole:
         if (index.column() == kStatusColumn)

@@ -601,17 +601,11 @@ void BUWindowController::nextError()
         return;
     const QModelIndex current = ui->actionTable->currentIndex();
     const qsizetype start = current.isValid() ? current.row() + 1 : 0;
-    for (qsizetype row = start; row < count; ++row) {
-        if (g_outcomes.failed(row)) {
-            selectTransactionRow(row);
-            return;
-        }
-    }
-    for (qsizetype row = 0; row < std::min(start, count); ++row) {
-        if (g_outcomes.failed(row)) {
-            selectTransactionRow(row);
-            return;
-        }
-    }
-    QApplication::beep();
+    qsizetype row = g_outcomes.firstFailure(start);
+    if (row < 0 || row >= count)
+        row = g_outcomes.firstFailure(0); // from the top again
+    if (row >= 0 && row < count)
+        selectTransactionRow(row);
+    else
+        QApplication::beep();
 }

@@ -120,6 +120,10 @@
     /* Help. */                                                                                                        \
     X(kNoTopicBegins, "No topic begins with \"%1\".")                                                                  \
     X(kNoTopicHolds, "No topic holds all of \"%1\".")                                                                  \
+    X(kSeeTheTopics, "See the topics with: tanner-backup help")                                                        \
+    X(kHelpUsage, "help takes a topic, --search WORDS, --file PATH or --check PATH [--json]")                          \
+    X(kHelpCheckUsage, "usage: tanner-backup help --check PATH [--json]")                                              \
+    X(kHelpEngineNotReady, "The help engine could not be set up.")                                                     \
     X(kCantReadHelpFile, "Can't read help file: %@")                                                                   \
     X(kDocumentDamaged, "The document has been damaged.")                                                              \
     X(kLaterVersion,                                                                                                   \

@@ -32,3 +32,5 @@ int RunLogsCommand(const BUCommandArgs &invocation);
 int RunAnalyzeCommand(const BUCommandArgs &invocation);
 int RunBackupCommand(const BUCommandArgs &invocation);
 int RunHelpCommand(const BUCommandArgs &invocation);
+// help without --check: the topics of the application's help (cli/HelpTopicCommands.cpp).
+int RunHelpTopicsCommand(const BUCommandArgs &invocation);

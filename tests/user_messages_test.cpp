@@ -153,11 +153,21 @@ const QStringList kNotMessages = {
     QStringLiteral("Version %@"),
     QStringLiteral("Manual backup for paranoid control freaks."),
     QStringLiteral("Unknown error %1"),
+    QStringLiteral("%,lu chapters, %,u characters, %,lu knots, %,lu bookmarks, %,lu pictures, %,lu styles, "
+                   "%,lu property records"),
     QStringLiteral("tanner-backup: "),
     QStringLiteral(" maximized"),
     QStringLiteral("Usage: tanner-backup COMMAND [ARGUMENTS]\n\nTanner Backup mirrors chosen folders onto a "
                    "backup device: every backup folder becomes a\nfolder of the same name at the top of the "
                    "device, and the device is made an exact copy.\n\nCommands:\n"),
+};
+
+// Files whose texts are not messages to the user: the help reader's details of a damaged file for
+// help authors (its messages are in its header), and the words of the help format.
+const QStringList kNotMessageFiles = {
+    QStringLiteral("help/VLHelpReader.cpp"),
+    QStringLiteral("help/VLProperties.cpp"),
+    QStringLiteral("help/VLVocabulary.cpp"),
 };
 
 bool InCatalog(const QString &text)
@@ -213,7 +223,8 @@ TEST(UserMessages, EveryMessageOfTheCodeIsInTheCatalog)
             QDirIterator::Subdirectories);
         while (files.hasNext()) {
             const QString path = files.next();
-            if (path.endsWith(QStringLiteral("/BUUserMessages.h")))
+            const QString relative = QDir(root).relativeFilePath(path);
+            if (relative == u"app/BUUserMessages.h" || kNotMessageFiles.contains(relative))
                 continue;
             ++sources;
             for (const Literal &literal : StringLiterals(ReadText(path))) {

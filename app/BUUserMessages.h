@@ -33,6 +33,22 @@
         "That is half or more of what the backup device holds. It happens when a backup folder was emptied or "        \
         "renamed, or lies on a disk that is not mounted. Check the transactions before you go on.")                    \
     X(kLargeDeletionTurnOff, " You can turn this question off in the Edit menu.")                                      \
+    X(kLargeDeletionReview,                                                                                            \
+        " Review keeps the list of transactions in the window. You can turn this question off in the Edit menu.")      \
+    X(kNotEnoughSpace,                                                                                                 \
+        "The backup needs %@ on the device \"%@\", which has only %@ free. Nothing was changed on the device.")        \
+    X(kStopAndQuit, "A backup to \"%@\" is running. Stop it and quit?")                                                \
+    X(kStopAndQuitExplanation,                                                                                         \
+        "What was copied so far stays on the device. The window closes once the backup has stopped.")                  \
+    X(kStopAndQuitButton, "Stop and Quit")                                                                             \
+    X(kKeepRunningButton, "Keep Running")                                                                              \
+    X(kCantOpenAddress, "I can't open %@.")                                                                            \
+    X(kNoBrowser, "No web browser is set up to open it. Please open the address in your browser.")                     \
+    X(kCantShowInFileManager, "I can't show \"%@\" in a file manager.")                                                \
+    X(kNoFileManager, "No file manager is set up to open folders on this computer.")                                   \
+    X(kCantEmailCopyLogsMenu,                                                                                          \
+        "I can't send email to Tannerwick. Please copy the logs instead (Copy Logs in the Help menu) and email them "  \
+        "to %@.")                                                                                                      \
     X(kCantAddFolder, "Can't add a backup folder.")                                                                    \
     X(kFolderNameTaken,                                                                                                \
         "A folder named \"%@\" is already in the backup list. You can't have two folders with the same name on the "   \
@@ -66,6 +82,11 @@
     /* Status lines, and the device list's job column. */                                                              \
     X(kAnalyzing, "Analyzing...")                                                                                      \
     X(kAnalysisComplete, "Analysis complete")                                                                          \
+    X(kAnalysisCompleteCount, "Analysis complete: %,lld %@, %@ to copy")                                               \
+    X(kNotTried, ", %,lld not tried")                                                                                  \
+    X(kLogsCopied, "The logs are on the clipboard")                                                                    \
+    X(kHintFolders, "Add the folders to back up: choose Add under the list of backup folders.")                        \
+    X(kHintDevice, "Pick the backup device in the list on the left.")                                                  \
     X(kUpToDate, "The backup device is up to date")                                                                    \
     X(kRateAndTimeLeft, "%@ per second, %@ left")                                                                      \
     X(kLessThanAMinute, "less than a minute")                                                                          \

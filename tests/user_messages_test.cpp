@@ -149,6 +149,8 @@ const QStringList kNotMessages = {
     QStringLiteral("Problem report"),
     QStringLiteral("Question or comment"),
     QStringLiteral("--- Please do not delete this line: %@, Mac OS %@ ---\n\n"),
+    QStringLiteral("--- Please do not delete this line: %@, %@ ---\n\n"),
+    QStringLiteral("%,lld of %,lld %@, %@ of %@"),
     QStringLiteral("About %@"),
     QStringLiteral("Version %@"),
     QStringLiteral("Manual backup for paranoid control freaks."),

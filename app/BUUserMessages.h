@@ -19,6 +19,11 @@
     X(kCantExamineDisk, "I can't examine the contents of the disk")                                                    \
     X(kCantExamineFolder, "I can't examine the contents of the folder \"%@\" -- %@")                                   \
     X(kCantExamineProperties, "I can't examine the properties of \"%@\" -- %@")                                        \
+    X(kReasonReadOnly, "it is mounted read-only")                                                                      \
+    X(kReasonExtraItems, "its top level holds items that are not mirrors of the backup folders")                       \
+    X(kReasonFolderOnDevice,                                                                                           \
+        "the backup folder \"%@\" is on that device itself, and a backup must be kept apart from its original")        \
+    X(kAnotherBackupRunning, "Another backup of the device \"%@\" is running.")                                        \
     X(kSeriousError, "The backup was stopped because a serious error occurred. %@")                                    \
     X(kDeviceEjected, "The device \"%@\" has been ejected.")                                                           \
     X(kFileNotCreated, "%@.\n\nThe file \"%@\" could not be created.")                                                 \
@@ -76,6 +81,10 @@
         "start the backup again:")                                                                                     \
     /* Reasons of failed transactions that are the program's own (the others are the system's). */                     \
     X(kCaseCollision, "The device ignores case, so \"%@\" and \"%@\" can't both be kept on it.")                       \
+    X(kOtherFileSystem,                                                                                                \
+        "Another file system is mounted at this place on the device, and the backup does not enter it")                \
+    X(kFileChangedWhileCopied, "The file changed while it was copied")                                                 \
+    X(kAttributeNotKept, "The device can't keep the attribute \"%1\" (%2)")                                            \
     X(kNotRegularFile, "It is not a regular file")                                                                     \
     X(kUnknownError, "An unknown error occurred.")                                                                     \
     X(kInternalError, "Internal logic error")                                                                          \

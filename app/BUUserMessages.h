@@ -147,6 +147,19 @@
         "tanner-backup: the window can't be opened -- its part \"%s\" could not be loaded: %s.\nCommands still work: " \
         "tanner-backup --help\n")                                                                                      \
     X(kWindowPartMissing, "it is missing")                                                                             \
+    /* Update and news checks. */                                                                                      \
+    X(kUpdateCheckFailed, "The update check failed.")                                                                  \
+    X(kNewsCheckFailed, "The news check failed.")                                                                      \
+    X(kNewestVersion, "%1 %2 is the newest version.")                                                                  \
+    X(kUpdateAvailable, "%1 %2 is available (this is %3): %4")                                                         \
+    X(kNoNews, "The news page holds no news.")                                                                         \
+    X(kNoNewsSince, "There is no news since %1.")                                                                      \
+    X(kTakesOnlyJson, "%1 takes only --json")                                                                          \
+    X(kNoDownloadFolder, "I can't find or create the download folder.")                                                \
+    X(kCantWriteDownload, "I can't write the downloaded file.")                                                        \
+    X(kDownloadCanceled, "The download was canceled.")                                                                 \
+    X(kServerTimeout, "The server did not answer in time.")                                                            \
+    X(kCheckNowButton, "Check Now")                                                                                    \
     /* Help. */                                                                                                        \
     X(kNoTopicBegins, "No topic begins with \"%1\".")                                                                  \
     X(kNoTopicHolds, "No topic holds all of \"%1\".")                                                                  \

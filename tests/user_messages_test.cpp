@@ -151,6 +151,7 @@ const QStringList kNotMessages = {
     QStringLiteral("--- Please do not delete this line: %@, Mac OS %@ ---\n\n"),
     QStringLiteral("--- Please do not delete this line: %@, %@ ---\n\n"),
     QStringLiteral("%,lld of %,lld %@, %@ of %@"),
+    QStringLiteral("%.2f MB of %.2f MB"),
     QStringLiteral("About %@"),
     QStringLiteral("Version %@"),
     QStringLiteral("Manual backup for paranoid control freaks."),

@@ -23,3 +23,9 @@ add_custom_target(help_package ALL DEPENDS ${TANNER_HELP_PACKAGE}/document.txt)
 # The program reads the package beside itself: building the program builds the package.
 cmake_language(DEFER DIRECTORY ${CMAKE_SOURCE_DIR} CALL add_dependencies tanner-backup help_package)
 install(DIRECTORY ${TANNER_HELP_PACKAGE} DESTINATION share/tanner-backup)
+
+# The bookmark numbers, for code that opens help at a bookmark:
+#   target_link_libraries(T PRIVATE tanner_help_bookmarks), #include "help/BUHelpBookmarks.h".
+add_library(tanner_help_bookmarks INTERFACE)
+target_include_directories(tanner_help_bookmarks INTERFACE ${CMAKE_BINARY_DIR}/generated)
+add_dependencies(tanner_help_bookmarks help_package)

@@ -35,7 +35,16 @@ QString _ApplicationHelpPath()
 struct Paragraph {
     QString text;
     bool verbatim = false; // an example: its lines are shown as they are
+    bool centered = false;
 };
+
+// Whether the paragraph formatting at a cp centres its lines, as a picture's caption is.
+bool _IsCenteredAt(const VLDocument &document, quint32 cp)
+{
+    static const VLAtom *align = VLAtomForTag(kRecordPara, VLDocumentKeyDecoder().value(QStringLiteral("align")));
+    const void *record = document.property(document.paraPropertyAt(cp), kRecordPara);
+    return record && align && VLAtomValue(record, *align) == 1;
+}
 
 // Whether the character formatting at a cp is a fixed-pitch font, as examples are written in.
 bool _IsFixedPitchAt(const VLDocument &document, quint32 cp)
@@ -72,7 +81,12 @@ std::vector<Paragraph> _ChapterParagraphs(const VLDocument &document, std::size_
         if (!wasHeading && !current.text.trimmed().isEmpty()) {
             current.verbatim = current.text.contains(QChar(kLineSeparator))
                 || _IsFixedPitchAt(document, start + quint32(paragraphStart) + 1);
-            paragraphs.push_back(current);
+            current.centered = _IsCenteredAt(document, start + quint32(paragraphStart));
+            // A centred paragraph under a picture is its caption.
+            if (current.centered && !paragraphs.empty() && paragraphs.back().text == u"[Picture]")
+                paragraphs.back().text = QStringLiteral("[Picture: ") + current.text.trimmed() + u']';
+            else
+                paragraphs.push_back(current);
         }
         current = Paragraph();
         paragraphStart = at + 1;

@@ -133,6 +133,9 @@ TEST_F(HelpCommand, TopicsAreListedShownAndSearched)
     const QStringList root = Lines(help({QStringLiteral("the volumes")}).out);
     EXPECT_TRUE(root.contains(QStringLiteral("    TANNER_VOLUMES_ROOT=/mnt tanner-backup")));
     EXPECT_TRUE(root.contains(QStringLiteral("  \u2022 otherwise /media/USER/ (Debian, Ubuntu and most others),")));
+    const QString first = QString::fromUtf8(help({QStringLiteral("your first backup")}).out);
+    EXPECT_TRUE(first.contains(QStringLiteral("[Picture: The window before a first backup"))) << first.toStdString();
+    EXPECT_TRUE(first.contains(QStringLiteral("\n  1. Plug in the disk"))) << first.toStdString();
     for (const QString &line : lines + root) {
         if (!line.startsWith(QStringLiteral("    "))) {
             EXPECT_LE(line.size(), 78) << line.toStdString();

@@ -47,6 +47,13 @@ const Command kCommands[] = {
         "                                holds is refused unless --yes is given.\n"
         "                                Exit status: 0 done, 1 some actions failed, 2 error, 3 the\n"
         "                                device holds other items at its top level, 130 canceled.\n"},
+    {"check-updates", RunCheckUpdatesCommand,
+        "  check-updates [--json]        Ask the Tannerwick downloads page whether a newer version exists.\n"
+        "                                Exit status: 0 this is the newest, 10 an update exists, 2 the\n"
+        "                                check failed.\n"},
+    {"news", RunNewsCommand,
+        "  news [--json]                 Print the Tannerwick news not shown before, and remember it as\n"
+        "                                shown. Exit status: 0 done, 2 the check failed.\n"},
 };
 
 void PrintHelp(std::FILE *stream)

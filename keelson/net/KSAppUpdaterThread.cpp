@@ -73,7 +73,8 @@ void KSAppUpdaterThread::cancel()
     QMutexLocker locker(&m_lock);
     m_cancelled = true;
     if (QObject *reply = m_context.data())
-        QMetaObject::invokeMethod(reply, [reply] { static_cast<QNetworkReply *>(reply)->abort(); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            reply, [reply] { static_cast<QNetworkReply *>(reply)->abort(); }, Qt::QueuedConnection);
 }
 
 void KSAppUpdaterThread::fail(const QString &reason)

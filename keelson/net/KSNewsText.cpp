@@ -131,19 +131,20 @@ private:
         while (nameEnd < tag.size() && !tag[nameEnd].isSpace() && tag[nameEnd] != u'/')
             ++nameEnd;
         const QStringView name = tag.left(nameEnd);
-        const auto is = [&name](const char *what) { return name.compare(QLatin1String(what), Qt::CaseInsensitive) == 0; };
+        const auto is
+            = [&name](const char *what) { return name.compare(QLatin1String(what), Qt::CaseInsensitive) == 0; };
 
         if (is("head") || is("script") || is("style")) {
             m_skipping = !closing;
         } else if (is("a")) {
             if (!closing) {
-                static const QRegularExpression href(
-                    QStringLiteral("href\\s*=\\s*(\"([^\"]*)\"|'([^']*)'|([^\\s>]+))"),
+                static const QRegularExpression href(QStringLiteral("href\\s*=\\s*(\"([^\"]*)\"|'([^']*)'|([^\\s>]+))"),
                     QRegularExpression::CaseInsensitiveOption);
                 const QRegularExpressionMatch match = href.match(tag);
                 m_linkStart = m_out.text.size() + (m_pendingSpace && !m_out.text.endsWith(u'\n') ? 1 : 0);
-                m_linkHref = match.hasMatch() ? _DecodeEntities(match.captured(2) + match.captured(3) + match.captured(4))
-                                              : QString();
+                m_linkHref = match.hasMatch()
+                    ? _DecodeEntities(match.captured(2) + match.captured(3) + match.captured(4))
+                    : QString();
             } else if (m_linkStart >= 0) {
                 if (!m_linkHref.isEmpty() && m_out.text.size() > m_linkStart)
                     m_out.links.append({m_linkStart, m_out.text.size() - m_linkStart, m_linkHref});

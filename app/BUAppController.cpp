@@ -167,7 +167,10 @@ void BUAppController::applicationDidFinishLaunching()
         else
             addDefaults();
     }
-    // 11. The main window comes to the front here. 12. The update and news checks start here.
+    // 11. The main window comes to the front here.
+    // 12. The automatic update and news checks.
+    if (startAutoChecksHook)
+        startAutoChecksHook();
 }
 
 void BUAppController::saveRules(QSettings &settings, const BURuleList &rules, const QString &key)

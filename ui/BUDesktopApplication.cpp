@@ -6,6 +6,8 @@
 #include "keelson/KSLogger.h"
 #include "keelson/KSSignalWatcher.h"
 #include "keelson/gui/KSAlert.h"
+#include "keelson/gui/KSAppUpdater.h"
+#include "keelson/gui/KSNewsUpdater.h"
 #include "ui/BUWindowController.h"
 
 #include <QApplication>
@@ -42,6 +44,10 @@ int RunDesktopApplication(int argc, char **argv)
     QObject::connect(&KSSignalWatcher::sharedInstance(), &KSSignalWatcher::signalReceived, &application,
         [] { QApplication::quit(); });
 
+    controller.startAutoChecksHook = [] {
+        KSAppUpdater::sharedInstance().startAutoCheck();
+        KSNewsUpdater::sharedInstance().startAutoCheck();
+    };
     BUWindowController window;
     controller.applicationDidFinishLaunching();
     window.show();

@@ -6,6 +6,8 @@
 #include "keelson/KSLogger.h"
 #include "keelson/KSMakerAddresses.h"
 #include "keelson/gui/KSAlert.h"
+#include "keelson/gui/KSAppUpdater.h"
+#include "keelson/gui/KSNewsUpdater.h"
 #include "keelson/gui/KSWorkspace.h"
 
 #include <QApplication>
@@ -37,6 +39,16 @@ QString KSActionHandler::MailLink(const QString &address, const QString &subject
 {
     return QStringLiteral("mailto:") + address + QStringLiteral("?subject=") + Encoded(subject)
         + QStringLiteral("&body=") + Encoded(body);
+}
+
+void KSActionHandler::checkUpdates()
+{
+    KSAppUpdater::sharedInstance().displayUpdateDialog();
+}
+
+void KSActionHandler::checkNewsUpdates()
+{
+    KSNewsUpdater::sharedInstance().displayUpdateDialog();
 }
 
 void KSActionHandler::copyLogs()

@@ -47,13 +47,13 @@ QStringList FilesIn(const QString &folder)
 }
 
 // The worker threads run event loops, which need an application object.
-void EnsureCoreApplication()
+QCoreApplication &EnsureCoreApplication()
 {
     static int argc = 1;
     static char name[] = "update-check-test";
     static char *argv[] = {name, nullptr};
     static QCoreApplication *application = new QCoreApplication(argc, argv);
-    (void)application;
+    return *application;
 }
 
 // Runs a thread to its end, from a thread that has no event loop of its own.
@@ -189,12 +189,12 @@ class UpdateTransfer : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        EnsureCoreApplication();
         ASSERT_TRUE(server.listening());
         KSAppUpdaterThread::setTimeouts(2000ms, 2000ms);
     }
     void TearDown() override { KSAppUpdaterThread::setTimeouts(30000ms, 600000ms); }
 
+    QCoreApplication &application = EnsureCoreApplication(); // before the server's thread runs its loop
     LoopbackHttpServer server;
     QTemporaryDir downloads;
 };

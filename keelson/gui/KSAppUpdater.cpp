@@ -50,6 +50,13 @@ KSAppUpdater::KSAppUpdater()
     _PutNameIntoPanes(m_window.get(), ui->availableField);
     ui->checkSpinner->setRange(0, 0);
 
+    // A transfer still running when the application ends stops before the application object goes.
+    connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, this, [this] {
+        if (m_currentDownload) {
+            m_currentDownload->cancel();
+            m_currentDownload->wait();
+        }
+    });
     connect(ui->proceedButton, &QPushButton::clicked, this, &KSAppUpdater::proceed);
     connect(ui->cancelButton, &QPushButton::clicked, this, &KSAppUpdater::cancel);
     connect(m_window.get(), &QDialog::rejected, this, [this] {

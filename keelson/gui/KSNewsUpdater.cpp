@@ -36,6 +36,13 @@ KSNewsUpdater::KSNewsUpdater()
     ui->setupUi(m_window.get());
     ui->mainField->setText(ui->mainField->text().replace(QStringLiteral("###"), g_appName));
     ui->checkSpinner->setRange(0, 0);
+    // A transfer still running when the application ends stops before the application object goes.
+    connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, this, [this] {
+        if (m_currentDownload) {
+            m_currentDownload->cancel();
+            m_currentDownload->wait();
+        }
+    });
     connect(ui->proceedButton, &QPushButton::clicked, this, &KSNewsUpdater::proceed);
     connect(ui->cancelButton, &QPushButton::clicked, this, &KSNewsUpdater::cancel);
     connect(m_window.get(), &QDialog::rejected, this, [this] {

@@ -31,5 +31,6 @@ int RunDevicesCommand(const BUCommandArgs &invocation);
 int RunLogsCommand(const BUCommandArgs &invocation);
 int RunAnalyzeCommand(const BUCommandArgs &invocation);
 int RunBackupCommand(const BUCommandArgs &invocation);
+int RunHelpCommand(const BUCommandArgs &invocation);
 int RunCheckUpdatesCommand(const BUCommandArgs &invocation);
 int RunNewsCommand(const BUCommandArgs &invocation);

@@ -49,7 +49,9 @@ const Command kCommands[] = {
         "                                device holds other items at its top level, 130 canceled.\n"},
 };
 
-void PrintHelp(std::FILE *stream)
+} // namespace
+
+QString CommandLineHelp()
 {
     QString text
         = QStringLiteral("Usage: tanner-backup COMMAND [ARGUMENTS]\n"
@@ -69,10 +71,8 @@ void PrintHelp(std::FILE *stream)
                            "2 starts with, 3 ends with. Matching ignores case.\n"
                            "\n"
                            "Settings are kept in $XDG_CONFIG_HOME/Tannerwick/Tanner Backup.conf.");
-    PrintLine(stream, text);
+    return text;
 }
-
-} // namespace
 
 void PrintLine(std::FILE *stream, const QString &text)
 {
@@ -105,7 +105,7 @@ int RunCommandLine(int argc, char **argv)
 
     if (invocation.command.isEmpty() || invocation.command == u"--help" || invocation.command == u"-h"
         || invocation.command == u"help") {
-        PrintHelp(stdout);
+        PrintLine(stdout, CommandLineHelp());
         return kExitOk;
     }
     if (invocation.command == u"--version") {
@@ -113,6 +113,8 @@ int RunCommandLine(int argc, char **argv)
         PrintLine(stdout, g_appName + u' ' + g_appVersionString);
         return kExitOk;
     }
+    if (invocation.command == u"__complete")
+        return RunCompleteCommand(invocation);
     const Command *found = nullptr;
     for (const Command &command : kCommands) {
         if (invocation.command == QLatin1String(command.name))

@@ -98,6 +98,7 @@ void KSActionHandler::showAbout(QWidget *parent)
     about.setWindowTitle(FormatString("About %@", g_appName));
     auto *layout = new QVBoxLayout(&about);
     auto *icon = new QLabel(&about);
+    icon->setObjectName(QStringLiteral("aboutIconLabel"));
     const QIcon appIcon = QApplication::windowIcon();
     icon->setPixmap((appIcon.isNull() ? about.style()->standardIcon(QStyle::SP_DriveHDIcon) : appIcon).pixmap(64));
     icon->setAlignment(Qt::AlignHCenter);

@@ -44,10 +44,10 @@ QList<Usage> ParseUsages(const QString &help)
             inCommands = true;
             continue;
         }
-        if (!inCommands)
-            continue;
-        if (line.isEmpty())
-            break;
+        if (!inCommands || line.isEmpty())
+            continue; // commands may come in groups
+        if (!line.startsWith(u' '))
+            break; // the paragraphs after the commands
         if (line.size() < 3 || !line.startsWith(QStringLiteral("  ")) || line[2] == u' ')
             continue; // the rest of a description
         QString usageText = line.mid(2);

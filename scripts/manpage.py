@@ -67,9 +67,12 @@ def manual(help_text, version):
     commands_at = lines.index("Commands:")
     description = paragraphs(lines[1:commands_at])
     commands, after = [], commands_at + 1
-    while after < len(lines) and lines[after].strip():
+    # Commands may come in groups; the paragraphs after them are not indented.
+    while after < len(lines) and (not lines[after].strip() or lines[after].startswith(" ")):
         line = lines[after]
-        if line.startswith("  ") and not line.startswith("   "):
+        if not line.strip():
+            pass
+        elif line.startswith("  ") and not line.startswith("   "):
             usage, text = split_usage(line)
             commands.append([usage, [text] if text else []])
         elif commands:

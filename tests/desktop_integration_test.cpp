@@ -39,14 +39,10 @@ bool WaitUntil(const std::function<bool()> &done, std::chrono::milliseconds time
 QSet<QString> HelpCommands()
 {
     const ProcessResult help = RunTanner({QStringLiteral("--help")}, QProcessEnvironment::systemEnvironment());
+    // Every line indented by two spaces names a command; descriptions go on further in.
     QSet<QString> commands;
-    bool inCommands = false;
     for (const QString &line : QString::fromUtf8(help.out).split(u'\n')) {
-        if (line == u"Commands:")
-            inCommands = true;
-        else if (inCommands && line.isEmpty())
-            break;
-        else if (inCommands && line.startsWith(QStringLiteral("  ")) && line.size() > 2 && line[2] != u' ')
+        if (line.startsWith(QStringLiteral("  ")) && line.size() > 2 && line[2] != u' ')
             commands.insert(line.mid(2).section(u' ', 0, 0));
     }
     return commands;

@@ -35,6 +35,7 @@ int RunDevicesCommand(const BUCommandArgs &invocation);
 int RunLogsCommand(const BUCommandArgs &invocation);
 int RunAnalyzeCommand(const BUCommandArgs &invocation);
 int RunBackupCommand(const BUCommandArgs &invocation);
+int RunHelpCommand(const BUCommandArgs &invocation);
 // Hidden: `__complete [WORD...]` prints what may follow the words typed so far, one a line (used
 // by the bash completion).
 int RunCompleteCommand(const BUCommandArgs &invocation);

@@ -1,6 +1,5 @@
 // The program as a desktop and a shell meet it: the manual page made from its help, the bash
 // completion asking the program itself, and one window per user.
-#include "keelson/KSInstalledFiles.h"
 #include "keelson/KSUserDefaults.h"
 #include "tests/support/TestSupport.h"
 
@@ -195,18 +194,4 @@ TEST(SingleWindow, ASecondStartBringsTheFirstForwardAndTheCommandsStillWork)
     EXPECT_TRUE(third.waitForFinished(20000));
     EXPECT_EQ(third.exitCode(), 0) << third.readAllStandardError().toStdString();
 #endif
-}
-
-TEST(InstalledFiles, FoundBesideTheProgramOrInItsSharedFolder)
-{
-    QTemporaryDir prefix;
-    const QString bin = prefix.path() + QStringLiteral("/bin");
-    const QString shared = prefix.path() + QStringLiteral("/share/tanner-backup/Help.TWwrite");
-    ASSERT_TRUE(QDir().mkpath(bin));
-    EXPECT_TRUE(InstalledFilePath(QStringLiteral("Help.TWwrite"), bin).isEmpty());
-    ASSERT_TRUE(QDir().mkpath(shared));
-    EXPECT_EQ(InstalledFilePath(QStringLiteral("Help.TWwrite"), bin), shared);
-    // In a build tree the package lies beside the program, and that one wins.
-    ASSERT_TRUE(QDir().mkpath(bin + QStringLiteral("/Help.TWwrite")));
-    EXPECT_EQ(InstalledFilePath(QStringLiteral("Help.TWwrite"), bin), bin + QStringLiteral("/Help.TWwrite"));
 }

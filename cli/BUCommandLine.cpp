@@ -61,7 +61,9 @@ const Command kCommands[] = {
         "                                shown. Exit status: 0 done, 2 the check failed.\n"},
 };
 
-void PrintHelp(std::FILE *stream)
+} // namespace
+
+QString CommandLineHelp()
 {
     QString text
         = QStringLiteral("Usage: tanner-backup COMMAND [ARGUMENTS]\n"
@@ -81,10 +83,8 @@ void PrintHelp(std::FILE *stream)
                            "2 starts with, 3 ends with. Matching ignores case.\n"
                            "\n"
                            "Settings are kept in $XDG_CONFIG_HOME/Tannerwick/Tanner Backup.conf.");
-    PrintLine(stream, text);
+    return text;
 }
-
-} // namespace
 
 void PrintLine(std::FILE *stream, const QString &text)
 {
@@ -117,7 +117,7 @@ int RunCommandLine(int argc, char **argv)
 
     if (invocation.command.isEmpty() || invocation.command == u"--help" || invocation.command == u"-h"
         || (invocation.command == u"help" && invocation.args.isEmpty())) {
-        PrintHelp(stdout);
+        PrintLine(stdout, CommandLineHelp());
         return kExitOk;
     }
     if (invocation.command == u"--version") {
@@ -125,6 +125,8 @@ int RunCommandLine(int argc, char **argv)
         PrintLine(stdout, g_appName + u' ' + g_appVersionString);
         return kExitOk;
     }
+    if (invocation.command == u"__complete")
+        return RunCompleteCommand(invocation);
     const Command *found = nullptr;
     for (const Command &command : kCommands) {
         if (invocation.command == QLatin1String(command.name))

@@ -110,7 +110,9 @@ void KSActionHandler::showAbout(QWidget *parent)
     about.setWindowTitle(FormatString("About %@", g_appName));
     auto *layout = new QVBoxLayout(&about);
     auto *icon = new QLabel(&about);
-    icon->setPixmap(about.style()->standardIcon(QStyle::SP_DriveHDIcon).pixmap(64));
+    icon->setObjectName(QStringLiteral("aboutIconLabel"));
+    const QIcon appIcon = QApplication::windowIcon();
+    icon->setPixmap((appIcon.isNull() ? about.style()->standardIcon(QStyle::SP_DriveHDIcon) : appIcon).pixmap(64));
     icon->setAlignment(Qt::AlignHCenter);
     auto *name = new QLabel(FormatString("<b>%@</b>", g_appName), &about);
     name->setAlignment(Qt::AlignHCenter);

@@ -48,6 +48,11 @@ const Command kCommands[] = {
         "                                Exit status: 0 done, 1 some actions failed, 2 error, 3 the\n"
         "                                device holds other items at its top level, 130 canceled.\n"},
     {"help", RunHelpCommand,
+        "  help                          List the topics of the manual.\n"
+        "  help TOPIC                    Show the first topic whose name begins with TOPIC (any case).\n"
+        "  help --search WORDS           List the topics that hold all the words, with the line that\n"
+        "                                holds them. Exit status 2 when nothing matches. With\n"
+        "                                --file PATH, read another help package.\n"
         "  help --check PATH [--json]    Load a help package (a .TWwrite folder) or a single help file as\n"
         "                                the help window does; print its topic outline and counts, or\n"
         "                                with --json the whole loaded document. Exit status 2 when it\n"
@@ -115,8 +120,7 @@ int RunCommandLine(int argc, char **argv)
             invocation.args.append(arg);
     }
 
-    if (invocation.command.isEmpty() || invocation.command == u"--help" || invocation.command == u"-h"
-        || (invocation.command == u"help" && invocation.args.isEmpty())) {
+    if (invocation.command.isEmpty() || invocation.command == u"--help" || invocation.command == u"-h") {
         PrintLine(stdout, CommandLineHelp());
         return kExitOk;
     }

@@ -41,3 +41,5 @@ int RunNewsCommand(const BUCommandArgs &invocation);
 // Hidden: `__complete [WORD...]` prints what may follow the words typed so far, one a line (used
 // by the bash completion).
 int RunCompleteCommand(const BUCommandArgs &invocation);
+// help without --check: the topics of the application's help (cli/HelpTopicCommands.cpp).
+int RunHelpTopicsCommand(const BUCommandArgs &invocation);

@@ -102,6 +102,8 @@ struct AnalysisContext {
     const BURuleList *ignoreFolders;
     const BURuleList *ignoreFiles;
     BUDeviceRoot *device;
+    // The mirrors' names: the only folders of the device's top level that take part.
+    const QStringList *mirrorNames = nullptr;
     // Set when the other thread of the analysis failed: this one's work is no longer wanted.
     const std::atomic<bool> *abandon = nullptr;
 };
@@ -112,8 +114,9 @@ struct ListedFile {
     uint32_t nameStart = 0;
     uint32_t nameLength = 0;
 };
-// The files of one device folder that the sources are compared with, sorted without regard to
-// case; of names that differ only in case, the first one listed.
+// The files of one device folder that the sources are compared with, sorted by name; in a folder
+// that ignores case, sorted without regard to it, and of names that differ only in case the first
+// one listed.
 using DeviceFile = ListedFile;
 using DeviceFileList = std::vector<DeviceFile>;
 // A source file, in listing order.
@@ -128,7 +131,10 @@ struct ListedFolder {
     bool filesFailed = false; // the files up to the failure are kept
     QString filesReason;
     std::vector<SourceFile> sourceFiles; // in listing order
-    DeviceFileList deviceFiles; // sorted without regard to case
+    DeviceFileList deviceFiles; // sorted by name, without regard to case where the folder ignores it
+    // A device folder whose names match without regard to case (the device's kind, or the
+    // folder's casefold flag).
+    bool ignoresCase = false;
     // The files' names end to end: tens of thousands of files wait for the comparison at a time,
     // and a string each would double what they take.
     QString names;
@@ -162,6 +168,13 @@ bool _CancelAnalysis(AnalysisContext &context);
 // Opens a folder for listing: a source folder by its path (a backup folder may be reached through
 // a link the user chose; nothing below it is), a device folder below the device root.
 int _OpenFolder(AnalysisContext &context, const QString &path, bool deviceSide, bool followLink);
+// Names at a device's top level that are the file system's own: like names beginning with ".",
+// never extra items, never deleted, never touched.
+bool IsFileSystemItemName(QStringView name);
+// Whether two names are one name in a folder that ignores case, or keeps it.
+bool _SameName(QStringView a, QStringView b, bool ignoresCase);
+// Name order in a folder that ignores case (without regard to it), or keeps it (UTF-16 order).
+bool _NameBefore(QStringView a, QStringView b, bool ignoresCase);
 // Which items take part.
 void _SetFolderReason(AnalysisContext &context, const QString &path, int errorNumber);
 bool _NameAllowsItem(const QString &name, bool deviceSide);

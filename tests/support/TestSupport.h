@@ -39,7 +39,12 @@ bool MountTmpfs(const QString &path, qint64 sizeBytes = 0, const QString &extraO
 bool RemountReadOnly(const QString &path);
 bool LazyUnmount(const QString &path);
 // Creates an ext4 image of the given size, attaches it to a loop device and mounts it.
-bool MountExt4Image(const QString &imagePath, int sizeMiB, const QString &mountPoint);
+// mkfsOptions are given to mkfs.ext4 ("-O", "casefold").
+bool MountExt4Image(
+    const QString &imagePath, int sizeMiB, const QString &mountPoint, const QStringList &mkfsOptions = {});
+// Makes a FAT or exFAT image and mounts it with its FUSE driver: kind "fusefat" (type
+// fuse.fusefat) or "exfat-fuse" (fuseblk). False when the tools are missing or refuse.
+bool MountFuseImage(const QString &kind, const QString &imagePath, int sizeMiB, const QString &mountPoint);
 
 // A fixture tree written as data: relative path -> content. A path ending in "/" is a folder.
 using Tree = QMap<QString, QByteArray>;

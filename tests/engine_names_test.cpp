@@ -1,0 +1,187 @@
+// The engine on real Linux names and real file systems: letter case as the device treats it,
+// names that are any bytes, dot-named backup folders and the file system's own top-level items.
+// After every backup the device must mirror the sources byte for byte and a second analysis must
+// list nothing.
+#include "tests/EngineTestHelpers.h"
+
+using namespace tanner::test;
+
+namespace {
+
+class NamesTest : public DeviceTest {
+protected:
+    // The rows that failed and their texts, after a backup.
+    static QStringList failedRows(const RecordingReceiver &receiver)
+    {
+        QStringList rows;
+        for (const BUBackupStatusReport &status : receiver.statuses) {
+            for (auto it = status.trans.cbegin(); it != status.trans.cend(); ++it) {
+                if (!it.value().isEmpty())
+                    rows.append(
+                        LastPathComponent(g_transactions.at(it.key()).path()) + QStringLiteral(": ") + it.value());
+            }
+        }
+        rows.sort();
+        return rows;
+    }
+};
+
+const QStringList kKeepingCase = {QStringLiteral("tmpfs"), QStringLiteral("ext4")};
+const QStringList kIgnoringCase
+    = {QStringLiteral("fusefat"), QStringLiteral("exfat-fuse"), QStringLiteral("ext4-casefold")};
+
+} // namespace
+
+// On a device that keeps case, names that differ only in case are different items, each with its
+// own data, and a rename that changes only case replaces the old spelling.
+TEST_F(NamesTest, ADeviceThatKeepsCaseMirrorsEverySpelling)
+{
+    TANNER_REQUIRE_MOUNTS();
+    for (const QString &kind : kKeepingCase) {
+        SCOPED_TRACE(kind.toStdString());
+        if (!mountDeviceOfKind(kind))
+            continue;
+        WriteTree(source(),
+            {{"README", "upper"}, {"Readme", "mixed"}, {"Photos/a.jpg", "A"}, {"photos/a.jpg", "a"},
+                {"photos/Deep/d", "d"}, {"Alpha.txt", "alpha"}, {"Sub/inner.txt", "inner"}});
+        backupAndExpectMirror();
+
+        // An edit to one twin, and renames that change only case.
+        WriteTree(source(), {{"Readme", "edited"}});
+        SetModificationTime(source(QStringLiteral("Readme")), QDateTime::currentSecsSinceEpoch() + 10);
+        ASSERT_TRUE(QFile::rename(source(QStringLiteral("Alpha.txt")), source(QStringLiteral("alpha.txt"))));
+        ASSERT_TRUE(QDir().rename(source(QStringLiteral("Sub")), source(QStringLiteral("SUB"))));
+        ASSERT_TRUE(QDir().rename(source(QStringLiteral("Photos")), source(QStringLiteral("PHOTOS"))));
+        ClearTransactions();
+        analyze();
+        EXPECT_EQ(transactionLines(),
+            (QStringList {"Delete folder Docs/Photos", "Delete folder Docs/Sub", "Delete file Docs/Alpha.txt",
+                "Copy folder Docs/PHOTOS", "Copy folder Docs/SUB", "Copy file Docs/alpha.txt",
+                "Copy file Docs/PHOTOS/a.jpg", "Copy file Docs/Readme", "Copy file Docs/SUB/inner.txt"}));
+        backupAndExpectMirror();
+        unmountDevice();
+        RemoveItemAt(AT_FDCWD, FileNameToBytes(source()).constData(), nullptr);
+        QDir().mkpath(source());
+    }
+}
+
+// On a device that ignores case the first of two names that differ only in case is mirrored and
+// the other fails with the reason, every run alike: nothing flips from run to run, and nothing is
+// left stale while the run says the device is up to date.
+TEST_F(NamesTest, ADeviceThatIgnoresCaseKeepsTheFirstSpellingAndSaysWhy)
+{
+    TANNER_REQUIRE_MOUNTS();
+    for (const QString &kind : kIgnoringCase) {
+        SCOPED_TRACE(kind.toStdString());
+        if (!mountDeviceOfKind(kind))
+            continue;
+        // Without twins the device mirrors the source exactly, whatever the case of the names.
+        WriteTree(source(), {{"MixedCase.TXT", "m"}, {"Folder/Inner.txt", "i"}});
+        backupAndExpectMirror();
+
+        WriteTree(source(), {{"Twin/f", "folder"}, {"twin", "file"}, {"Note.txt", "first"}});
+        // A listing order is what decides: find which spelling of each pair the folder lists first.
+        WriteFileBytes(FileNameToBytes(source(QStringLiteral("NOTE.txt"))), "second");
+        const QStringList listed = QDir(source()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot, QDir::Unsorted);
+        const bool noteFirst = listed.indexOf(QStringLiteral("Note.txt")) < listed.indexOf(QStringLiteral("NOTE.txt"));
+        for (int run = 0; run < 2; ++run) {
+            SCOPED_TRACE(run);
+            ClearTransactions();
+            analyze();
+            RecordingReceiver receiver;
+            backup(receiver);
+            ASSERT_TRUE(receiver.complete.has_value());
+            EXPECT_FALSE(receiver.complete->error.has_value());
+            const QString other = noteFirst ? QStringLiteral("NOTE.txt") : QStringLiteral("Note.txt");
+            const QString kept = noteFirst ? QStringLiteral("Note.txt") : QStringLiteral("NOTE.txt");
+            EXPECT_EQ(failedRows(receiver),
+                (QStringList {other + QStringLiteral(": The device ignores case, so \"") + kept
+                        + QStringLiteral("\" and \"") + other + QStringLiteral("\" can't both be kept on it."),
+                    "twin: The device ignores case, so \"Twin\" and \"twin\" can't both be kept on it."}));
+            EXPECT_EQ(g_failedTransactions, 2);
+            const Tree onDevice = ReadTree(device(QStringLiteral("Docs")));
+            EXPECT_EQ(onDevice.value(QStringLiteral("Twin/f")), QByteArray("folder"));
+            EXPECT_EQ(onDevice.value(kept), QByteArray(noteFirst ? "first" : "second"));
+            EXPECT_FALSE(onDevice.contains(other));
+        }
+        unmountDevice();
+        RemoveItemAt(AT_FDCWD, FileNameToBytes(source()).constData(), nullptr);
+        QDir().mkpath(source());
+    }
+}
+
+// Names are bytes: a byte-order mark inside or at the start of a name, Latin-1 bytes and stray
+// continuation bytes are backed up under the very same bytes, and a device item that differs from
+// a mirror item only by such a character is a different item.
+TEST_F(NamesTest, EveryNameIsKeptByteForByte)
+{
+    TANNER_REQUIRE_MOUNTS();
+    for (const QString &kind : kKeepingCase) {
+        SCOPED_TRACE(kind.toStdString());
+        if (!mountDeviceOfKind(kind))
+            continue;
+        const QByteArray root = FileNameToBytes(source());
+        for (const QByteArray &folder : {QByteArray("\xef\xbb\xbf"
+                                                    "folder"),
+                 QByteArray("plain")})
+            ASSERT_EQ(::mkdir(root + '/' + folder, 0755), 0);
+        for (const QByteArray &name : {QByteArray("\xef\xbb\xbf"
+                                                  "start"),
+                 QByteArray("x\xef\xbb\xbfy"), QByteArray("caf\xe9"), QByteArray("\x80\xbf\xfe"),
+                 QByteArray("e\xcc\x81"), QByteArray("\xc3\xa9"),
+                 QByteArray("\xef\xbb\xbf"
+                            "folder/\xef\xbb\xbf"),
+                 QByteArray("plain/xy")})
+            WriteFileBytes(root + '/' + name, name);
+        // Strays on the device beside true mirror items: "x<U+FEFF>y" beside "xy".
+        const QByteArray mirror = FileNameToBytes(device(QStringLiteral("Docs")));
+        ASSERT_EQ(::mkdir(mirror, 0755), 0);
+        ASSERT_EQ(::mkdir(mirror + "/plain", 0755), 0);
+        WriteFileBytes(mirror + "/plain/x\xef\xbb\xbfy", "stray");
+        WriteFileBytes(mirror + "/plain/xy", "plain/xy");
+        ClearTransactions();
+        analyze();
+        EXPECT_EQ(transactionLines().filter(QStringLiteral("Delete")),
+            QStringList {QStringLiteral("Delete file Docs/plain/x") + QChar(0xFEFF) + QStringLiteral("y")});
+        backupAndExpectMirror();
+        unmountDevice();
+        RemoveItemAt(AT_FDCWD, root.constData(), nullptr);
+        QDir().mkpath(source());
+    }
+}
+
+// A backup folder whose name begins with "." is mirrored like any other, run after run, and the
+// device's own items at its top level are neither extra nor touched.
+TEST_F(NamesTest, DotNamedFoldersAndTheFileSystemsOwnItems)
+{
+    TANNER_REQUIRE_MOUNTS();
+    for (const QString &kind : kKeepingCase) {
+        SCOPED_TRACE(kind.toStdString());
+        if (!mountDeviceOfKind(kind))
+            continue;
+        const QString dotted = m_sources.path() + QStringLiteral("/.config");
+        WriteTree(dotted, {{"app/settings.conf", "v1"}, {"top.txt", "t"}});
+        WriteTree(source(), {{"lost+found/kept.txt", "inside a mirror it is the user's"}});
+        WriteTree(device(),
+            {{"System Volume Information/IndexerVolumeGuid", "g"}, {"$RECYCLE.BIN/desktop.ini", "d"},
+                {".Trash-1000/files/x", "x"}});
+        QDir().mkpath(device(QStringLiteral("lost+found"))); // already there on ext4
+        const Tree ownItems = ReadTree(device());
+        backupAndExpectMirror({dotted, source()});
+        WriteTree(dotted, {{"app/settings.conf", "v2"}, {"new.txt", "n"}});
+        SetModificationTime(dotted + QStringLiteral("/app/settings.conf"), QDateTime::currentSecsSinceEpoch() + 10);
+        backupAndExpectMirror({dotted, source()});
+        Tree after = ReadTree(device());
+        for (auto it = ownItems.cbegin(); it != ownItems.cend(); ++it)
+            EXPECT_EQ(after.value(it.key(), "<gone>"), it.value()) << it.key().toStdString();
+        // Only the top level is the file system's: an item of that name anywhere else is the user's.
+        QDir().mkpath(device(QStringLiteral("Docs/lost+found/stale")));
+        ClearTransactions();
+        analyze();
+        EXPECT_EQ(transactionLines(), QStringList {"Delete folder Docs/lost+found/stale"});
+        unmountDevice();
+        RemoveItemAt(AT_FDCWD, FileNameToBytes(dotted).constData(), nullptr);
+        RemoveItemAt(AT_FDCWD, FileNameToBytes(source()).constData(), nullptr);
+        QDir().mkpath(source());
+    }
+}

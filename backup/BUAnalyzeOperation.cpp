@@ -438,11 +438,19 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
         const int fd = ::open(FileNameToBytes(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         BUItemProperties properties;
         FileStats stats;
-        if (fd >= 0 && ReadItemProperties(fd, "", &properties, nullptr))
+        const bool read = fd >= 0 && ReadItemProperties(fd, "", &properties, nullptr);
+        if (read)
             _GetFileStats(properties, &stats);
         entry.stats = stats;
         if (fd >= 0)
             ::close(fd);
+        // A folder on the device itself would only be "backed up" onto itself.
+        if (read && deviceOpen && device.holds(properties)) {
+            context.reason = FormatString(
+                "the backup folder \"%@\" is on that device itself, and a backup must be kept apart from its original",
+                folder);
+            return fail();
+        }
         if (sourceTree->add(entry, folder) == KSNotFound)
             return fail();
     }

@@ -379,7 +379,7 @@ QString _TargetFilePath(const BUTransaction &transaction, const QString &deviceR
 {
     const QString &path = transaction.path();
     const QString &root = transaction.rootPath();
-    if (!root.isNull() && path.startsWith(root) && !path.startsWith(deviceRoot)) {
+    if (!root.isNull() && PathIsInside(path, root) && !PathIsInside(path, deviceRoot)) {
         qsizetype start = root.size();
         while (start < path.size() && path[start] == u'/')
             ++start;

@@ -174,6 +174,15 @@ QString DeletingPathExtension(QStringView name)
     return dot < 0 ? last : last.first(dot);
 }
 
+bool PathIsInside(QStringView path, QStringView folder)
+{
+    while (folder.size() > 1 && folder.endsWith(u'/'))
+        folder.chop(1);
+    if (!path.startsWith(folder))
+        return false;
+    return path.size() == folder.size() || folder.endsWith(u'/') || path[folder.size()] == u'/';
+}
+
 QString FileNameFromBytes(QByteArrayView bytes)
 {
     const auto *data = reinterpret_cast<const unsigned char *>(bytes.data());

@@ -229,6 +229,7 @@ protected:
         }
         m_mounted.prepend(m_device);
         if (kind == u"ext4-casefold") {
+            QDir().rmdir(device(QStringLiteral("lost+found"))); // only an empty folder takes the flag
             QProcess chattr;
             chattr.start(QStringLiteral("chattr"), {QStringLiteral("+F"), m_device});
             if (!chattr.waitForFinished() || chattr.exitCode() != 0) {

@@ -185,3 +185,26 @@ TEST_F(NamesTest, DotNamedFoldersAndTheFileSystemsOwnItems)
         QDir().mkpath(source());
     }
 }
+
+// A backup folder on the device itself is refused: its mirror would be the only copy. A device
+// whose name extends another's is another device ("Dev2" is not inside "Dev").
+TEST_F(NamesTest, WhereABackupFolderLives)
+{
+    mountDevice();
+    WriteTree(device(), {{"Stuff/only-copy.txt", "x"}});
+    for (const QString &folder : {device(QStringLiteral("Stuff")), device()}) {
+        ClearTransactions();
+        BUAnalyzeOperation analysis(QStringLiteral("Dev"), nullptr, {folder}, {}, {});
+        EXPECT_EQ(analysis.analyze().error.value_or(QString()),
+            QStringLiteral("I can't backup to \"Dev\" because the backup folder \"") + folder
+                + QStringLiteral("\" is on that device itself, and a backup must be kept apart from its original."));
+        EXPECT_TRUE(g_transactions.isEmpty());
+    }
+    RemoveItemAt(AT_FDCWD, FileNameToBytes(device(QStringLiteral("Stuff"))).constData(), nullptr);
+
+    const QString other = m_volumes.path() + QStringLiteral("/Dev2");
+    ASSERT_TRUE(MountTmpfs(other, 16 << 20));
+    m_mounted.prepend(other);
+    WriteTree(other, {{"Photos/a.jpg", "a"}, {"Photos/deep/b.jpg", "b"}});
+    backupAndExpectMirror({other + QStringLiteral("/Photos")});
+}

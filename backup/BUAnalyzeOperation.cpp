@@ -2,6 +2,7 @@
 
 #include "backup/BUAnalysisTrees.h"
 #include "backup/BUDeviceRoot.h"
+#include "backup/BUDevices.h"
 #include "backup/BUFileCopier.h"
 #include "backup/BUFileStats.h"
 #include "backup/BUFolderReading.h"
@@ -418,6 +419,15 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
         return result;
     };
     const bool deviceOpen = device.open(m_targetName, nullptr);
+    // Named on the command line, a device mounted read-only is still found; nothing could be
+    // written to it.
+    if (deviceOpen) {
+        const std::optional<BUMountEntry> mount = MountEntryForDevice(m_targetName);
+        if (mount && mount->readOnly) {
+            context.reason = QStringLiteral("it is mounted read-only");
+            return fail();
+        }
+    }
     QStringList mirrorNames;
     for (const QString &folder : std::as_const(m_backupFolders))
         mirrorNames.append(LastPathComponent(folder));
@@ -488,7 +498,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
             std::sort(extra.begin(), extra.end(),
                 [](const QString &a, const QString &b) { return CaseInsensitiveCompare(a, b) == KSOrderedAscending; });
             result.extra = extra;
-            context.reason.clear();
+            context.reason = QStringLiteral("its top level holds items that are not mirrors of the backup folders");
             return fail();
         }
     }

@@ -188,4 +188,32 @@ ProcessResult RunTanner(const QStringList &args, const QProcessEnvironment &envi
     return result;
 }
 
+ProcessResult RunTannerWithBytes(const QList<QByteArray> &args, const QProcessEnvironment &environment, int timeoutMs)
+{
+    // The arguments pass through a shell's printf, whose octal escapes carry any byte.
+    QString script = QStringLiteral("exec \"$TANNER\"");
+    for (const QByteArray &arg : args) {
+        QString escaped;
+        for (const char c : arg)
+            escaped += QStringLiteral("\\%1").arg(uint(uchar(c)), 3, 8, QLatin1Char('0'));
+        script += QStringLiteral(" \"$(printf '%1')\"").arg(escaped);
+    }
+    QProcessEnvironment withBinary = environment;
+    withBinary.insert(QStringLiteral("TANNER"), QStringLiteral(TANNER_BINARY));
+    QProcess process;
+    process.setProcessEnvironment(withBinary);
+    process.start(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), script});
+    ProcessResult result;
+    if (!process.waitForFinished(timeoutMs)) {
+        process.kill();
+        process.waitForFinished();
+        result.err = "timed out";
+        return result;
+    }
+    result.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    result.out = process.readAllStandardOutput();
+    result.err = process.readAllStandardError();
+    return result;
+}
+
 } // namespace tanner::test

@@ -75,5 +75,8 @@ struct ProcessResult {
 };
 // Runs the built tanner-backup with the arguments and environment; waits up to timeoutMs.
 ProcessResult RunTanner(const QStringList &args, const QProcessEnvironment &environment, int timeoutMs = 60000);
+// The same with arguments given as bytes, which need not be UTF-8 (QProcess would re-encode them).
+ProcessResult RunTannerWithBytes(
+    const QList<QByteArray> &args, const QProcessEnvironment &environment, int timeoutMs = 60000);
 
 } // namespace tanner::test

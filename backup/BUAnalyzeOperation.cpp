@@ -7,6 +7,7 @@
 #include "backup/BUFileStats.h"
 #include "backup/BUFolderReading.h"
 #include "backup/BUTransaction.h"
+#include "backup/BUTreeReader.h"
 #include "keelson/FormatString.h"
 #include "keelson/KSKernel.h"
 #include "keelson/KSStrings.h"
@@ -209,6 +210,31 @@ bool _RecordFolders(AnalysisContext &context, FolderTree &tree, FolderTree &othe
         if (!_NextFolder(tree, &index, &path, descend))
             return true;
     }
+}
+
+// Whether an open folder is the device's root or lies below it, whatever path reached it: its
+// folders are climbed through ".." up to the root of the whole tree.
+bool _LiesInside(int folderFd, const BUDeviceRoot &device)
+{
+    int current = ::dup(folderFd);
+    for (int level = 0; current >= 0 && level < 100000; ++level) {
+        BUItemProperties properties, parent;
+        const bool found = ReadItemProperties(current, "", &properties, nullptr);
+        if (found && device.isRootFolder(properties)) {
+            ::close(current);
+            return true;
+        }
+        const int up = ::openat(current, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        const bool top = up < 0 || !found || !ReadItemProperties(up, "", &parent, nullptr)
+            || (parent.device == properties.device && parent.inode == properties.inode);
+        ::close(current);
+        current = up;
+        if (top)
+            break;
+    }
+    if (current >= 0)
+        ::close(current);
+    return false;
 }
 
 // What the mirrors hold and how much of it the Delete transactions remove, so that the window can
@@ -452,10 +478,11 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
         if (read)
             _GetFileStats(properties, &stats);
         entry.stats = stats;
+        const bool onDevice = read && deviceOpen && _LiesInside(fd, device);
         if (fd >= 0)
             ::close(fd);
         // A folder on the device itself would only be "backed up" onto itself.
-        if (read && deviceOpen && device.holds(properties)) {
+        if (onDevice) {
             context.reason = FormatString(
                 "the backup folder \"%@\" is on that device itself, and a backup must be kept apart from its original",
                 folder);

@@ -33,8 +33,6 @@ public:
     {
         return properties.device == m_device && properties.inode == m_inode;
     }
-    // Whether an item lies on the device's file system (reached by whatever path).
-    bool holds(const BUItemProperties &properties) const { return m_fd >= 0 && properties.device == m_device; }
 
     // The part of a device path below the root ("Documents/a.txt"); null when the path is not
     // strictly below the root.

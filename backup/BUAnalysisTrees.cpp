@@ -190,7 +190,7 @@ int _OpenFolder(AnalysisContext &context, const QString &path, bool deviceSide, 
         return fd;
     }
     const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (followLink ? 0 : O_NOFOLLOW);
-    return ::open(FileNameToBytes(path).constData(), flags);
+    return OpenLongPath(AT_FDCWD, FileNameToBytes(path).constData(), flags);
 }
 
 void _SetFolderReason(AnalysisContext &context, const QString &path, int errorNumber)

@@ -175,9 +175,9 @@ private:
     {
         const int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
         const QByteArray name = FileNameToBytes(path);
-        int fd = ::open(name.constData(), flags | O_NOATIME);
+        int fd = OpenLongPath(AT_FDCWD, name.constData(), flags | O_NOATIME);
         if (fd < 0 && errno == EPERM)
-            fd = ::open(name.constData(), flags);
+            fd = OpenLongPath(AT_FDCWD, name.constData(), flags);
         if (fd < 0)
             return;
         struct stat status;
@@ -317,7 +317,7 @@ struct BackupRun {
         const int held = sourceFolders.find(key, false);
         if (held >= 0)
             return held;
-        return sourceFolders.keep(key, false, ::open(key.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        return sourceFolders.keep(key, false, OpenLongPath(AT_FDCWD, key.constData(), O_PATH | O_DIRECTORY));
     }
 };
 

@@ -4,6 +4,10 @@
 // list nothing.
 #include "tests/EngineTestHelpers.h"
 
+#include <QFileInfo>
+
+#include <sys/resource.h>
+
 using namespace tanner::test;
 
 namespace {
@@ -207,4 +211,58 @@ TEST_F(NamesTest, WhereABackupFolderLives)
     m_mounted.prepend(other);
     WriteTree(other, {{"Photos/a.jpg", "a"}, {"Photos/deep/b.jpg", "b"}});
     backupAndExpectMirror({other + QStringLiteral("/Photos")});
+}
+
+// Depth is limited by nothing but the file system: a source deeper than PATH_MAX is analysed, and a
+// device folder 1,900 levels deep is deleted with few descriptors open, under a low limit.
+TEST_F(NamesTest, DepthBeyondPathMax)
+{
+    mountDevice(256 << 20);
+    // The source: 100 levels of 60-byte names, 6,100 bytes below the backup folder.
+    const QByteArray level(60, 'n');
+    int fd = ::open(FileNameToBytes(source()).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_EQ(::mkdirat(fd, level.constData(), 0755), 0);
+        const int next = ::openat(fd, level.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ::close(fd);
+        fd = next;
+    }
+    const int file = ::openat(fd, "deepest.txt", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    ASSERT_GE(file, 0);
+    ::close(file);
+    ::close(fd);
+    // The device: a stale folder 1,900 levels deep.
+    fd = ::open(FileNameToBytes(device()).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    for (const char *name : {"Docs", "stale"}) {
+        ASSERT_EQ(::mkdirat(fd, name, 0755), 0);
+        const int next = ::openat(fd, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ::close(fd);
+        fd = next;
+    }
+    for (int i = 0; i < 1900; ++i) {
+        ASSERT_EQ(::mkdirat(fd, "dd", 0755), 0);
+        const int next = ::openat(fd, "dd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ::close(fd);
+        fd = next;
+    }
+    ::close(fd);
+
+    rlimit saved;
+    ::getrlimit(RLIMIT_NOFILE, &saved);
+    rlimit low = saved;
+    low.rlim_cur = 256;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+    const BUAnalysisReport report = analyze();
+    EXPECT_FALSE(report.error.has_value()) << report.error.value_or(QString()).toStdString();
+    const QStringList lines = transactionLines();
+    EXPECT_EQ(lines.size(), 1 + 100 + 1);
+    EXPECT_EQ(lines.value(0), QStringLiteral("Delete folder Docs/stale"));
+    EXPECT_TRUE(lines.last().endsWith(QStringLiteral("/deepest.txt")));
+    BUError error;
+    const int docs = ::open(FileNameToBytes(device(QStringLiteral("Docs"))).constData(), O_RDONLY | O_DIRECTORY);
+    EXPECT_TRUE(RemoveItemAt(docs, "stale", &error)) << error.failureReason.toStdString();
+    ::close(docs);
+    ::setrlimit(RLIMIT_NOFILE, &saved);
+    EXPECT_FALSE(QFileInfo::exists(device(QStringLiteral("Docs/stale"))));
+    backupAndExpectMirror();
 }

@@ -86,6 +86,7 @@ public:
 private:
     BUAppController() = default;
     void loadFolders(const QVariantList &stored);
+    void saveFolders(QSettings &settings) const;
 
     QStringList m_recentDrives, m_mountedRecentDrives, m_otherDrives;
     QMap<QString, qint64> m_backupDates, m_backupTimes;

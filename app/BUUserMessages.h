@@ -160,6 +160,7 @@
     X(kDownloadCanceled, "The download was canceled.")                                                                 \
     X(kServerTimeout, "The server did not answer in time.")                                                            \
     X(kCheckNowButton, "Check Now")                                                                                    \
+    X(kAlreadyOpen, "Tanner Backup is already open; its window was brought to the front.")                             \
     /* Help. */                                                                                                        \
     X(kNoTopicBegins, "No topic begins with \"%1\".")                                                                  \
     X(kNoTopicHolds, "No topic holds all of \"%1\".")                                                                  \

@@ -130,7 +130,7 @@ QList<Literal> StringLiterals(const QString &source)
 bool ReadsAsWords(const QString &text)
 {
     static const QRegularExpression word(QStringLiteral("[A-Za-z]{2,}"));
-    static const QRegularExpression notWords(QStringLiteral("^(/|[01][0-3]|\\r)|\": "));
+    static const QRegularExpression notWords(QStringLiteral("^(/|<|[01][0-3]|\\r)|\": "));
     return text.contains(u' ') && text.count(word) >= 2 && !notWords.match(text).hasMatch();
 }
 
@@ -138,6 +138,8 @@ bool ReadsAsWords(const QString &text)
 // lists, the mail that Contact opens, the About box, formats of names and dates.
 const QStringList kNotMessages = {
     QStringLiteral("Recent Devices"),
+    QStringLiteral("System Volume Information"),
+    QStringLiteral("[Picture: "),
     QStringLiteral("Other Devices"),
     QStringLiteral("New Ignore Rule"),
     QStringLiteral("Edit Ignore Rule"),
@@ -176,7 +178,7 @@ const QStringList kNotMessageFiles = {
 bool InCatalog(const QString &text)
 {
     for (const BUUserMessages::Entry &entry : BUUserMessages::kAll) {
-        if (QString::fromUtf8(entry.text).contains(text))
+        if (QString::fromUtf8(entry.text).contains(text.trimmed()))
             return true;
     }
     return false;

@@ -4,10 +4,12 @@
 
 #include <QDir>
 #include <QDirIterator>
+#include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QProcess>
 #include <QRegularExpression>
 #include <QSet>
 
@@ -184,5 +186,79 @@ TEST_F(HelpCommand, AnotherPackageAndWrongArguments)
         const ProcessResult refused = help(wrong);
         EXPECT_EQ(refused.exitCode, 64) << wrong.join(u' ').toStdString();
         EXPECT_TRUE(refused.err.contains("help takes a topic")) << refused.err.toStdString();
+    }
+}
+
+namespace {
+
+// Runs the manual's generator on sources written into a temporary folder; its exit status and
+// standard error.
+std::pair<int, QString> Generate(const QString &folder, const QMap<QString, QString> &files)
+{
+    QDir().mkpath(folder + QStringLiteral("/source"));
+    for (auto it = files.cbegin(); it != files.cend(); ++it) {
+        QFile file(folder + QStringLiteral("/source/") + it.key());
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(it.value().toUtf8());
+    }
+    QProcess generator;
+    generator.start(QStringLiteral("python3"),
+        {SourceRoot() + QStringLiteral("/help/tools/make_help_package.py"), folder + QStringLiteral("/source"),
+            SourceRoot() + QStringLiteral("/docs"), folder + QStringLiteral("/Out.TWwrite")});
+    if (!generator.waitForFinished(60000))
+        return {-1, QStringLiteral("python3 did not run")};
+    return {generator.exitStatus() == QProcess::NormalExit ? generator.exitCode() : -1,
+        QString::fromUtf8(generator.readAllStandardError())};
+}
+
+} // namespace
+
+TEST_F(HelpCommand, TheGeneratorBuildsOutlineLinksAndPicturesOrSaysWhereTheSourceIsWrong)
+{
+    const QString folder = home.path() + QStringLiteral("/manual");
+    const auto [status, error] = Generate(folder,
+        {{QStringLiteral("1.md"),
+             QStringLiteral("# First {#first}\n\nSee [the third](#third) and **bold** `code`.\n\n"
+                            "## Second\n\n- an item\n  going on\n\n![Caption](screenshot-idle.png)\n\n"
+                            "### Third {#third}\n\n```\nline one\nline two\n```\n")},
+            {QStringLiteral("2.md"), QStringLiteral("%% a comment\n# Fourth\n\nBack to [the first](#first).\n")}});
+    ASSERT_EQ(status, 0) << error.toStdString();
+    const ProcessResult checked
+        = help({QStringLiteral("--check"), folder + QStringLiteral("/Out.TWwrite"), QStringLiteral("--json")});
+    ASSERT_EQ(checked.exitCode, 0) << checked.err.toStdString();
+    const QJsonObject document = QJsonDocument::fromJson(checked.out).object();
+    QStringList outline;
+    FlattenOutline(document[QStringLiteral("outline")].toArray(), 0, outline);
+    EXPECT_EQ(outline,
+        QStringList({QStringLiteral("First"), QStringLiteral("  Second"), QStringLiteral("    Third"),
+            QStringLiteral("Fourth")}));
+    EXPECT_EQ(document[QStringLiteral("pictures")].toArray().size(), 1);
+    // Bookmarks in text order: one per heading; the links lead to the third and the first.
+    EXPECT_EQ(document[QStringLiteral("bookmarks")].toArray().size(), 4);
+    QList<int> linked;
+    for (const QJsonValue &knot : document[QStringLiteral("knots")].toArray()) {
+        if (knot[QStringLiteral("type")].toString() == u"link" && knot[QStringLiteral("kink")].toString() == u"beg")
+            linked.append(knot[QStringLiteral("secondary")].toInt());
+    }
+    EXPECT_EQ(linked, QList<int>({2, 0}));
+    const QString third = QString::fromUtf8(
+        help({QStringLiteral("--file"), folder + QStringLiteral("/Out.TWwrite"), QStringLiteral("third")}).out);
+    EXPECT_TRUE(third.contains(QStringLiteral("    line one\n    line two\n"))) << third.toStdString();
+
+    // Mistakes are named with their file and line, and no package is left half made.
+    const QList<std::pair<QString, QString>> broken = {
+        {QStringLiteral("# A\n\nSee [nothing](#nowhere).\n"), QStringLiteral("1.md:3: a link to \"#nowhere\"")},
+        {QStringLiteral("# A\n\nText.\n\n### C\n\nText.\n"), QStringLiteral("1.md:5: \"C\" skips an outline level")},
+        {QStringLiteral("# A\n\n```\nnever closed\n"), QStringLiteral("1.md:3: a ``` block that is never closed")},
+        {QStringLiteral("# A\n\n![x](missing.png)\n"), QStringLiteral("1.md:3: no picture")},
+        {QStringLiteral("# A\n\nSome **bold.\n"), QStringLiteral("1.md:3: a ** or * that is never closed")},
+    };
+    int count = 0;
+    for (const auto &[source, message] : broken) {
+        const QString place = home.path() + QStringLiteral("/broken") + QString::number(++count);
+        const auto [refused, why] = Generate(place, {{QStringLiteral("1.md"), source}});
+        EXPECT_EQ(refused, 1) << source.toStdString();
+        EXPECT_TRUE(why.contains(message)) << why.toStdString();
+        EXPECT_FALSE(QFileInfo::exists(place + QStringLiteral("/Out.TWwrite")));
     }
 }

@@ -7,6 +7,7 @@
 #include "help/VLTopicOutline.h"
 #include "keelson/KSLog.h"
 #include "keelson/KSXmlDecoder.h"
+#include "tests/fuzz/HelpReaderExercise.h"
 #include "tests/support/TestSupport.h"
 
 #include <QDir>
@@ -451,6 +452,31 @@ TEST_F(HelpReader, EveryFailureGivesItsReasonAndIsLogged)
         }
         EXPECT_TRUE(m_log.contains(QStringLiteral("Can't read help file: ") + failure.reason))
             << m_log.join(u'\n').toStdString();
+    }
+}
+
+TEST_F(HelpReader, SavedFuzzInputsReplay)
+{
+    int replayed = 0;
+    for (const char *folder : {"/seeds", "/regressions"}) {
+        QDirIterator it(kData + QLatin1String(folder), QDir::Files);
+        while (it.hasNext()) {
+            const QString path = it.next();
+            QTemporaryDir scratch;
+            EXPECT_EQ(ExerciseHelpReader(ReadAll(path), scratch.path()), QString()) << path.toStdString();
+            ++replayed;
+        }
+    }
+    EXPECT_GE(replayed, 3);
+    // The seeds load (their form is chosen by the first byte).
+    QTemporaryDir scratch;
+    for (const char *seed : {"/seeds/package", "/seeds/single", "/seeds/small-package"}) {
+        const QByteArray input = ReadAll(kData + QLatin1String(seed));
+        ExerciseHelpReader(input, scratch.path());
+        const QString path
+            = scratch.path() + (input.at(0) ? QStringLiteral("/Fuzz.TWwrite") : QStringLiteral("/help.xml"));
+        VLLoadFailure failure;
+        EXPECT_TRUE(VLLoadHelpDocument(path, &failure)) << seed << ": " << failure.detail.toStdString();
     }
 }
 

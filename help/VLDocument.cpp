@@ -174,6 +174,14 @@ VLKnot VLDocument::knotAt(std::size_t index, qint32 *cp) const
     return knot;
 }
 
+std::size_t VLDocument::knotIndexAt(quint32 cp) const
+{
+    if (cp >= m_textLength || m_knots->count() == 0)
+        return KSNotFound;
+    const std::size_t index = m_knots->indexOfCp(qint32(cp)); // the first of equal cps
+    return index < m_knots->count() && m_knots->cpAtIndex(index) == qint32(cp) ? index : KSNotFound;
+}
+
 bool VLDocument::resetCpTables(quint32 textLength)
 {
     for (KSArrayCP *table :

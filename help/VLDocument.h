@@ -147,6 +147,8 @@ public:
     std::size_t knotCount() const { return m_knots->count(); }
     // The knot at an index (a zero knot beyond the count) and its cp.
     VLKnot knotAt(std::size_t index, qint32 *cp = nullptr) const;
+    // The index of the knot standing at exactly cp, or KSNotFound.
+    std::size_t knotIndexAt(quint32 cp) const;
     // Bit n set when a "var" knot of variable kind n occurs.
     quint32 variableMask() const { return m_variableMask; }
 

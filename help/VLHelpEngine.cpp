@@ -7,6 +7,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFileInfo>
 #include <QMutex>
 
 #include <memory>
@@ -136,14 +137,21 @@ QStringList VLFontNames()
     return fonts.names;
 }
 
+QString VLApplicationHelpPackagePath()
+{
+    const QString program = QCoreApplication::instance() ? QCoreApplication::applicationDirPath() : QDir::currentPath();
+    const QString beside = program + QStringLiteral("/Help.TWwrite");
+    if (QFileInfo::exists(beside))
+        return beside;
+    return QDir::cleanPath(program + QStringLiteral("/../share/tanner-backup/Help.TWwrite"));
+}
+
 QString VLResourceDirectory()
 {
     Engine &engine = _Engine();
     if (!engine.resourceDirectory.isEmpty())
         return engine.resourceDirectory;
-    const QString program = QCoreApplication::instance() ? QCoreApplication::applicationDirPath() : QDir::currentPath();
-    const QString installed = QDir::cleanPath(program + QStringLiteral("/../share/tanner-backup"));
-    return QDir(installed).exists() ? installed : program;
+    return QFileInfo(VLApplicationHelpPackagePath()).path();
 }
 
 void VLSetResourceDirectory(const QString &path)

@@ -36,8 +36,10 @@ quint32 VLFontIndexForName(const QString &name);
 QString VLFontName(quint32 index);
 QStringList VLFontNames();
 
+// The application's own help package, "Help.TWwrite": beside the program in the build tree, else
+// in share/tanner-backup beside the program's bin folder when installed.
+QString VLApplicationHelpPackagePath();
 // Where pictures of source "resource" are found: the folder holding the application's help
-// package (share/tanner-backup beside the program's bin folder when installed, else the
-// program's own folder). Settable for tests and tools.
+// package. Settable for tests and tools.
 QString VLResourceDirectory();
 void VLSetResourceDirectory(const QString &path);

@@ -7,6 +7,7 @@
 #include "help/VLTopicOutline.h"
 #include "keelson/KSLog.h"
 #include "keelson/KSXmlDecoder.h"
+#include "tests/fuzz/HelpReaderExercise.h"
 #include "tests/support/TestSupport.h"
 
 #include <QDir>
@@ -226,6 +227,9 @@ TEST_F(HelpReader, PackageLoadsWithEveryKnotPropertyAndPicture)
     EXPECT_EQ(tag.kink, quint32(kKinkVaCenter));
     EXPECT_EQ(KnotAt(d, 147).secondary, 44); // magic 300 in the low byte
     EXPECT_EQ(KnotAt(d, 147).variable, 150);
+    EXPECT_EQ(d.knotIndexAt(146), 16u);
+    EXPECT_EQ(d.knotIndexAt(62), KSNotFound); // the unknown knot's place
+    EXPECT_EQ(d.knotIndexAt(154), KSNotFound);
 
     // Start lists and bookmark identifiers (one per bookmark, unique).
     EXPECT_EQ(d.bookmarkStarts().count(), 2u);
@@ -348,6 +352,32 @@ TEST_F(HelpReader, EmptyDocumentsLoadWithEmptyTables)
     EXPECT_EQ(document->styleName(0), QStringLiteral("Normal")); // the built-in one
 }
 
+TEST_F(HelpReader, PicturesFromTheResourcesAndFromPaths)
+{
+    ScopedXdgHome home; // HOME for "~"
+    QDir().mkpath(QDir::homePath());
+    ASSERT_TRUE(QFile::copy(
+        kData + QStringLiteral("/Good.TWwrite/Images/diagram.png"), QDir::homePath() + QStringLiteral("/d.png")));
+    VLSetResourceDirectory(kData + QStringLiteral("/Good.TWwrite/Images"));
+    const QString path = m_dir.path() + QStringLiteral("/pictures.xml");
+    WriteAll(path,
+        "<?xml version=\"1.0\"?><velluma><images><image source=\"resource\">shot.png</image>"
+        "<image source=\"path\">~/d.png</image><image source=\"resource\">diagram.TIFF</image></images></velluma>");
+    VLLoadFailure failure;
+    const auto document = VLLoadHelpDocument(path, &failure);
+    VLSetResourceDirectory({});
+    ASSERT_TRUE(document) << failure.detail.toStdString();
+    ASSERT_EQ(document->pictureCount(), 3u);
+    EXPECT_EQ(*document->picture(0)->name, QStringLiteral("shot"));
+    EXPECT_FALSE(document->picture(0)->image->caution);
+    ASSERT_TRUE(document->picture(1)->fileName && document->picture(2)->fileName) << m_log.join(u'\n').toStdString();
+    EXPECT_EQ(*document->picture(1)->fileName, QStringLiteral("d.png"));
+    EXPECT_EQ(document->picture(1)->name->size(), 36); // a generated identifier
+    EXPECT_FALSE(document->picture(1)->image->caution);
+    EXPECT_EQ(*document->picture(2)->fileName, QStringLiteral("diagram.png"));
+    EXPECT_TRUE(m_log.filter(QStringLiteral("Can't read image")).isEmpty()) << m_log.join(u'\n').toStdString();
+}
+
 TEST_F(HelpReader, OutlineFollowsTheHeadingsTabs)
 {
     const QString path = m_dir.path() + QStringLiteral("/outline.xml");
@@ -451,6 +481,31 @@ TEST_F(HelpReader, EveryFailureGivesItsReasonAndIsLogged)
         }
         EXPECT_TRUE(m_log.contains(QStringLiteral("Can't read help file: ") + failure.reason))
             << m_log.join(u'\n').toStdString();
+    }
+}
+
+TEST_F(HelpReader, SavedFuzzInputsReplay)
+{
+    int replayed = 0;
+    for (const char *folder : {"/seeds", "/regressions"}) {
+        QDirIterator it(kData + QLatin1String(folder), QDir::Files);
+        while (it.hasNext()) {
+            const QString path = it.next();
+            QTemporaryDir scratch;
+            EXPECT_EQ(ExerciseHelpReader(ReadAll(path), scratch.path()), QString()) << path.toStdString();
+            ++replayed;
+        }
+    }
+    EXPECT_GE(replayed, 3);
+    // The seeds load (their form is chosen by the first byte).
+    QTemporaryDir scratch;
+    for (const char *seed : {"/seeds/package", "/seeds/single", "/seeds/small-package"}) {
+        const QByteArray input = ReadAll(kData + QLatin1String(seed));
+        ExerciseHelpReader(input, scratch.path());
+        const QString path
+            = scratch.path() + (input.at(0) ? QStringLiteral("/Fuzz.TWwrite") : QStringLiteral("/help.xml"));
+        VLLoadFailure failure;
+        EXPECT_TRUE(VLLoadHelpDocument(path, &failure)) << seed << ": " << failure.detail.toStdString();
     }
 }
 

@@ -162,6 +162,7 @@ const QStringList kNotMessages = {
                    "%,lu property records"),
     QStringLiteral("tanner-backup: "),
     QStringLiteral(" maximized"),
+    QStringLiteral("<A HREF=\""), // the link the update check looks for in the downloads page
     QStringLiteral("Usage: tanner-backup COMMAND [ARGUMENTS]\n\nTanner Backup mirrors chosen folders onto a "
                    "backup device: every backup folder becomes a\nfolder of the same name at the top of the "
                    "device, and the device is made an exact copy.\n\nCommands:\n"),

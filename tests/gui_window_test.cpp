@@ -92,8 +92,11 @@ protected:
     }
     bool runToEnd()
     {
-        return WaitUntil(
+        const bool ended = WaitUntil(
             [this] { return !window->isRunning() && window->operationCount() == 0; }, std::chrono::seconds(60));
+        if (!ended)
+            ADD_FAILURE() << "still running: " << status->text().toStdString() << " " << window->operationCount();
+        return ended;
     }
     QString statusColumn(int row) const { return table->model()->index(row, 0).data().toString(); }
 
@@ -275,7 +278,7 @@ TEST_F(MainWindow, ExtraItemsAnalysisOnlyAndLargeDeletions)
     // Analysis alone: the transactions stay listed, nothing is written, Next Error is on.
     window->findChild<QAction *>(QStringLiteral("analyzeAction"))->trigger();
     ASSERT_TRUE(runToEnd());
-    EXPECT_EQ(status->text(), QStringLiteral("Analysis complete"));
+    EXPECT_EQ(status->text(), QStringLiteral("Analysis complete: 7 actions, 100.01 KB to copy"));
     EXPECT_GT(table->model()->rowCount(), 0);
     EXPECT_FALSE(QFile::exists(device + QStringLiteral("/Docs")));
     window->validateMenuItems();

@@ -17,21 +17,53 @@
 
 #include <QAbstractItemModelTester>
 #include <QAction>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusVirtualObject>
 #include <QDir>
 #include <QFileDialog>
 #include <QHeaderView>
 #include <QLabel>
 #include <QListView>
+#include <QProcess>
 #include <QPushButton>
+#include <QRegularExpression>
 #include <QTableView>
 #include <QTest>
 #include <QTreeView>
 
 #include <cmath>
+#include <mutex>
 
 using namespace tanner::test;
 
 namespace {
+
+// A desktop's notification service, reduced to remembering what it was asked to show.
+class NotificationServer : public QDBusVirtualObject {
+public:
+    QString introspect(const QString &) const override { return {}; }
+    bool handleMessage(const QDBusMessage &message, const QDBusConnection &connection) override
+    {
+        if (message.member() != QStringLiteral("Notify") || message.arguments().size() != 8)
+            return false;
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            shown.append(message.arguments().at(3).toString() + u'|' + message.arguments().at(4).toString());
+        }
+        connection.send(message.createReply(QVariant::fromValue(1U)));
+        return true;
+    }
+    QStringList received() const
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return shown;
+    }
+
+private:
+    mutable std::mutex mutex; // messages arrive on the bus's own thread
+    QStringList shown;
+};
 
 class MainWindow : public ::testing::Test {
 protected:
@@ -527,4 +559,64 @@ TEST_F(MainWindow, ABackupThatCannotFitStopsBeforeTheFirstChange)
         && details.front().contains(FormatString("which has only %@ free", FileSizeString(1 << 20))))
         << details.front().toStdString();
     EXPECT_TRUE(QDir(small).isEmpty());
+}
+
+TEST_F(MainWindow, TheEndOfAJobIsAnnouncedWhileTheWindowIsInactive)
+{
+    // A session bus of its own, set before anything in this process reaches for one.
+    QProcess bus;
+    bus.start(QStringLiteral("dbus-daemon"),
+        {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address")});
+    if (!bus.waitForStarted(5000) || !bus.waitForReadyRead(10000))
+        GTEST_SKIP() << "no dbus-daemon to run a private session bus";
+    const QString address = QString::fromUtf8(bus.readLine()).trimmed();
+    qputenv("DBUS_SESSION_BUS_ADDRESS", address.toUtf8());
+    ASSERT_TRUE(QDBusConnection::sessionBus().isConnected());
+    QWidget other;
+    other.show();
+    other.activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(&other));
+    ASSERT_FALSE(window->isActiveWindow());
+
+    // No notification service on the bus: nothing fails, and the title follows the backup.
+    ASSERT_TRUE(selectDevice(QStringLiteral("Backup Disk")));
+    backupButton->click();
+    ASSERT_TRUE(WaitUntil([this] { return window->isBackupInProgress(); }));
+    EXPECT_TRUE(QRegularExpression(QStringLiteral("^\\d+% - Tanner Backup$")).match(window->windowTitle()).hasMatch())
+        << window->windowTitle().toStdString();
+    ASSERT_TRUE(runToEnd());
+    EXPECT_EQ(status->text(), QStringLiteral("Backup succeeded"));
+    EXPECT_EQ(window->windowTitle(), QStringLiteral("Tanner Backup"));
+
+    NotificationServer server;
+    QDBusConnection serverConnection = QDBusConnection::connectToBus(address, QStringLiteral("notifications"));
+    ASSERT_TRUE(serverConnection.registerVirtualObject(QStringLiteral("/org/freedesktop/Notifications"), &server));
+    ASSERT_TRUE(serverConnection.registerService(QStringLiteral("org.freedesktop.Notifications")));
+    WriteTree(source, {{QStringLiteral("new.txt"), "new"}});
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    EXPECT_TRUE(WaitUntil([&] { return !server.received().isEmpty(); }));
+    EXPECT_EQ(server.received(), QStringList {QStringLiteral("Backup Disk|Backup succeeded")});
+
+    // Not while the user is looking at the window.
+    window->activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(window.get()));
+    WriteTree(source, {{QStringLiteral("newer.txt"), "newer"}});
+    window->findChild<QAction *>(QStringLiteral("analyzeAction"))->trigger();
+    ASSERT_TRUE(runToEnd());
+    EXPECT_TRUE(status->text().startsWith(QStringLiteral("Analysis complete")));
+    QFile::remove(source + QStringLiteral("/newer.txt"));
+    other.activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(&other));
+    window->findChild<QAction *>(QStringLiteral("analyzeAction"))->trigger();
+    ASSERT_TRUE(runToEnd());
+    EXPECT_TRUE(WaitUntil([&] { return server.received().size() >= 2; }));
+    EXPECT_EQ(server.received(),
+        (QStringList {QStringLiteral("Backup Disk|Backup succeeded"),
+            QStringLiteral("Backup Disk|The backup device is up to date")}));
+
+    serverConnection.unregisterObject(QStringLiteral("/org/freedesktop/Notifications"));
+    QDBusConnection::disconnectFromBus(QStringLiteral("notifications"));
+    bus.kill();
+    bus.waitForFinished();
 }

@@ -85,6 +85,8 @@ BUWindowController::BUWindowController(QWidget *parent) : QMainWindow(parent), u
 
     // 1. Status empty; Cancel and Backup disabled.
     ui->statusField->clear();
+    // Its line is kept while empty, so nothing below it jumps when a message appears.
+    ui->statusField->setMinimumHeight(ui->statusField->fontMetrics().height());
     ui->cancelButton->setEnabled(false);
     ui->backupButton->setEnabled(false);
     ui->progressControl->hide();

@@ -420,6 +420,7 @@ void BUWindowController::backup(bool onlyAnalyze)
     if (target.isEmpty() || controller.backupFolders().isEmpty() || operationQueue.operationCount() > 0 || running)
         return;
     ClearTransactions();
+    transactionModel.setDeviceName(target);
     transactionModel.reload();
     ui->counterField->hide(); // the last backup's figures are not this job's
     running = true;

@@ -479,12 +479,10 @@ void BUWindowController::analysisComplete(const BUAnalysisReport &report)
     deviceModel.setJobState(analyzeInProgress, backupInProgress);
 
     QString outcome;
-    bool alert = false;
     bool keepList = analyzeOnly;
     if (report.extra) {
         outcome = FormatString("Backup to %@ failed.", report.target);
-        alert = true;
-        finishJob(outcome, alert);
+        finishJob(outcome, true);
         BUExtraStuffDialog::runDialogForTarget(report.target, *report.extra, this);
     } else if (report.cancel) {
         outcome = FormatString("Backup to %@ canceled.", report.target);
@@ -503,10 +501,9 @@ void BUWindowController::analysisComplete(const BUAnalysisReport &report)
         if (analyzeOnly) {
             finishJob(analysisSummary());
         } else {
-            switch (confirmLargeDeletion(report)) {
+            // Cancel pressed as the analysis ended: nothing more is asked or done.
+            switch (canceling ? DeletionAnswer::Cancel : confirmLargeDeletion(report)) {
             case DeletionAnswer::Backup:
-                if (closeWhenIdle || canceling)
-                    break; // asked to stop while the question was up
                 startBackup(report.target);
                 return;
             case DeletionAnswer::Review:

@@ -381,6 +381,7 @@ TEST_F(CommandLineTest, ABackupThatCannotFitChangesNothing)
     QFile::remove(source(QStringLiteral("new.bin")));
     result = tanner({QStringLiteral("backup"), QStringLiteral("Dev")});
     EXPECT_EQ(result.exitCode, 2);
+    EXPECT_TRUE(Text(result.out).endsWith(QStringLiteral("Backup to Dev failed.\n"))) << result.out.toStdString();
     const QString error = Text(result.err);
     EXPECT_TRUE(error.contains(QStringLiteral("The backup needs 1."))
         && error.contains(QStringLiteral("on the device \"Dev\", which has only "))

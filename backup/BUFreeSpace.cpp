@@ -79,7 +79,8 @@ bool DeviceSpaceNeeds(
     if (deviceFd < 0 || ::fstatvfs(deviceFd, &device) != 0)
         return false;
     const qint64 block = qint64(device.f_frsize ? device.f_frsize : device.f_bsize);
-    needs->available = qint64(device.f_bavail) * block;
+    // The blocks a file system keeps back for the administrator are open to a backup run as root.
+    needs->available = qint64(::geteuid() == 0 ? device.f_bfree : device.f_bavail) * block;
 
     // First by the sizes the analysis read: nearly every backup fits by these alone.
     qint64 plain = 0;

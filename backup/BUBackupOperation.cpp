@@ -7,6 +7,7 @@
 #include "backup/BUFileCopier.h"
 #include "backup/BUFileStats.h"
 #include "backup/BUFolderReading.h"
+#include "backup/BUFreeSpace.h"
 #include "backup/BUTouchedFolders.h"
 #include "keelson/FormatString.h"
 #include "keelson/KSLog.h"
@@ -696,6 +697,8 @@ bool BUBackupOperation::performOperation()
         sinceFlush.start();
     };
     run.copier.deviceGone = [&run] { return !run.device.isStillMounted(); };
+    run.copier.cancelled = [this] { return m_cancelBackup.load(std::memory_order_relaxed); };
+    fatal = DeviceSpaceShortfall(m_transactions, m_targetName, run.device.path(), run.device.fd());
     run.copier.progress = [&](int64_t bytes) {
         if (sinceProgress.isValid() && sinceProgress.elapsed() < 200)
             return;
@@ -758,12 +761,16 @@ bool BUBackupOperation::performOperation()
                 text = _CopyFolder(run, transaction, &fatal);
             } else {
                 text = _CopyFile(run, transaction, &fatal);
+                if (run.copier.stoppedByCancel())
+                    break; // cut short by Cancel: not carried out, so not reported
                 status.copied += transaction.fileSize();
                 writeBack.wrote(transaction.fileSize());
                 lastWasFileCopy = true;
             }
             break;
         }
+        if (transaction.action() == BUTransaction::kCopy && run.copier.stoppedByCancel())
+            break;
         status.trans.insert(i, text);
         ++batchCount;
     }

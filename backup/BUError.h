@@ -18,6 +18,7 @@ enum BUCocoaFileError : int {
     kFileExistsError = 516,
     kWriteOutOfSpaceError = 640,
     kWriteVolumeReadOnlyError = 642,
+    kUserCancelledError = 3072,
 };
 
 struct BUError {

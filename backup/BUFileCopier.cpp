@@ -190,6 +190,7 @@ bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, in
     BUError ignored;
     if (!error)
         error = &ignored;
+    m_stoppedByCancel = false;
     if (!m_buffer) {
         *error = BUError::cocoa(kWriteUnknownError, ENOMEM);
         return false;
@@ -271,6 +272,11 @@ bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, in
     while (written < status.st_size) {
         if (written > 0 && deviceGone && deviceGone()) {
             *error = _WriteError(ENODEV);
+            return discard();
+        }
+        if (written > 0 && cancelled && cancelled()) {
+            m_stoppedByCancel = true;
+            *error = BUError::cocoa(kUserCancelledError, ECANCELED);
             return discard();
         }
         const std::size_t chunk = std::size_t(std::min<int64_t>(status.st_size - written, kWindowSize));

@@ -35,6 +35,9 @@ public:
     std::function<void(int64_t bytesWritten)> progress;
     // Asked between chunks; true stops the copy with ENODEV (the device was ejected).
     std::function<bool()> deviceGone;
+    // Asked between chunks; true stops the copy, removes what it wrote and fails with
+    // kUserCancelledError.
+    std::function<bool()> cancelled;
 
     // Copies the file sourceName in the source folder sourceFolderFd (AT_FDCWD for a path; never
     // following a link) to `name` in the device folder, which must be free: nothing is ever
@@ -43,6 +46,8 @@ public:
     // 516 (the name is taken) or 512.
     bool copyFile(int sourceFolderFd, const QByteArray &sourceName, int folderFd, const QByteArray &name,
         const BUVolumeKind &kind, BUError *error);
+    // Whether the last copy was stopped by `cancelled`.
+    bool stoppedByCancel() const { return m_stoppedByCancel; }
 
 private:
     // How the data moves: inside the kernel where the two file systems allow it, else through
@@ -58,5 +63,6 @@ private:
     std::unique_ptr<char, void (*)(void *)> m_buffer;
     bool m_unnamedFiles; // while the device's file systems take O_TMPFILE
     Method m_method = Method::RangeCopy;
+    bool m_stoppedByCancel = false;
     std::vector<std::pair<dev_t, Method>> m_methods; // per source file system
 };

@@ -211,8 +211,17 @@ public:
             m_statusText = QStringLiteral("Backup succeeded");
             status = kExitOk;
         } else {
-            m_statusText = g_failedTransactions == 1 ? QStringLiteral("1 backup action failed")
-                                                     : FormatString("%d backup actions failed", g_failedTransactions);
+            // As in the window: a stop before any action (a device too small) names the backup,
+            // and what a stop left undone is counted.
+            const qint64 untried = qint64(g_transactions.size()) - qint64(g_finishedTransactions);
+            if (g_failedTransactions == 0)
+                m_statusText = FormatString("Backup to %@ failed.", report.target);
+            else
+                m_statusText = g_failedTransactions == 1
+                    ? QStringLiteral("1 backup action failed")
+                    : FormatString("%d backup actions failed", g_failedTransactions);
+            if (untried > 0 && g_failedTransactions > 0)
+                m_statusText += FormatString(", %,lld not tried", untried);
             status = report.error ? int(kExitError) : int(kExitFailed);
         }
         if (!m_json) {
@@ -227,8 +236,8 @@ public:
 private:
     void cancel()
     {
-        // As the window's Cancel: the running operation notices its flag and returns (a file
-        // copy in progress finishes first); its report arrives afterwards.
+        // The running operation notices its flag and returns (a file copy in progress stops at
+        // its next chunk); its report arrives afterwards.
         m_queue.cancelAllOperations();
         m_queue.waitUntilAllOperationsAreFinished();
     }

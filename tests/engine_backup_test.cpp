@@ -171,12 +171,20 @@ TEST_F(DeviceTest, FatalErrorsStopTheRun)
         const char *what;
         std::function<void()> before; // between the analysis and the backup
         QString fatal;
+        qint64 bigSize = 10; // of b.bin
+        bool sparse = false; // b.bin is a hole after its first 10 bytes
     };
     const QString first = device(QStringLiteral("Docs/a.txt"));
     const QString file = device(QStringLiteral("Docs/b.bin"));
     const QList<Case> cases = {
-        {"device full", [] {},
-            QStringLiteral("The device is full.\n\nThe file \"%1\" could not be created.").arg(file)},
+        // Checked before the first change: nothing is written.
+        {"too big for the device", [] {},
+            QStringLiteral("The backup needs 4.20 MB on the device \"Dev\", which has only 1.05 MB free. Nothing was "
+                           "changed on the device."),
+            4 << 20},
+        // A sparse file passes the check by its data and fills the device as it is written.
+        {"device full", [] {}, QStringLiteral("The device is full.\n\nThe file \"%1\" could not be created.").arg(file),
+            4 << 20, true},
         {"source vanished", [this] { QFile::remove(source(QStringLiteral("b.bin"))); },
             QStringLiteral("The file no longer exists.\n\nThe file \"%1\" could not be created.").arg(file)},
         {"read-only file system inside",
@@ -194,8 +202,9 @@ TEST_F(DeviceTest, FatalErrorsStopTheRun)
         SetUp();
         mountDevice(1 << 20);
         QDir().mkpath(device(QStringLiteral("Docs")));
-        WriteTree(source(),
-            {{"a.txt", "a"}, {"b.bin", QByteArray(c.fatal.contains(u"full") ? 4 << 20 : 10, 'b')}, {"c.txt", "c"}});
+        WriteTree(source(), {{"a.txt", "a"}, {"b.bin", QByteArray(c.sparse ? 10 : c.bigSize, 'b')}, {"c.txt", "c"}});
+        if (c.sparse)
+            ASSERT_TRUE(QFile::resize(source(QStringLiteral("b.bin")), c.bigSize));
         analyze();
         ASSERT_EQ(g_transactions.size(), 3);
         c.before();
@@ -204,7 +213,12 @@ TEST_F(DeviceTest, FatalErrorsStopTheRun)
         ASSERT_TRUE(receiver.complete.has_value());
         EXPECT_EQ(receiver.complete->error.value_or(QString()), c.fatal);
         EXPECT_FALSE(QFile::exists(device(QStringLiteral("Docs/c.txt")))) << "the run stops";
-        EXPECT_GE(g_failedTransactions, 1);
+        if (c.fatal.startsWith(u"The backup needs")) {
+            EXPECT_TRUE(receiver.statuses.empty());
+            EXPECT_FALSE(QFile::exists(first));
+        } else {
+            EXPECT_GE(g_failedTransactions, 1);
+        }
         EXPECT_TRUE(TemporaryFiles(device()).isEmpty());
         EXPECT_FALSE(QFile::exists(file));
     }

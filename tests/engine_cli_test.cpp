@@ -1,6 +1,6 @@
 // analyze and backup through the real binary: texts, exit statuses, the recorded backup time,
-// a device ejected or a run cancelled or killed in the middle of a copy, an unprivileged user,
-// and FAT and exFAT devices.
+// a device ejected or a run cancelled or killed in the middle of a copy, a backup too big for its
+// device, an unprivileged user, and FAT and exFAT devices.
 #include "keelson/KSDayIndex.h"
 #include "keelson/KSUserDefaults.h"
 #include "tests/EngineTestHelpers.h"
@@ -154,7 +154,8 @@ TEST_F(CommandLineTest, InterruptedCopies)
         QFile::remove(device(QStringLiteral("Docs/big.bin")));
         QFile::remove(device(QStringLiteral("Docs/z-after.txt")));
     }
-    // Cancelled: the running copy finishes, nothing after it starts.
+    // Cancelled: the copy stops at its next chunk and takes its temporary file with it; nothing
+    // after it starts.
     {
         QProcess process;
         startFrozenInCopy(process);
@@ -163,9 +164,11 @@ TEST_F(CommandLineTest, InterruptedCopies)
         ASSERT_TRUE(process.waitForFinished(60000));
         EXPECT_EQ(process.exitCode(), 130);
         EXPECT_TRUE(Text(process.readAllStandardOutput()).endsWith(QStringLiteral("Backup canceled\n")));
-        EXPECT_EQ(QFileInfo(device(QStringLiteral("Docs/big.bin"))).size(), qint64(768) << 20);
+        EXPECT_FALSE(QFile::exists(device(QStringLiteral("Docs/big.bin"))));
+        EXPECT_TRUE(QDir(device(QStringLiteral("Docs")))
+                        .entryList({QStringLiteral(".tanner-*")}, QDir::Hidden | QDir::Files)
+                        .isEmpty());
         EXPECT_FALSE(QFile::exists(device(QStringLiteral("Docs/z-after.txt"))));
-        QFile::remove(device(QStringLiteral("Docs/big.bin")));
     }
     // Ejected: the copy stops at once, and nothing lands in the folder left behind.
     {
@@ -358,4 +361,32 @@ TEST_F(CommandLineTest, RefusesToEmptyMostOfTheDeviceWithoutYes)
     result = tanner({QStringLiteral("backup"), QStringLiteral("Dev"), QStringLiteral("--yes")});
     EXPECT_EQ(result.exitCode, 0) << result.err.toStdString();
     EXPECT_FALSE(QFile::exists(device(QStringLiteral("Docs/f3.txt"))));
+}
+
+TEST_F(CommandLineTest, ABackupThatCannotFitChangesNothing)
+{
+    mountDevice(2 << 20);
+    useSource();
+    WriteTree(source(), {{"old.bin", QByteArray(1200000, 'o')}});
+    ASSERT_EQ(tanner({QStringLiteral("backup"), QStringLiteral("Dev")}).exitCode, 0);
+
+    // Too big by the sizes alone, but the Delete that goes first makes room.
+    QFile::remove(source(QStringLiteral("old.bin")));
+    WriteTree(source(), {{"new.bin", QByteArray(1500000, 'n')}});
+    ProcessResult result = tanner({QStringLiteral("backup"), QStringLiteral("Dev")});
+    EXPECT_EQ(result.exitCode, 0) << result.err.toStdString();
+    EXPECT_TRUE(QFile::exists(device(QStringLiteral("Docs/new.bin"))));
+
+    WriteTree(source(), {{"huge.bin", QByteArray(3000000, 'h')}});
+    QFile::remove(source(QStringLiteral("new.bin")));
+    result = tanner({QStringLiteral("backup"), QStringLiteral("Dev")});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_TRUE(Text(result.out).endsWith(QStringLiteral("Backup to Dev failed.\n"))) << result.out.toStdString();
+    const QString error = Text(result.err);
+    EXPECT_TRUE(error.contains(QStringLiteral("The backup needs 1."))
+        && error.contains(QStringLiteral("on the device \"Dev\", which has only "))
+        && error.contains(QStringLiteral("KB free.")))
+        << error.toStdString();
+    EXPECT_TRUE(QFile::exists(device(QStringLiteral("Docs/new.bin")))); // not even the Delete
+    EXPECT_EQ(QDir(device(QStringLiteral("Docs"))).entryList(QDir::Files | QDir::Hidden), QStringList {"new.bin"});
 }

@@ -85,6 +85,18 @@ TEST_F(HelpMenu, ContactLinkAndAboutBox)
         << opened.front().toStdString();
     EXPECT_TRUE(opened.front().contains(QStringLiteral("Tanner%20Backup%20")));
     EXPECT_TRUE(opened.front().contains(QStringLiteral("&body=---%20Please%20do%20not%20delete%20this%20line")));
+    // The system as it names itself.
+    EXPECT_TRUE(opened.front().contains(
+        QString::fromLatin1(QUrl::toPercentEncoding(KSActionHandler::SystemName(), "/:@!$'()*+,;=-._~"))))
+        << opened.front().toStdString();
+    EXPECT_FALSE(opened.front().contains(QStringLiteral("Mac")));
+    WriteTree(home.path(),
+        {{QStringLiteral("pretty"), "ID=debian\nPRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\nNAME=Debian\n"},
+            {QStringLiteral("plain"), "NAME='Tanner OS'\nVERSION_ID=4.2\n"}});
+    EXPECT_EQ(KSActionHandler::SystemName(home.path() + QStringLiteral("/pretty")),
+        QStringLiteral("Debian GNU/Linux 12 (bookworm)"));
+    EXPECT_EQ(KSActionHandler::SystemName(home.path() + QStringLiteral("/plain")), QStringLiteral("Tanner OS 4.2"));
+    EXPECT_EQ(KSActionHandler::SystemName(home.path() + QStringLiteral("/none")), QStringLiteral("Linux"));
 
     QString aboutLine;
     QTimer::singleShot(0, [&] {
@@ -97,6 +109,40 @@ TEST_F(HelpMenu, ContactLinkAndAboutBox)
     });
     KSActionHandler::sharedInstance().showAbout(nullptr);
     EXPECT_EQ(aboutLine, QStringLiteral("Manual backup for paranoid control freaks."));
+}
+
+TEST_F(HelpMenu, HandOffsNobodyTakesSaySo)
+{
+    // A desktop whose opener starts and then finds no handler, as xdg-open does without one.
+    KSSetWorkspaceTestHook({});
+    const QString bin = home.path() + QStringLiteral("/bin");
+    WriteTree(bin, {{QStringLiteral("xdg-open"), "#!/bin/sh\necho \"$1\" >> \"$(dirname \"$0\")/asked\"\nexit 3\n"}});
+    QFile::setPermissions(bin + QStringLiteral("/xdg-open"), QFile::ReadOwner | QFile::ExeOwner);
+    const QByteArray path = qgetenv("PATH");
+    qputenv("PATH", QFile::encodeName(bin) + ':' + path);
+    qunsetenv("DBUS_SESSION_BUS_ADDRESS"); // no file manager to answer either
+    KSActionHandler &handler = KSActionHandler::sharedInstance();
+
+    handler.visitWebsite();
+    ASSERT_TRUE(WaitUntil([this] { return alerts.size() == 1; }));
+    EXPECT_TRUE(alerts.front().startsWith(QStringLiteral("I can't open http"))) << alerts.front().toStdString();
+
+    handler.contactTannerwick(false);
+    ASSERT_TRUE(WaitUntil([this] { return alerts.size() == 2; }));
+    EXPECT_TRUE(alerts[1].startsWith(QStringLiteral("Contact failed.|I can't send email")));
+
+    WriteTree(home.path(), {{QStringLiteral("own.log"), "2026-11-22 08:00:00 com.tannerwick.backup started\n"}});
+    handler.emailLogs();
+    ASSERT_TRUE(WaitUntil([this] { return alerts.size() == 3; }));
+    EXPECT_TRUE(alerts[2].contains(QStringLiteral("(Copy Logs in the Help menu)"))) << alerts[2].toStdString();
+
+    bool shown = true;
+    KSShowInFileManager(home.path() + QStringLiteral("/own.log"), [&] { shown = false; });
+    EXPECT_TRUE(WaitUntil([&] { return !shown; }));
+    QFile asked(bin + QStringLiteral("/asked"));
+    ASSERT_TRUE(asked.open(QIODevice::ReadOnly));
+    EXPECT_EQ(asked.readAll().count('\n'), 4); // each went to the opener
+    qputenv("PATH", path);
 }
 
 TEST_F(HelpMenu, TheAboutBoxShowsTheApplicationsIcon)

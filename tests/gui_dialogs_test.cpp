@@ -11,6 +11,9 @@
 #include <QAbstractItemModelTester>
 #include <QCheckBox>
 #include <QComboBox>
+#include <QDialogButtonBox>
+#include <QDir>
+#include <QFileDialog>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
@@ -178,4 +181,35 @@ TEST(ExtraItemsDialog, NamesTheDeviceOnceAndListsTheItems)
     BUExtraStuffDialog::runDialogForTarget(QStringLiteral("Disk ### 2"), items);
     EXPECT_TRUE(shown);
     BUExtraStuffDialog::setTestHook({});
+}
+
+TEST(RuleDialog, TheRealChooserTakesAFolderAsTheExample)
+{
+    // Not the answer a test injects: Qt's own dialog, driven as a person drives it.
+    EnsureApplication();
+    ScopedXdgHome home;
+    const QString parent = home.path() + QStringLiteral("/examples");
+    WriteTree(parent, {{QStringLiteral("node_modules/x.js"), "x"}, {QStringLiteral("notes.txt"), "n"}});
+    auto choose = [&](const QString &item, QString *startedIn) {
+        QTimer::singleShot(0, [&, item] {
+            auto *chooser = qobject_cast<QFileDialog *>(QApplication::activeModalWidget());
+            ASSERT_NE(chooser, nullptr);
+            *startedIn = chooser->directory().absolutePath();
+            chooser->setDirectory(parent);
+            chooser->selectFile(item);
+            chooser->findChild<QDialogButtonBox *>()->button(QDialogButtonBox::Open)->click();
+            if (chooser->isVisible())
+                chooser->reject(); // it went into the folder instead of taking it
+        });
+    };
+    BURuleDialog folderRule(BURuleDialog::kNewRuleIndex, 1);
+    QString startedIn;
+    choose(QStringLiteral("node_modules"), &startedIn);
+    folderRule.chooseExample();
+    EXPECT_EQ(folderRule.compareValue(), QStringLiteral("node_modules"));
+    EXPECT_EQ(startedIn, QDir::homePath()); // not the folder the program was started in
+    // A file still does, also for a folder rule.
+    choose(QStringLiteral("notes.txt"), &startedIn);
+    folderRule.chooseExample();
+    EXPECT_EQ(folderRule.compareValue(), QStringLiteral("notes.txt"));
 }

@@ -3,7 +3,9 @@
 // analysis alone, and the question before a backup that would empty most of the device.
 #include "app/BUAppController.h"
 #include "backup/BUTransaction.h"
+#include "keelson/FormatString.h"
 #include "keelson/KSDayIndex.h"
+#include "keelson/KSLogger.h"
 #include "keelson/gui/KSAlert.h"
 #include "keelson/gui/KSAlertController.h"
 #include "keelson/gui/KSFileChooser.h"
@@ -15,17 +17,54 @@
 
 #include <QAbstractItemModelTester>
 #include <QAction>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusVirtualObject>
 #include <QDir>
+#include <QFileDialog>
 #include <QHeaderView>
 #include <QLabel>
 #include <QListView>
+#include <QProcess>
 #include <QPushButton>
+#include <QRegularExpression>
 #include <QTableView>
+#include <QTest>
 #include <QTreeView>
+
+#include <cmath>
+#include <mutex>
+#include <utility>
 
 using namespace tanner::test;
 
 namespace {
+
+// A desktop's notification service, reduced to remembering what it was asked to show.
+class NotificationServer : public QDBusVirtualObject {
+public:
+    QString introspect(const QString &) const override { return {}; }
+    bool handleMessage(const QDBusMessage &message, const QDBusConnection &connection) override
+    {
+        if (message.member() != QStringLiteral("Notify") || message.arguments().size() != 8)
+            return false;
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            shown.append(message.arguments().at(3).toString() + u'|' + message.arguments().at(4).toString());
+        }
+        connection.send(message.createReply(QVariant::fromValue(1U)));
+        return true;
+    }
+    QStringList received() const
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return shown;
+    }
+
+private:
+    mutable std::mutex mutex; // messages arrive on the bus's own thread
+    QStringList shown;
+};
 
 class MainWindow : public ::testing::Test {
 protected:
@@ -68,7 +107,8 @@ protected:
         if (window)
             window->cancel();
         window.reset();
-        for (const QString &mount : {device + QStringLiteral("/Docs/stuck"), device})
+        for (const QString &mount :
+            {device + QStringLiteral("/Docs/stuck"), device + QStringLiteral("/Docs/sub"), device})
             LazyUnmount(mount); // so the temporary home can be removed
         KSAlert::setTestAnswerer({});
         BUExtraStuffDialog::setTestHook({});
@@ -92,8 +132,17 @@ protected:
     }
     bool runToEnd()
     {
-        return WaitUntil(
+        const bool ended = WaitUntil(
             [this] { return !window->isRunning() && window->operationCount() == 0; }, std::chrono::seconds(60));
+        if (!ended)
+            ADD_FAILURE() << "still running: " << status->text().toStdString() << " " << window->operationCount();
+        return ended;
+    }
+    QLabel *counters() const { return window->findChild<QLabel *>(QStringLiteral("counterField")); }
+    QStringList partialFiles() const
+    {
+        return QDir(device + QStringLiteral("/Docs"))
+            .entryList({QStringLiteral(".tanner-partial-*")}, QDir::Files | QDir::Hidden);
     }
     QString statusColumn(int row) const { return table->model()->index(row, 0).data().toString(); }
 
@@ -275,7 +324,7 @@ TEST_F(MainWindow, ExtraItemsAnalysisOnlyAndLargeDeletions)
     // Analysis alone: the transactions stay listed, nothing is written, Next Error is on.
     window->findChild<QAction *>(QStringLiteral("analyzeAction"))->trigger();
     ASSERT_TRUE(runToEnd());
-    EXPECT_EQ(status->text(), QStringLiteral("Analysis complete"));
+    EXPECT_EQ(status->text(), QStringLiteral("Analysis complete: 7 actions, 100.01 KB to copy"));
     EXPECT_GT(table->model()->rowCount(), 0);
     EXPECT_FALSE(QFile::exists(device + QStringLiteral("/Docs")));
     window->validateMenuItems();
@@ -301,4 +350,301 @@ TEST_F(MainWindow, ExtraItemsAnalysisOnlyAndLargeDeletions)
     EXPECT_TRUE(alerts.front().startsWith(QStringLiteral("This backup would delete"))) << alerts.front().toStdString();
     EXPECT_TRUE(QFile::exists(device + QStringLiteral("/Docs/more/f1.txt"))); // nothing deleted
     EXPECT_EQ(table->model()->rowCount(), 0);
+}
+
+TEST_F(MainWindow, CancelAndQuitAnswerAtOnce)
+{
+    ASSERT_TRUE(selectDevice(QStringLiteral("Backup Disk")));
+    auto *cancelButton = window->findChild<QPushButton *>(QStringLiteral("cancelButton"));
+
+    // During the analysis: the window says so at once and the job's own end closes it.
+    backupButton->click();
+    cancelButton->click();
+    EXPECT_EQ(status->text(), QStringLiteral("Canceling..."));
+    EXPECT_TRUE(window->isRunning());
+    EXPECT_FALSE(cancelButton->isEnabled());
+    ASSERT_TRUE(runToEnd());
+    EXPECT_EQ(alerts, QStringList {QStringLiteral("Backup to Backup Disk canceled.")});
+    EXPECT_FALSE(QFile::exists(device + QStringLiteral("/Docs")));
+
+    // During a big copy: nothing partial stays behind, and nothing lands half written.
+    QFile big(source + QStringLiteral("/big.bin"));
+    ASSERT_TRUE(big.open(QIODevice::WriteOnly) && big.resize(qint64(40) << 20));
+    big.close();
+    // Acting on the backup's first report: it is surely under way then.
+    std::function<void()> duringBackup;
+    const QMetaObject::Connection watch
+        = QObject::connect(table->model(), &QAbstractItemModel::dataChanged, window.get(), [&] {
+              if (window->isBackupInProgress() && duringBackup)
+                  std::exchange(duringBackup, {})();
+          });
+    duringBackup = [&] {
+        window->cancel();
+        EXPECT_EQ(status->text(), QStringLiteral("Canceling..."));
+        EXPECT_TRUE(window->isCanceling());
+    };
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    EXPECT_FALSE(duringBackup);
+    EXPECT_EQ(status->text(), QStringLiteral("Backup canceled"));
+    EXPECT_TRUE(partialFiles().isEmpty()) << partialFiles().join(u' ').toStdString();
+    const QFileInfo copied(device + QStringLiteral("/Docs/big.bin"));
+    EXPECT_TRUE(!copied.exists() || copied.size() == big.size());
+
+    // Quit while a backup runs: asked first; kept running on "Keep Running"; else the window
+    // closes once the job has ended, not before.
+    alerts.clear();
+    QFile::remove(copied.filePath());
+    duringBackup = [&] {
+        answer = KSAlertController::kSecondButton;
+        EXPECT_FALSE(window->close());
+        ASSERT_EQ(alerts, QStringList {QStringLiteral("A backup to \"Backup Disk\" is running. Stop it and quit?")});
+        EXPECT_TRUE(window->isRunning());
+        EXPECT_FALSE(window->isCanceling());
+        answer = KSAlertController::kFirstButton;
+        EXPECT_FALSE(window->close());
+        EXPECT_TRUE(window->isVisible());
+        EXPECT_EQ(status->text(), QStringLiteral("Canceling..."));
+    };
+    backupButton->click();
+    EXPECT_TRUE(WaitUntil([this] { return !window->isVisible(); }));
+    QObject::disconnect(watch);
+    EXPECT_FALSE(duringBackup);
+    EXPECT_EQ(window->operationCount(), 0);
+    EXPECT_EQ(alerts.size(), 2);
+}
+
+TEST_F(MainWindow, CountersBelongToTheirRun)
+{
+    ASSERT_TRUE(selectDevice(QStringLiteral("Backup Disk")));
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    EXPECT_TRUE(counters()->isVisible());
+    EXPECT_EQ(counters()->text(), QStringLiteral("7 of 7 actions, 100.01 KB of 100.01 KB"));
+
+    // The next job's outcome stands alone.
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    EXPECT_EQ(status->text(), QStringLiteral("The backup device is up to date"));
+    EXPECT_FALSE(counters()->isVisible());
+
+    // A stop names what was never tried: the first change into a read-only folder stops the run.
+    WriteTree(source, {{QStringLiteral("sub/n1.txt"), "1"}, {QStringLiteral("sub/n2.txt"), "2"}});
+    ASSERT_TRUE(MountTmpfs(device + QStringLiteral("/Docs/sub"), 1 << 20));
+    ASSERT_TRUE(RemountReadOnly(device + QStringLiteral("/Docs/sub")));
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    const int rows = table->model()->rowCount();
+    ASSERT_GT(rows, 2);
+    EXPECT_EQ(status->text(), FormatString("1 backup action failed, %d not tried", rows - 1));
+    EXPECT_EQ(counters()->text(), FormatString("1 of %d actions, 0 KB of 100.01 KB", rows));
+    EXPECT_EQ(alerts.size(), 1);
+    // The folder that failed is the device's, and the location says so.
+    const QString location
+        = table->currentIndex().siblingAtColumn(BUTransactionTableModel::kLocationColumn).data().toString();
+    EXPECT_TRUE(location.startsWith(QStringLiteral("Backup Disk/Docs/sub\n"))) << location.toStdString();
+
+    // A big file's bytes count as they reach the device, with the bar.
+    window->copyProgress(0, 50000);
+    EXPECT_EQ(counters()->text(), FormatString("1 of %d actions, 50 KB of 100.01 KB", rows));
+}
+
+TEST_F(MainWindow, TheDeleteKeyActsOnTheFocusedRuleListOnly)
+{
+    ASSERT_TRUE(selectDevice(QStringLiteral("Backup Disk")));
+    auto *rules = window->findChild<QListView *>(QStringLiteral("ruleTable"));
+    rules->setCurrentIndex(rules->model()->index(0, 0));
+    window->activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(window.get()));
+    outline->setFocus();
+    QTest::keyClick(outline, Qt::Key_Delete);
+    table->setFocus();
+    QTest::keyClick(table, Qt::Key_Delete);
+    EXPECT_EQ(BUAppController::sharedInstance().backupFolders(), QStringList {source});
+    rules->setFocus();
+    QTest::keyClick(rules, Qt::Key_Delete);
+    EXPECT_TRUE(BUAppController::sharedInstance().backupFolders().isEmpty());
+}
+
+TEST_F(MainWindow, TheLargeDeletionQuestionLetsTheUserReview)
+{
+    Tree many;
+    for (int i = 0; i < 20; ++i)
+        many.insert(QStringLiteral("more/f%1.txt").arg(i), "x");
+    WriteTree(source, many);
+    ASSERT_TRUE(selectDevice(QStringLiteral("Backup Disk")));
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    QDir(source + QStringLiteral("/more")).removeRecursively();
+    answer = KSAlertController::kThirdButton; // "Review"
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    ASSERT_EQ(alerts.size(), 1);
+    EXPECT_EQ(status->text(), QStringLiteral("Analysis complete: 1 action, 0 KB to copy"));
+    EXPECT_EQ(table->model()->rowCount(), 1); // the folder's Delete, listed to be looked at
+    EXPECT_TRUE(QFile::exists(device + QStringLiteral("/Docs/more/f1.txt"))); // nothing deleted
+    EXPECT_TRUE(backupButton->isEnabled());
+    answer = KSAlertController::kFirstButton;
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    EXPECT_EQ(status->text(), QStringLiteral("Backup succeeded"));
+    EXPECT_FALSE(QFile::exists(device + QStringLiteral("/Docs/more")));
+}
+
+TEST_F(MainWindow, FirstStartSaysWhatIsMissing)
+{
+    BUAppController &controller = BUAppController::sharedInstance();
+    controller.backupFolders().clear();
+    ClearTransactions(); // as at a first start (the tests of this process share the list)
+    window->updateRuleList(-1);
+    auto *hint = window->findChild<QLabel *>(QStringLiteral("emptyHint"));
+    ASSERT_NE(hint, nullptr);
+    EXPECT_TRUE(hint->isVisible());
+    EXPECT_TRUE(hint->text().contains(QStringLiteral("Add the folders to back up")));
+    EXPECT_TRUE(hint->text().contains(QStringLiteral("Pick the backup device")));
+
+    // The folder chooser opens at home.
+    QString startedIn;
+    QTimer::singleShot(0, [&] {
+        auto *chooser = qobject_cast<QFileDialog *>(QApplication::activeModalWidget());
+        ASSERT_NE(chooser, nullptr);
+        startedIn = chooser->directory().absolutePath();
+        chooser->reject();
+    });
+    window->addRule();
+    EXPECT_EQ(startedIn, QDir::homePath());
+
+    controller.backupFolders() = {source};
+    window->updateRuleList(0);
+    EXPECT_EQ(hint->text(), QStringLiteral("Pick the backup device in the list on the left."));
+    ASSERT_TRUE(selectDevice(QStringLiteral("Backup Disk")));
+    EXPECT_FALSE(hint->isVisible());
+
+    // A device hidden by collapsing its group is no longer the one a backup goes to.
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    ASSERT_EQ(window->selectedDrive(), QStringLiteral("Backup Disk")); // now a recent device
+    outline->collapse(outline->model()->index(0, 0));
+    EXPECT_TRUE(window->selectedDrive().isEmpty());
+    EXPECT_FALSE(backupButton->isEnabled());
+    outline->expand(outline->model()->index(0, 0));
+
+    // The last-backup column reads as text: at least 4.5:1 against the list's background.
+    const QModelIndex when = outline->model()->index(0, 1, outline->model()->index(0, 0));
+    const QColor text = when.data(Qt::ForegroundRole).value<QBrush>().color();
+    const QColor base = outline->palette().color(QPalette::Base);
+    auto luminance = [](const QColor &c) {
+        auto channel = [](double v) { return v <= 0.03928 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4); };
+        return 0.2126 * channel(c.redF()) + 0.7152 * channel(c.greenF()) + 0.0722 * channel(c.blueF());
+    };
+    const double a = luminance(text), b = luminance(base);
+    EXPECT_GE((std::max(a, b) + 0.05) / (std::min(a, b) + 0.05), 4.5) << text.name().toStdString();
+
+    // Copy Logs says it did.
+    KSLogger &logger = KSLogger::sharedInstance();
+    logger.sources.crashFolders = {};
+    logger.sources.coredumpctl = QStringLiteral("/nonexistent/coredumpctl");
+    logger.sources.journalctl = QStringLiteral("/nonexistent/journalctl");
+    logger.sources.systemLog = home.path() + QStringLiteral("/no-syslog");
+    logger.sources.ownLog = home.path() + QStringLiteral("/own.log");
+    WriteTree(home.path(), {{QStringLiteral("own.log"), "2026-11-22 08:00:00 com.tannerwick.backup started\n"}});
+    window->findChild<QAction *>(QStringLiteral("copyLogsAction"))->trigger();
+    EXPECT_EQ(status->text(), QStringLiteral("The logs are on the clipboard"));
+}
+
+TEST_F(MainWindow, ABackupThatCannotFitStopsBeforeTheFirstChange)
+{
+    const QString small = volumes + QStringLiteral("/Small Disk");
+    ASSERT_TRUE(MountTmpfs(small, 1 << 20));
+    WriteTree(source, {{QStringLiteral("video.bin"), QByteArray(3 << 20, 'v')}});
+    // A sparse file counts by its data: this one would fit alone.
+    QFile sparse(source + QStringLiteral("/sparse.img"));
+    ASSERT_TRUE(sparse.open(QIODevice::WriteOnly) && sparse.resize(qint64(1) << 30));
+    sparse.close();
+    ASSERT_TRUE(WaitUntil([this] { return selectDevice(QStringLiteral("Small Disk")); }));
+    QStringList details;
+    KSAlert::setTestAnswerer([&](const KSAlert::Shown &shown) {
+        alerts.append(shown.message);
+        details.append(shown.moreInfo);
+        return answer;
+    });
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    LazyUnmount(small);
+    ASSERT_EQ(alerts, QStringList {QStringLiteral("Backup to Small Disk failed.")});
+    EXPECT_TRUE(details.front().contains(QStringLiteral("The backup needs 3."))
+        && details.front().contains(FormatString("which has only %@ free", FileSizeString(1 << 20))))
+        << details.front().toStdString();
+    EXPECT_TRUE(QDir(small).isEmpty());
+}
+
+TEST_F(MainWindow, TheEndOfAJobIsAnnouncedWhileTheWindowIsInactive)
+{
+    // A session bus of its own, set before anything in this process reaches for one.
+    QProcess bus;
+    bus.start(QStringLiteral("dbus-daemon"),
+        {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address")});
+    if (!bus.waitForStarted(5000) || !bus.waitForReadyRead(10000))
+        GTEST_SKIP() << "no dbus-daemon to run a private session bus";
+    const QString address = QString::fromUtf8(bus.readLine()).trimmed();
+    qputenv("DBUS_SESSION_BUS_ADDRESS", address.toUtf8());
+    if (!QDBusConnection::sessionBus().isConnected()) {
+        bus.kill();
+        bus.waitForFinished();
+        GTEST_SKIP() << "this process reached for a session bus before the test set up its own; run the test in a "
+                        "process of its own, as ctest does";
+    }
+    QWidget other;
+    other.show();
+    other.activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(&other));
+    ASSERT_FALSE(window->isActiveWindow());
+
+    // No notification service on the bus: nothing fails, and the title follows the backup.
+    ASSERT_TRUE(selectDevice(QStringLiteral("Backup Disk")));
+    QString titleDuringBackup;
+    const QMetaObject::Connection watch
+        = QObject::connect(table->model(), &QAbstractItemModel::dataChanged, window.get(), [&] {
+              if (window->isBackupInProgress() && titleDuringBackup.isEmpty())
+                  titleDuringBackup = window->windowTitle();
+          });
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    QObject::disconnect(watch);
+    EXPECT_TRUE(QRegularExpression(QStringLiteral("^\\d+% - Tanner Backup$")).match(titleDuringBackup).hasMatch())
+        << titleDuringBackup.toStdString();
+    EXPECT_EQ(status->text(), QStringLiteral("Backup succeeded"));
+    EXPECT_EQ(window->windowTitle(), QStringLiteral("Tanner Backup"));
+
+    NotificationServer server;
+    QDBusConnection serverConnection = QDBusConnection::connectToBus(address, QStringLiteral("notifications"));
+    ASSERT_TRUE(serverConnection.registerVirtualObject(QStringLiteral("/org/freedesktop/Notifications"), &server));
+    ASSERT_TRUE(serverConnection.registerService(QStringLiteral("org.freedesktop.Notifications")));
+    WriteTree(source, {{QStringLiteral("new.txt"), "new"}});
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    EXPECT_TRUE(WaitUntil([&] { return !server.received().isEmpty(); }));
+    EXPECT_EQ(server.received(), QStringList {QStringLiteral("Backup Disk|Backup succeeded")});
+
+    // Not while the user is looking at the window.
+    window->activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(window.get()));
+    WriteTree(source, {{QStringLiteral("newer.txt"), "newer"}});
+    window->findChild<QAction *>(QStringLiteral("analyzeAction"))->trigger();
+    ASSERT_TRUE(runToEnd());
+    EXPECT_TRUE(status->text().startsWith(QStringLiteral("Analysis complete")));
+    QFile::remove(source + QStringLiteral("/newer.txt"));
+    other.activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(&other));
+    window->findChild<QAction *>(QStringLiteral("analyzeAction"))->trigger();
+    ASSERT_TRUE(runToEnd());
+    EXPECT_TRUE(WaitUntil([&] { return server.received().size() >= 2; }));
+    EXPECT_EQ(server.received(),
+        (QStringList {QStringLiteral("Backup Disk|Backup succeeded"),
+            QStringLiteral("Backup Disk|The backup device is up to date")}));
+
+    serverConnection.unregisterObject(QStringLiteral("/org/freedesktop/Notifications"));
+    QDBusConnection::disconnectFromBus(QStringLiteral("notifications"));
+    bus.kill();
+    bus.waitForFinished();
 }

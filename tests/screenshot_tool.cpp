@@ -22,9 +22,14 @@ namespace {
 
 QString g_out;
 
-void Save(QWidget *widget, const char *name)
+// Grabs the widget; with pending false, the reports still queued for it are left queued, so the
+// picture shows the moment it was taken in.
+void Save(QWidget *widget, const char *name, bool pending = true)
 {
-    QApplication::processEvents();
+    if (pending)
+        QApplication::processEvents();
+    else
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::LayoutRequest);
     const QString path = g_out + u'/' + QLatin1String(name);
     if (!widget->grab().save(path))
         std::fprintf(stderr, "can't write %s\n", qPrintable(path));
@@ -92,6 +97,10 @@ int main(int argc, char **argv)
     BUWindowController window;
     window.resize(1100, 680);
     controller.applicationDidFinishLaunching();
+    // The first start: the home folder is in the list, no device is picked yet.
+    window.show();
+    window.updateRuleList(0);
+    Save(&window, "screenshot-first-start.png");
     controller.backupFolders() = {documents, photos};
     controller.recentDrives() = {QStringLiteral("Backup Disk"), QStringLiteral("Archive 2024")};
     controller.backupDates().insert(QStringLiteral("Archive 2024"), 20241103);
@@ -105,11 +114,29 @@ int main(int argc, char **argv)
     // In progress: grab the window as the backup passes the middle of its reports.
     KSAlert::setTestAnswerer([](const KSAlert::Shown &) { return int(KSAlertController::kFirstButton); });
     int reports = 0;
+    int phase = 0;
     QObject::connect(window.findChild<QAbstractItemView *>(QStringLiteral("actionTable"))->model(),
         &QAbstractItemModel::dataChanged, &window, [&] {
-            if (++reports == 140)
+            if (++reports == 140 && phase == 0)
                 Save(&window, "screenshot-progress.png");
         });
+    window.backup(false);
+    RunToEnd(window);
+
+    // Cancelled in the middle: the window says so until the backup has stopped.
+    QDir(disk + QStringLiteral("/Photos")).removeRecursively();
+    reports = 0;
+    phase = 1;
+    QObject::connect(window.findChild<QAbstractItemView *>(QStringLiteral("actionTable"))->model(),
+        &QAbstractItemModel::dataChanged, &window, [&] {
+            if (phase == 1 && reports >= 60 && window.isBackupInProgress() && !window.isCanceling()) {
+                phase = 2;
+                window.cancel();
+                Save(&window, "screenshot-canceling.png", false);
+            }
+        });
+    window.backup(false);
+    RunToEnd(window);
     window.backup(false);
     RunToEnd(window);
 

@@ -9,6 +9,9 @@
 #include <QFileInfo>
 #include <QStyle>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 BUTransactionTableModel::BUTransactionTableModel(QObject *parent)
     : QAbstractTableModel(parent), folderImage(QApplication::style()->standardIcon(QStyle::SP_DirIcon))
 {
@@ -45,6 +48,24 @@ QString BUTransactionTableModel::locationOf(const QString &path)
     return location;
 }
 
+QString BUTransactionTableModel::failureLocation(const BUTransaction &transaction) const
+{
+    const QString path = transaction.path();
+    const QString &root = transaction.rootPath();
+    if (transaction.action() == BUTransaction::kDelete || deviceName.isEmpty() || root.isEmpty()
+        || !path.startsWith(root))
+        return locationOf(path);
+    // A source that reads was not what failed: the device folder was.
+    if (::faccessat(AT_FDCWD, FileNameToBytes(path).constData(), R_OK, AT_EACCESS | AT_SYMLINK_NOFOLLOW) != 0)
+        return locationOf(path);
+    qsizetype start = root.size();
+    while (start < path.size() && path[start] == u'/')
+        ++start;
+    const QString relative = path.mid(start);
+    const qsizetype slash = relative.lastIndexOf(u'/');
+    return slash < 0 ? deviceName : deviceName + u'/' + relative.left(slash);
+}
+
 QVariant BUTransactionTableModel::data(const QModelIndex &index, int role) const
 {
     if (!index.isValid() || index.row() >= g_transactions.size())
@@ -62,12 +83,8 @@ QVariant BUTransactionTableModel::data(const QModelIndex &index, int role) const
             return t.actionName();
         case kNameColumn:
             return LastPathComponent(t.path());
-        case kLocationColumn: {
-            const QString location = locationOf(t.path());
-            if (!failed)
-                return location;
-            return location + u'\n' + error;
-        }
+        case kLocationColumn:
+            return failed ? failureLocation(t) + u'\n' + error : locationOf(t.path());
         default:
             return {};
         }

@@ -8,6 +8,8 @@
 #include <QColor>
 #include <QIcon>
 
+class BUTransaction;
+
 class BUTransactionTableModel : public QAbstractTableModel {
     Q_OBJECT
 public:
@@ -30,7 +32,13 @@ public:
 
     // The location column's text: the parent folder, without the volumes root.
     static QString locationOf(const QString &path);
+    // The device the listed transactions go to: a failed copy or update whose source can still
+    // be read failed on the device, and its location names the device folder.
+    void setDeviceName(const QString &name) { deviceName = name; }
 
 private:
+    QString failureLocation(const BUTransaction &transaction) const;
+
     QIcon folderImage;
+    QString deviceName;
 };

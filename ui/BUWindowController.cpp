@@ -14,6 +14,7 @@
 #include "keelson/gui/KSAlert.h"
 #include "keelson/gui/KSAlertController.h"
 #include "keelson/gui/KSFileChooser.h"
+#include "keelson/gui/KSNotification.h"
 #include "keelson/gui/KSWorkspace.h"
 #include "ui/BUExtraStuffDialog.h"
 #include "ui/BURuleDialog.h"
@@ -25,6 +26,8 @@
 #include <QFileInfo>
 #include <QHeaderView>
 #include <QScreen>
+#include <QTimer>
+#include <QVBoxLayout>
 
 namespace {
 
@@ -48,6 +51,12 @@ QString DurationText(double seconds)
     if (minutes < 60)
         return minutes == 1 ? QStringLiteral("about a minute") : FormatString("about %d minutes", minutes);
     return FormatString("about %d h %02d min", minutes / 60, minutes % 60);
+}
+
+void ShowFileManagerFailure(const QString &path)
+{
+    KSAlert::sharedInstance().giveAlertMessage(FormatString("I can't show \"%@\" in a file manager.", path),
+        QStringLiteral("No file manager is set up to open folders on this computer."));
 }
 
 } // namespace
@@ -76,13 +85,21 @@ BUWindowController::BUWindowController(QWidget *parent) : QMainWindow(parent), u
 
     // 1. Status empty; Cancel and Backup disabled.
     ui->statusField->clear();
+    // Its line is kept while empty, so nothing below it jumps when a message appears.
+    ui->statusField->setMinimumHeight(ui->statusField->fontMetrics().height());
     ui->cancelButton->setEnabled(false);
     ui->backupButton->setEnabled(false);
     ui->progressControl->hide();
-    // The counters appear with the first backup and keep its figures afterwards.
-    for (QLabel *field : {ui->doneCountField, ui->ofCountField, ui->totalCountField, ui->countUnitLabel,
-             ui->doneSizeField, ui->ofSizeField, ui->totalSizeField})
-        field->hide();
+    // The counters belong to a backup: they appear with it and stay until the next job starts.
+    ui->counterField->hide();
+    emptyHint = new QLabel(ui->actionTable->viewport());
+    emptyHint->setObjectName(QStringLiteral("emptyHint"));
+    emptyHint->setAlignment(Qt::AlignCenter);
+    emptyHint->setWordWrap(true);
+    emptyHint->setTextFormat(Qt::PlainText);
+    emptyHint->setForegroundRole(QPalette::PlaceholderText);
+    auto *hintLayout = new QVBoxLayout(ui->actionTable->viewport());
+    hintLayout->addWidget(emptyHint);
     // 3. Expansion state of the two groups.
     auto settings = Settings();
     expandRecent = DefaultYesBool(*settings, kExpandRecentKey);
@@ -109,7 +126,9 @@ BUWindowController::~BUWindowController()
     controller.selectedDriveHook = nullptr;
     controller.updateDriveListHook = nullptr;
     controller.firstRunDefaultsHook = nullptr;
-    cancel();
+    // Its reports would come to a window that is gone: wait for the job here.
+    operationQueue.cancelAllOperations();
+    operationQueue.waitUntilAllOperationsAreFinished();
 }
 
 void BUWindowController::connectActions()
@@ -124,6 +143,10 @@ void BUWindowController::connectActions()
     connect(ui->addRuleAction, &QAction::triggered, this, &BUWindowController::addRule);
     connect(ui->deleteRuleButton, &QPushButton::clicked, this, &BUWindowController::deleteRule);
     connect(ui->deleteRuleAction, &QAction::triggered, this, &BUWindowController::deleteRule);
+    // The Delete key removes a rule only from the focused rule list, never from the outline or
+    // the transaction table; the menu command still acts on the rule list.
+    ui->deleteRuleAction->setShortcutContext(Qt::WidgetShortcut);
+    ui->ruleTable->addAction(ui->deleteRuleAction);
     connect(ui->addDefaultsButton, &QPushButton::clicked, this, &BUWindowController::addDefaults);
     connect(ui->addDefaultsAction, &QAction::triggered, this, &BUWindowController::addDefaults);
     connect(ui->nextErrorAction, &QAction::triggered, this, &BUWindowController::nextError);
@@ -148,12 +171,24 @@ void BUWindowController::connectActions()
         const bool recent = index.row() == BUDeviceOutlineModel::kRecentGroup;
         (recent ? expandRecent : expandOther) = false;
         Settings()->setValue(recent ? kExpandRecentKey : kExpandOtherKey, false);
+        // A device out of sight is not the one a backup goes to.
+        if (ui->diskOutline->currentIndex().parent() == index) {
+            ui->diskOutline->setCurrentIndex(QModelIndex());
+            ui->diskOutline->clearSelection();
+            if (!running)
+                enableBackup();
+        }
     });
     connect(ui->confirmDeletionsAction, &QAction::toggled, this,
         [](bool on) { Settings()->setValue(confirmDeletionsKey(), on); });
 
     KSActionHandler &handler = KSActionHandler::sharedInstance();
-    connect(ui->copyLogsAction, &QAction::triggered, this, [&handler] { handler.copyLogs(); });
+    connect(ui->copyLogsAction, &QAction::triggered, this, [this, &handler] {
+        if (handler.copyLogs())
+            setStatus(QStringLiteral("The logs are on the clipboard"));
+        else
+            QApplication::beep();
+    });
     connect(ui->emailLogsAction, &QAction::triggered, this, [&handler] { handler.emailLogs(); });
     connect(ui->contactAction, &QAction::triggered, this, [&handler] { handler.contactTannerwick(false); });
     connect(ui->checkUpdatesAction, &QAction::triggered, this, [&handler] { handler.checkUpdates(); });
@@ -195,6 +230,24 @@ void BUWindowController::saveWindowState()
 
 void BUWindowController::closeEvent(QCloseEvent *event)
 {
+    if (running) {
+        // The device may be unplugged as soon as the window is gone: the job ends first.
+        if (!closeWhenIdle) {
+            const int answer = KSAlert::sharedInstance().giveAlertMessage(
+                FormatString("A backup to \"%@\" is running. Stop it and quit?", jobTarget),
+                QStringLiteral("What was copied so far stays on the device. The window closes once the backup has "
+                               "stopped."),
+                {QStringLiteral("Stop and Quit"), QStringLiteral("Keep Running")});
+            if (answer != KSAlertController::kFirstButton) {
+                event->ignore();
+                return;
+            }
+            closeWhenIdle = true;
+            cancel();
+        }
+        event->ignore();
+        return;
+    }
     saveWindowState();
     QMainWindow::closeEvent(event);
 }
@@ -284,7 +337,47 @@ void BUWindowController::enableBackup()
 {
     const bool ready = !BUAppController::sharedInstance().backupFolders().isEmpty() && !selectedDrive().isEmpty();
     ui->backupButton->setEnabled(ready && !running);
+    updateEmptyHint();
     validateMenuItems();
+}
+
+void BUWindowController::updateEmptyHint()
+{
+    QStringList missing;
+    if (BUAppController::sharedInstance().backupFolders().isEmpty())
+        missing.append(QStringLiteral("Add the folders to back up: choose Add under the list of backup folders."));
+    if (selectedDrive().isEmpty())
+        missing.append(QStringLiteral("Pick the backup device in the list on the left."));
+    emptyHint->setText(missing.join(u'\n'));
+    emptyHint->setVisible(!missing.isEmpty() && !running && g_transactions.isEmpty());
+}
+
+void BUWindowController::updateTitle()
+{
+    const QString name = QStringLiteral("Tanner Backup");
+    if (!backupInProgress || g_totalBytes <= 0) {
+        setWindowTitle(name);
+        return;
+    }
+    const double done = std::min<double>(g_totalBytes, g_copiedBytes + bytesInFlight);
+    setWindowTitle(FormatString("%d%% - %@", int(100.0 * done / g_totalBytes), name));
+}
+
+void BUWindowController::updateCounters()
+{
+    const qint64 total = g_transactions.size();
+    const double done = std::min<double>(g_totalBytes, g_copiedBytes + bytesInFlight);
+    ui->counterField->setText(FormatString("%,lld of %,lld %@, %@ of %@", qint64(g_finishedTransactions), total,
+        total == 1 ? QStringLiteral("action") : QStringLiteral("actions"), FileSizeString(static_cast<long long>(done)),
+        FileSizeString(static_cast<long long>(static_cast<unsigned long long>(g_totalBytes)))));
+}
+
+QString BUWindowController::analysisSummary() const
+{
+    const qint64 count = g_transactions.size();
+    return FormatString("Analysis complete: %,lld %@, %@ to copy", count,
+        count == 1 ? QStringLiteral("action") : QStringLiteral("actions"),
+        FileSizeString(static_cast<long long>(static_cast<unsigned long long>(g_totalBytes))));
 }
 
 void BUWindowController::validateMenuItems()
@@ -294,8 +387,8 @@ void BUWindowController::validateMenuItems()
         = idle && !BUAppController::sharedInstance().backupFolders().isEmpty() && !selectedDrive().isEmpty();
     ui->backupAction->setEnabled(ready);
     ui->analyzeAction->setEnabled(ready);
-    ui->cancelAction->setEnabled(running);
-    ui->cancelButton->setEnabled(running);
+    ui->cancelAction->setEnabled(running && !canceling);
+    ui->cancelButton->setEnabled(running && !canceling);
     ui->nextErrorAction->setEnabled(!g_transactions.isEmpty());
     ui->revealAction->setEnabled(ui->actionTable->currentIndex().isValid());
     const bool ruleSelected
@@ -329,13 +422,18 @@ void BUWindowController::backup(bool onlyAnalyze)
     if (target.isEmpty() || controller.backupFolders().isEmpty() || operationQueue.operationCount() > 0 || running)
         return;
     ClearTransactions();
+    transactionModel.setDeviceName(target);
     transactionModel.reload();
+    ui->counterField->hide(); // the last backup's figures are not this job's
     running = true;
+    canceling = false;
+    jobTarget = target;
     ui->progressControl->setRange(0, 0); // indeterminate while analysing
     ui->progressControl->show();
     controller.updateRecentDrives(target);
     updateDriveList(0);
     ui->backupButton->setEnabled(false);
+    emptyHint->hide();
     setStatus(QStringLiteral("Analyzing..."));
     analyzeOnly = onlyAnalyze;
     analyzeInProgress = true;
@@ -347,20 +445,32 @@ void BUWindowController::backup(bool onlyAnalyze)
 
 void BUWindowController::cancel()
 {
+    if (operationQueue.operationCount() == 0)
+        return;
+    // The job stops at its next check (between two actions, or two chunks of a copy) and still
+    // sends its last report, which ends the job here.
     operationQueue.cancelAllOperations();
-    operationQueue.waitUntilAllOperationsAreFinished();
+    if (!running || canceling)
+        return;
+    canceling = true;
+    setStatus(QStringLiteral("Canceling..."));
+    validateMenuItems();
 }
 
-bool BUWindowController::confirmLargeDeletion(const BUAnalysisReport &report)
+BUWindowController::DeletionAnswer BUWindowController::confirmLargeDeletion(const BUAnalysisReport &report)
 {
     // An emptied, renamed or unmounted source folder looks to the analysis like a folder whose
     // contents were all deleted. Ask before making the device follow it.
     if (!ui->confirmDeletionsAction->isChecked() || !DeletesMostOfTheDevice(report))
-        return true;
+        return DeletionAnswer::Backup;
     const int answer = KSAlert::sharedInstance().giveAlertMessage(LargeDeletionMessage(report),
-        LargeDeletionExplanation() + QStringLiteral(" You can turn this question off in the Edit menu."),
-        {QStringLiteral("Backup"), QStringLiteral("Cancel")});
-    return answer == KSAlertController::kFirstButton;
+        LargeDeletionExplanation()
+            + QStringLiteral(" Review keeps the list of transactions in the window. You can turn this question off "
+                             "in the Edit menu."),
+        {QStringLiteral("Backup"), QStringLiteral("Cancel"), QStringLiteral("Review")});
+    if (answer == KSAlertController::kFirstButton)
+        return DeletionAnswer::Backup;
+    return answer == KSAlertController::kThirdButton ? DeletionAnswer::Review : DeletionAnswer::Cancel;
 }
 
 void BUWindowController::analysisComplete(const BUAnalysisReport &report)
@@ -370,64 +480,85 @@ void BUWindowController::analysisComplete(const BUAnalysisReport &report)
     analyzeInProgress = false;
     deviceModel.setJobState(analyzeInProgress, backupInProgress);
 
+    QString outcome;
+    bool keepList = analyzeOnly;
     if (report.extra) {
+        outcome = FormatString("Backup to %@ failed.", report.target);
+        finishJob(outcome, true);
         BUExtraStuffDialog::runDialogForTarget(report.target, *report.extra, this);
     } else if (report.cancel) {
-        KSAlert::sharedInstance().giveAlertMessage(FormatString("Backup to %@ canceled.", report.target),
-            QStringLiteral("The backup was canceled before any changes were made to the target device."));
+        outcome = FormatString("Backup to %@ canceled.", report.target);
+        finishJob(outcome, true);
+        KSAlert::sharedInstance().giveAlertMessage(
+            outcome, QStringLiteral("The backup was canceled before any changes were made to the target device."));
     } else if (report.error) {
-        KSAlert::sharedInstance().giveAlertMessage(FormatString("Backup to %@ failed.", report.target), *report.error);
+        outcome = FormatString("Backup to %@ failed.", report.target);
+        finishJob(outcome, true);
+        KSAlert::sharedInstance().giveAlertMessage(outcome, *report.error);
     } else if (g_transactions.isEmpty()) {
-        setStatus(QStringLiteral("The backup device is up to date"));
+        finishJob(QStringLiteral("The backup device is up to date"));
     } else {
         SortTransactions(g_transactions);
         transactionModel.reload();
         if (analyzeOnly) {
-            setStatus(QStringLiteral("Analysis complete"));
-        } else if (confirmLargeDeletion(report)) {
-            startBackup(report.target);
-            return;
+            finishJob(analysisSummary());
         } else {
-            setStatus(QStringLiteral("Backup canceled"), true);
+            // Cancel pressed as the analysis ended: nothing more is asked or done.
+            switch (canceling ? DeletionAnswer::Cancel : confirmLargeDeletion(report)) {
+            case DeletionAnswer::Backup:
+                startBackup(report.target);
+                return;
+            case DeletionAnswer::Review:
+                keepList = true; // to be looked at, then backed up with the Backup button
+                finishJob(analysisSummary());
+                break;
+            case DeletionAnswer::Cancel:
+                break;
+            }
+            if (!keepList)
+                finishJob(QStringLiteral("Backup canceled"), true);
         }
     }
-    if (!analyzeOnly) {
+    if (!keepList) {
         ClearTransactions();
         transactionModel.reload();
+        updateEmptyHint();
     }
-    finishJob();
 }
 
 void BUWindowController::startBackup(const QString &target)
 {
     ui->progressControl->setRange(0, 1000);
     ui->progressControl->setValue(0);
-    for (QLabel *field : {ui->doneCountField, ui->ofCountField, ui->totalCountField, ui->countUnitLabel,
-             ui->doneSizeField, ui->ofSizeField, ui->totalSizeField})
-        field->show();
-    ui->doneCountField->setText(QStringLiteral("0"));
-    ui->totalCountField->setText(FormatString("%,lld", qint64(g_transactions.size())));
-    ui->doneSizeField->setText(QStringLiteral("0"));
-    ui->totalSizeField->setText(FileSizeString(static_cast<long long>(static_cast<unsigned long long>(g_totalBytes))));
     setStatus(QString());
     backupInProgress = true;
     deviceModel.setJobState(analyzeInProgress, backupInProgress);
     backupClock.start();
     bytesInFlight = 0;
     lastRateUpdate = 0;
+    updateCounters();
+    ui->counterField->show();
+    updateTitle();
     validateMenuItems();
     operationQueue.addOperation(std::make_shared<BUBackupOperation>(
         this, target, g_transactions, BUAppController::sharedInstance().backupFolders()));
 }
 
-void BUWindowController::finishJob()
+void BUWindowController::finishJob(const QString &outcome, bool alert)
 {
     running = false;
+    canceling = false;
     backupInProgress = false;
     analyzeInProgress = false;
     ui->progressControl->hide();
     deviceModel.setJobState(false, false);
+    updateTitle();
+    setStatus(outcome, alert);
     enableBackup();
+    if (!outcome.isEmpty() && !isActiveWindow())
+        KSPostNotification(jobTarget, outcome);
+    if (closeWhenIdle)
+        QTimer::singleShot(0, this, &QWidget::close);
 }
 
 void BUWindowController::selectTransactionRow(qsizetype row)
@@ -454,14 +585,14 @@ void BUWindowController::backupStatus(const BUBackupStatusReport &report)
     }
     const qsizetype count = g_transactions.size();
     selectTransactionRow(std::min(report.trans.isEmpty() ? qsizetype(1) : highest + 1, count - 1));
-    ui->doneCountField->setText(FormatString("%,lld", qint64(g_finishedTransactions)));
-    ui->doneSizeField->setText(FileSizeString(static_cast<long long>(g_copiedBytes)));
+    updateCounters();
     showRate();
 }
 
 void BUWindowController::copyProgress(qsizetype, double bytesWritten)
 {
     bytesInFlight = bytesWritten;
+    updateCounters(); // the bytes as they reach the device, with the bar
     showRate();
 }
 
@@ -470,6 +601,9 @@ void BUWindowController::showRate()
     const double done = g_copiedBytes + bytesInFlight;
     if (g_totalBytes > 0)
         ui->progressControl->setValue(int(std::min(1000.0, 1000.0 * done / g_totalBytes)));
+    updateTitle();
+    if (canceling)
+        return; // the status line says so until the job has ended
     const qint64 elapsed = backupClock.isValid() ? backupClock.elapsed() : 0;
     if (elapsed - lastRateUpdate < 500 && done < g_totalBytes)
         return; // a steady status line, not a flickering one
@@ -486,6 +620,10 @@ void BUWindowController::backupComplete(const BUBackupCompleteReport &report)
 {
     QString status;
     bool alert = true;
+    bytesInFlight = 0;
+    updateCounters();
+    // What a stop left undone is named with the outcome.
+    const qint64 untried = qint64(g_transactions.size()) - qint64(g_finishedTransactions);
     BUAppController &controller = BUAppController::sharedInstance();
     if (report.cancel) {
         status = QStringLiteral("Backup canceled");
@@ -506,17 +644,18 @@ void BUWindowController::backupComplete(const BUBackupCompleteReport &report)
         else
             status = g_failedTransactions == 1 ? QStringLiteral("1 backup action failed")
                                                : FormatString("%d backup actions failed", int(g_failedTransactions));
+        if (untried > 0)
+            status += FormatString(", %,lld not tried", untried);
         nextError();
-        if (report.error) {
-            KSAlert::sharedInstance().giveAlertMessage(FormatString("Backup to %@ failed.", report.target),
-                FormatString("The backup was stopped because a serious error occurred. %@", *report.error));
-        } else {
-            QApplication::beep();
-        }
     }
-    finishJob();
+    finishJob(status, alert);
     updateDriveList(0);
-    setStatus(status, alert);
+    if (report.error && !report.cancel) {
+        KSAlert::sharedInstance().giveAlertMessage(FormatString("Backup to %@ failed.", report.target),
+            FormatString("The backup was stopped because a serious error occurred. %@", *report.error));
+    } else if (!report.cancel && (g_failedTransactions > 0 || report.error)) {
+        QApplication::beep();
+    }
 }
 
 void BUWindowController::addRule()
@@ -582,7 +721,8 @@ void BUWindowController::ruleDoubleClick(const QModelIndex &index)
     if (running || operationQueue.operationCount() > 0 || !index.isValid())
         return;
     if (ruleDomain() == BURuleListModel::kBackupFolders) {
-        KSShowInFileManager(BUAppController::sharedInstance().backupFolders().value(index.row()));
+        const QString folder = BUAppController::sharedInstance().backupFolders().value(index.row());
+        KSShowInFileManager(folder, [folder] { ShowFileManagerFailure(folder); });
         return;
     }
     auto *dialog = BURuleDialog::editRule(quint64(index.row()), ruleDomain(), this);
@@ -592,8 +732,10 @@ void BUWindowController::ruleDoubleClick(const QModelIndex &index)
 
 void BUWindowController::actionDoubleClick(const QModelIndex &index)
 {
-    if (index.isValid() && index.row() < g_transactions.size())
-        KSShowInFileManager(g_transactions.at(index.row()).path());
+    if (!index.isValid() || index.row() >= g_transactions.size())
+        return;
+    const QString path = g_transactions.at(index.row()).path();
+    KSShowInFileManager(path, [path] { ShowFileManagerFailure(path); });
 }
 
 void BUWindowController::nextError()

@@ -14,6 +14,7 @@
 #include "ui/BUTransactionTableModel.h"
 
 #include <QElapsedTimer>
+#include <QLabel>
 #include <QMainWindow>
 
 #include <memory>
@@ -38,6 +39,8 @@ public:
     int ruleDomain() const;
     void enableBackup();
     void backup(bool analyzeOnly);
+    // Asks the running job to stop and returns at once; the window says "Canceling..." until the
+    // job's last report has arrived.
     void cancel();
 
     QObject *reportContext() override { return this; }
@@ -58,6 +61,7 @@ public:
 
     bool isRunning() const { return running; }
     bool isBackupInProgress() const { return backupInProgress; }
+    bool isCanceling() const { return canceling; }
     qsizetype operationCount() const { return operationQueue.operationCount(); }
 
     // The settings key of the large-deletion question ("true" by default).
@@ -72,8 +76,15 @@ private:
     void restoreWindowState();
     void saveWindowState();
     void setStatus(const QString &text, bool alert = false);
-    void finishJob();
-    bool confirmLargeDeletion(const BUAnalysisReport &report);
+    // Ends the job; `outcome` goes to the status line and, while the window is not active, to a
+    // desktop notification.
+    void finishJob(const QString &outcome = QString(), bool alert = false);
+    enum class DeletionAnswer { Backup, Cancel, Review };
+    DeletionAnswer confirmLargeDeletion(const BUAnalysisReport &report);
+    QString analysisSummary() const;
+    void updateCounters();
+    void updateEmptyHint();
+    void updateTitle();
     void startBackup(const QString &target);
     void showRate();
     void selectTransactionRow(qsizetype row);
@@ -85,7 +96,11 @@ private:
     BURuleListModel ruleModel;
     BUTransactionTableModel transactionModel;
 
+    QLabel *emptyHint = nullptr; // over the empty transaction table: what is missing for a backup
+    QString jobTarget; // the device of the running job
     bool running = false;
+    bool canceling = false;
+    bool closeWhenIdle = false; // the user asked to quit while a job ran
     bool analyzeInProgress = false;
     bool backupInProgress = false;
     bool analyzeOnly = false;

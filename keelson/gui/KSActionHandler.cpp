@@ -14,6 +14,7 @@
 #include <QClipboard>
 #include <QDialog>
 #include <QDialogButtonBox>
+#include <QFile>
 #include <QLabel>
 #include <QStyle>
 #include <QUrl>
@@ -51,14 +52,46 @@ void KSActionHandler::checkNewsUpdates()
     KSNewsUpdater::sharedInstance().displayUpdateDialog();
 }
 
-void KSActionHandler::copyLogs()
+QString KSActionHandler::SystemName(const QString &osReleasePath)
+{
+    QFile file(osReleasePath);
+    QString name, version, pretty;
+    if (file.open(QIODevice::ReadOnly)) {
+        for (const QByteArray &raw : file.readAll().split('\n')) {
+            const QString line = QString::fromUtf8(raw).trimmed();
+            const qsizetype equals = line.indexOf(u'=');
+            if (equals <= 0)
+                continue;
+            QString value = line.mid(equals + 1);
+            if (value.size() >= 2 && (value.front() == u'"' || value.front() == u'\'') && value.back() == value.front())
+                value = value.mid(1, value.size() - 2);
+            const QString key = line.left(equals);
+            if (key == u"PRETTY_NAME")
+                pretty = value;
+            else if (key == u"NAME")
+                name = value;
+            else if (key == u"VERSION_ID")
+                version = value;
+        }
+    }
+    if (!pretty.isEmpty())
+        return pretty;
+    if (!name.isEmpty())
+        return version.isEmpty() ? name : name + u' ' + version;
+    return QStringLiteral("Linux");
+}
+
+bool KSActionHandler::copyLogs()
 {
     try {
         const QString text = KSLogger::sharedInstance().allLogsForApp();
-        if (!text.isNull())
-            QGuiApplication::clipboard()->setText(text);
+        if (text.isNull())
+            return false;
+        QGuiApplication::clipboard()->setText(text);
+        return true;
     } catch (const std::exception &exception) {
         LogString("copyLogs failed: %s", exception.what());
+        return false;
     }
 }
 
@@ -69,12 +102,14 @@ void KSActionHandler::emailLogs()
         return;
     const QString address = SupportMailAddress();
     const QUrl link(MailLink(address, FormatString("Logs for %@ %@", g_appName, g_appVersionString), text));
-    if (!link.isValid() || !KSOpenUrl(link)) {
+    auto failed = [address] {
         KSAlert::sharedInstance().giveAlertMessage(QStringLiteral("Contact failed."),
-            QStringLiteral("I can't send email to Tannerwick. Please copy the logs instead (hold down the option key) "
-                           "and email them to ")
+            QStringLiteral("I can't send email to Tannerwick. Please copy the logs instead (Copy Logs in the Help "
+                           "menu) and email them to ")
                 + address + u'.');
-    }
+    };
+    if (!link.isValid() || !KSOpenUrl(link, failed))
+        failed();
 }
 
 void KSActionHandler::contactTannerwick(bool isProblem)
@@ -82,25 +117,41 @@ void KSActionHandler::contactTannerwick(bool isProblem)
     const QString nameAndVersion = FormatString("%@ %@", g_appName, g_appVersionString);
     const QString subject = (isProblem ? QStringLiteral("Problem report") : QStringLiteral("Question or comment"))
         + FormatString(" (%@)", nameAndVersion);
-    const QString body = FormatString(
-        "--- Please do not delete this line: %@, Mac OS %@ ---\n\n", nameAndVersion, g_systemVersionString);
+    const QString body
+        = FormatString("--- Please do not delete this line: %@, %@ ---\n\n", nameAndVersion, SystemName());
     const QString address = SupportMailAddress();
     const QUrl link(MailLink(address, subject, body));
-    if (!link.isValid() || !KSOpenUrl(link)) {
+    auto failed = [address] {
         KSAlert::sharedInstance().giveAlertMessage(QStringLiteral("Contact failed."),
             QStringLiteral("I can't send email to Tannerwick. Please visit our website, ") + WebsiteHostName()
                 + QStringLiteral(", or send email to ") + address + u'.');
-    }
+    };
+    if (!link.isValid() || !KSOpenUrl(link, failed))
+        failed();
 }
+
+namespace {
+
+void _OpenPage(const QString &address)
+{
+    auto failed = [address] {
+        KSAlert::sharedInstance().giveAlertMessage(FormatString("I can't open %@.", address),
+            QStringLiteral("No web browser is set up to open it. Please open the address in your browser."));
+    };
+    if (!KSOpenUrl(QUrl(address), failed))
+        failed();
+}
+
+} // namespace
 
 void KSActionHandler::visitWebsite()
 {
-    KSOpenUrl(QUrl(HomePageUrl()));
+    _OpenPage(HomePageUrl());
 }
 
 void KSActionHandler::donations()
 {
-    KSOpenUrl(QUrl(DonationPageUrl()));
+    _OpenPage(DonationPageUrl());
 }
 
 void KSActionHandler::showAbout(QWidget *parent)

@@ -12,7 +12,8 @@ public:
     KSActionHandler(const KSActionHandler &) = delete;
     KSActionHandler &operator=(const KSActionHandler &) = delete;
 
-    void copyLogs();
+    // True when the logs are on the clipboard.
+    bool copyLogs();
     void emailLogs();
     // A problem report when isProblem, else a question or comment.
     void contactTannerwick(bool isProblem);
@@ -26,6 +27,9 @@ public:
 
     // The mail link of the two mail commands (percent-encoded; "&" in the texts as "%26").
     static QString MailLink(const QString &address, const QString &subject, const QString &body);
+    // The running system as /etc/os-release names it ("Debian GNU/Linux 12 (bookworm)"); "Linux"
+    // when it says nothing.
+    static QString SystemName(const QString &osReleasePath = QStringLiteral("/etc/os-release"));
 
 private:
     KSActionHandler() = default;

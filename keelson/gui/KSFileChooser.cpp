@@ -1,9 +1,27 @@
 #include "keelson/gui/KSFileChooser.h"
 
 #include <QAbstractItemView>
+#include <QDir>
 #include <QFileDialog>
 
 namespace {
+
+// Qt's dialog takes either files or folders. This one takes a single item of either kind: a
+// folder chosen with the accept button is the answer, and double-clicking a folder still opens it.
+class FileOrFolderDialog : public QFileDialog {
+public:
+    using QFileDialog::QFileDialog;
+
+    void accept() override
+    {
+        const QStringList chosen = selectedFiles();
+        if (chosen.size() == 1 && QFileInfo(chosen.front()).isDir() && QDir(chosen.front()) != directory()) {
+            QDialog::accept();
+            return;
+        }
+        QFileDialog::accept();
+    }
+};
 
 std::optional<QStringList> &NextAnswer()
 {
@@ -37,7 +55,10 @@ QStringList KSChooseItems(QWidget *parent, const QString &message, KSChooserMode
         NextAnswer().reset();
         return answer;
     }
-    QFileDialog dialog(parent, message);
+    FileOrFolderDialog dialog(parent, message);
+    dialog.setObjectName(QStringLiteral("chooser"));
+    // Where people keep what they back up, not the folder the program was started in.
+    dialog.setDirectory(QDir::homePath());
     // Qt's own dialog: it can take several folders at once, and shows files beside folders.
     dialog.setOption(QFileDialog::DontUseNativeDialog, true);
     dialog.setLabelText(QFileDialog::LookIn, message);
@@ -50,6 +71,7 @@ QStringList KSChooseItems(QWidget *parent, const QString &message, KSChooserMode
             view->setSelectionMode(QAbstractItemView::ExtendedSelection);
     } else {
         dialog.setFileMode(QFileDialog::ExistingFile);
+        dialog.setLabelText(QFileDialog::Accept, QStringLiteral("Choose"));
     }
     if (dialog.exec() != QDialog::Accepted)
         return {};

@@ -4,8 +4,8 @@
 
 #include <QDBusConnection>
 #include <QDBusMessage>
-#include <QDesktopServices>
 #include <QFileInfo>
+#include <QProcess>
 
 namespace {
 
@@ -28,7 +28,7 @@ void KSSetWorkspaceTestHook(std::function<void(const QString &)> hook)
     TestHook() = std::move(hook);
 }
 
-void KSShowInFileManager(const QString &path)
+void KSShowInFileManager(const QString &path, std::function<void()> failed)
 {
     if (path.isEmpty())
         return;
@@ -43,14 +43,31 @@ void KSShowInFileManager(const QString &path)
     const QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::Block, 3000);
     if (reply.type() == QDBusMessage::ReplyMessage)
         return;
-    QDesktopServices::openUrl(QUrl(FileUri(QFileInfo(path).absolutePath())));
+    if (!KSOpenUrl(QUrl(FileUri(QFileInfo(path).absolutePath())), failed) && failed)
+        failed();
 }
 
-bool KSOpenUrl(const QUrl &url)
+bool KSOpenUrl(const QUrl &url, std::function<void()> failed)
 {
     if (TestHook()) {
         TestHook()(url.toString(QUrl::FullyEncoded));
         return true;
     }
-    return QDesktopServices::openUrl(url);
+    // xdg-open answers with its status once the handler has taken the link (or at once when there
+    // is none), so a link nobody can open is told apart from one that opened.
+    auto *opener = new QProcess;
+    opener->setProgram(QStringLiteral("xdg-open"));
+    opener->setArguments({url.toString(QUrl::FullyEncoded)});
+    opener->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    opener->setStandardOutputFile(QProcess::nullDevice());
+    QObject::connect(opener, &QProcess::finished, opener, [opener, failed](int code, QProcess::ExitStatus status) {
+        if ((code != 0 || status != QProcess::NormalExit) && failed)
+            failed();
+        opener->deleteLater();
+    });
+    opener->start();
+    if (opener->waitForStarted(5000))
+        return true;
+    delete opener;
+    return false;
 }

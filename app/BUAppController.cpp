@@ -2,6 +2,7 @@
 
 #include "backup/BUDeviceWatcher.h"
 #include "backup/BUDevices.h"
+#include "help/VLHelpEngine.h"
 #include "keelson/FormatString.h"
 #include "keelson/KSDayIndex.h"
 #include "keelson/KSKernel.h"
@@ -148,7 +149,9 @@ void BUAppController::applicationDidFinishLaunching()
 
     // 7. Process-wide resources: the engine's attribute list is built by the engine itself; the
     //    folder image and the alert colour belong to the window and are made there.
-    // 8. The help engine registers its vocabulary here once it exists.
+    // 8. The help engine: its vocabulary and the preferences document. When it fails, help cannot
+    //    be read, and opening it says so; the backup goes on without it.
+    VLSetUpHelpEngine();
     // 9. Mount and unmount notifications, then the device lists. Without an application object
     //    there is no event loop to deliver the notifications, so the lists are only built.
     if (!m_deviceWatcher && QCoreApplication::instance()) {

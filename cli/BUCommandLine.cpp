@@ -47,6 +47,11 @@ const Command kCommands[] = {
         "                                holds is refused unless --yes is given.\n"
         "                                Exit status: 0 done, 1 some actions failed, 2 error, 3 the\n"
         "                                device holds other items at its top level, 130 canceled.\n"},
+    {"help", RunHelpCommand,
+        "  help --check PATH [--json]    Load a help package (a .TWwrite folder) or a single help file as\n"
+        "                                the help window does; print its topic outline and counts, or\n"
+        "                                with --json the whole loaded document. Exit status 2 when it\n"
+        "                                cannot be read (\"Can't read help file: REASON\" on stderr).\n"},
 };
 
 void PrintHelp(std::FILE *stream)
@@ -104,7 +109,7 @@ int RunCommandLine(int argc, char **argv)
     }
 
     if (invocation.command.isEmpty() || invocation.command == u"--help" || invocation.command == u"-h"
-        || invocation.command == u"help") {
+        || (invocation.command == u"help" && invocation.args.isEmpty())) {
         PrintHelp(stdout);
         return kExitOk;
     }

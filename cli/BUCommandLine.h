@@ -31,3 +31,4 @@ int RunDevicesCommand(const BUCommandArgs &invocation);
 int RunLogsCommand(const BUCommandArgs &invocation);
 int RunAnalyzeCommand(const BUCommandArgs &invocation);
 int RunBackupCommand(const BUCommandArgs &invocation);
+int RunHelpCommand(const BUCommandArgs &invocation);

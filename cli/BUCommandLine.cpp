@@ -51,7 +51,9 @@ const Command kCommands[] = {
         "  help --check PATH [--json]    Load a help package (a .TWwrite folder) or a single help file as\n"
         "                                the help window does; print its topic outline and counts, or\n"
         "                                with --json the whole loaded document. Exit status 2 when it\n"
-        "                                cannot be read (\"Can't read help file: REASON\" on stderr).\n"},
+        "                                cannot be read (\"Can't read help file: REASON\" on stderr).\n"
+        "  help --window [--file PATH]   Open the help window on the application's help, or on a help\n"
+        "                                package or file (nothing is remembered for a file).\n"},
 };
 
 void PrintHelp(std::FILE *stream)

@@ -1,6 +1,10 @@
 // The help window driven as a user meets it: the topic outline, zoom, quick search, back and
 // forward, what it remembers across two runs, its menu commands, speaking and the saved copy.
+#include "help/VLDocument.h"
+#include "help/VLHelpEngine.h"
+#include "help/VLHelpReader.h"
 #include "help/window/KSHelpContent.h"
+#include "help/window/KSHelpDocumentView.h"
 #include "help/window/KSHelpPackageCopy.h"
 #include "help/window/KSSpeechManager.h"
 #include "help/window/KSVellumaHelpWC.h"
@@ -20,6 +24,7 @@
 #include <QScrollBar>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QTextBlock>
 #include <QTextEdit>
 #include <QToolBar>
 #include <QToolButton>
@@ -466,4 +471,78 @@ TEST_F(HelpWindow, SavedCopyGoesUnderAFreeNameAndIsRevealed)
     EXPECT_TRUE(reason.contains(u"missing"));
     EXPECT_FALSE(QFileInfo::exists(target.path() + QStringLiteral("/x")));
     window->close();
+}
+
+TEST_F(HelpWindow, ADocumentShowsEveryCpAtItsOwnPosition)
+{
+    const QString path = QStringLiteral(TANNER_TEST_DATA_DIR "/help/Good.TWwrite");
+    ASSERT_TRUE(VLSetUpHelpEngine());
+    std::unique_ptr<VLDocument> document = VLLoadHelpDocument(path);
+    ASSERT_NE(document, nullptr);
+    const QString text = document->text().toString();
+    std::vector<std::pair<qint32, VLKnot>> knots;
+    for (std::size_t i = 0; i < document->knotCount(); ++i) {
+        qint32 cp = 0;
+        const VLKnot knot = document->knotAt(i, &cp);
+        knots.emplace_back(cp, knot);
+    }
+    QString reason;
+    std::unique_ptr<KSHelpContent> content = KSLoadHelpContent(path, &reason);
+    ASSERT_NE(content, nullptr) << reason.toStdString();
+    ASSERT_EQ(content->textLength, quint32(text.size()));
+    ASSERT_EQ(content->text->characterCount() - 1, text.size());
+    std::size_t knot = 0;
+    bool sawPicture = false;
+    for (quint32 cp = 0; cp < content->textLength; ++cp) {
+        const int position = content->map.positionForCp(cp);
+        ASSERT_EQ(content->map.cpForPosition(position), cp);
+        const QChar shown = content->text->characterAt(position);
+        const char16_t unit = text[cp].unicode();
+        if (knot < knots.size() && quint32(knots[knot].first) == cp) {
+            QTextCursor cursor(content->text.get());
+            cursor.setPosition(position + 1);
+            if (knots[knot].second.type == kKnotPic && cursor.charFormat().isImageFormat()) {
+                sawPicture = true;
+                EXPECT_EQ(shown, QChar::ObjectReplacementCharacter);
+            } else {
+                EXPECT_TRUE(shown == QChar(0x200B) || shown == QChar(0x2610) || shown == QChar(0x2611)) << cp;
+            }
+            ++knot;
+        } else if (unit == 10) {
+            EXPECT_EQ(shown, QChar::ParagraphSeparator) << cp;
+        } else {
+            EXPECT_EQ(shown, text[cp]) << cp;
+        }
+    }
+    EXPECT_TRUE(sawPicture);
+    // Chapters and their names come from the document; the first run's formatting shows.
+    ASSERT_EQ(content->chapterCps.size(), document->chapterCount());
+    EXPECT_EQ(content->chapterNames[1], document->chapterName(1));
+    QTextCursor first(content->text.get());
+    first.setPosition(content->map.positionForCp(2));
+    EXPECT_EQ(first.charFormat().fontWeight(), QFont::Bold);
+    EXPECT_EQ(first.charFormat().fontPointSize(), 14);
+
+    // The window on the file: the outline of its headings, titled by the file.
+    KSVellumaHelpWC *window = KSVellumaHelpWC::displayFileAsHelp(path);
+    ASSERT_NE(window, nullptr);
+    EXPECT_EQ(window->windowTitle(), QStringLiteral("Good — Welcome"));
+    EXPECT_EQ(KSVellumaHelpWC::displayFileAsHelp(path), window); // the same window to the front
+    EXPECT_EQ(window->topicOutline().chapterMap().size(), document->chapterCount());
+    window->jumpNextChapter();
+    EXPECT_EQ(window->selectionStart(), document->chapterCp(1));
+    window->close();
+
+    EXPECT_EQ(KSVellumaHelpWC::displayFileAsHelp(path + QStringLiteral("-missing"), &reason), nullptr);
+    EXPECT_FALSE(reason.isEmpty());
+}
+
+TEST(HelpWindowCommand, AFileThatCannotBeReadIsReported)
+{
+    ScopedXdgHome home;
+    const ProcessResult result = RunTanner({QStringLiteral("help"), QStringLiteral("--window"),
+                                               QStringLiteral("--file"), home.path() + QStringLiteral("/None.TWwrite")},
+        home.environment());
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_TRUE(result.err.contains("Can't read help file")) << result.err.toStdString();
 }

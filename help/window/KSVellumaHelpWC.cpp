@@ -1,5 +1,6 @@
 #include "help/window/KSVellumaHelpWC.h"
 
+#include "help/window/KSHelpDocumentView.h"
 #include "help/window/KSHelpPackageCopy.h"
 #include "help/window/KSSpeechManager.h"
 #include "keelson/KSKernel.h"
@@ -56,6 +57,25 @@ QMap<QString, bool> &OpenStatus()
 bool g_openStatusLoaded = false;
 KSFindRequest g_find;
 std::function<bool(QFont *)> g_nextFontAnswer;
+QString g_applicationHelpPath;
+
+void _BringToFront(QWidget *window)
+{
+    window->show();
+    window->raise();
+    window->activateWindow();
+}
+
+// The open help windows, newest last.
+QList<KSVellumaHelpWC *> _HelpWindows()
+{
+    QList<KSVellumaHelpWC *> windows;
+    for (QWidget *widget : QApplication::topLevelWidgets()) {
+        if (auto *window = qobject_cast<KSVellumaHelpWC *>(widget); window && window->isVisible())
+            windows.append(window);
+    }
+    return windows;
+}
 
 // Topic names become setting keys: "/" would open a group, so it and "%" are escaped.
 QString _KeyForName(QString name)
@@ -129,6 +149,74 @@ KSVellumaHelpWC::KSVellumaHelpWC(std::unique_ptr<KSHelpContent> content, bool is
     connectActions();
     changeDarkMode();
     prepareToShow();
+}
+
+KSVellumaHelpWC *KSVellumaHelpWC::create(const QString &path, bool isFile, QString *reason)
+{
+    std::unique_ptr<KSHelpContent> content = KSLoadHelpContent(path, reason);
+    return content ? new KSVellumaHelpWC(std::move(content), isFile) : nullptr;
+}
+
+QString KSVellumaHelpWC::applicationHelpPath()
+{
+    if (!g_applicationHelpPath.isEmpty())
+        return g_applicationHelpPath;
+    const QString folder = QCoreApplication::applicationDirPath();
+    const QString beside = folder + QStringLiteral("/Help.TWwrite");
+    const QString installed = folder + QStringLiteral("/../share/tanner-backup/Help.TWwrite");
+    return QFileInfo(beside).isDir() || !QFileInfo(installed).isDir() ? beside
+                                                                      : QFileInfo(installed).canonicalFilePath();
+}
+
+void KSVellumaHelpWC::setApplicationHelpPath(const QString &path)
+{
+    g_applicationHelpPath = path;
+}
+
+KSVellumaHelpWC *KSVellumaHelpWC::displayHelp()
+{
+    return displayHelp(-1);
+}
+
+KSVellumaHelpWC *KSVellumaHelpWC::displayHelp(int bookmark)
+{
+    KSVellumaHelpWC *window = nullptr;
+    for (KSVellumaHelpWC *open : _HelpWindows()) {
+        if (open->filePath().isEmpty())
+            window = open;
+    }
+    if (!window) {
+        window = create(applicationHelpPath(), false);
+        if (!window)
+            return nullptr;
+    }
+    _BringToFront(window);
+    const KSHelpContent &content = window->content();
+    if (bookmark >= 0 && std::size_t(bookmark) < content.bookmarkCps.size()) {
+        const quint32 cp = content.bookmarkCps[std::size_t(bookmark)];
+        const int chapter = content.chapterAt(cp);
+        const quint32 first = content.chapterCps.empty() ? 0 : content.chapterCps[std::size_t(chapter)];
+        window->jumpToTopic(chapter, content.bookmarksBetween(first + 1, cp), true);
+    } else {
+        window->jumpToTopic(-1, -1, true);
+    }
+    return window;
+}
+
+KSVellumaHelpWC *KSVellumaHelpWC::displayFileAsHelp(const QString &path, QString *reason)
+{
+    for (KSVellumaHelpWC *open : _HelpWindows()) {
+        if (open->filePath() == path) {
+            _BringToFront(open);
+            return open;
+        }
+    }
+    KSVellumaHelpWC *window = create(path, true, reason);
+    if (!window)
+        return nullptr;
+    _BringToFront(window);
+    window->jumpToTopic(0, -1, true);
+    return window;
 }
 
 KSVellumaHelpWC::~KSVellumaHelpWC()

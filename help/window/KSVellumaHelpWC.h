@@ -27,6 +27,22 @@ class KSVellumaHelp;
 class KSVellumaHelpWC : public QMainWindow {
     Q_OBJECT
 public:
+    // Loads the document into a new window; null (after the loader has logged "Can't read help
+    // file: %@" with the reason, which `reason` receives) when it can't be read. With `isFile` the
+    // path becomes filePath and nothing is remembered.
+    static KSVellumaHelpWC *create(const QString &path, bool isFile, QString *reason = nullptr);
+    // The application's help: the open help window without filePath to the front, else a new one on
+    // the application's help package; then the bookmark (an offset from the remembered topic's first
+    // bookmark), or with none the remembered topic and position. Null when help can't be read.
+    static KSVellumaHelpWC *displayHelp();
+    static KSVellumaHelpWC *displayHelp(int bookmark);
+    // A named file shown as help: its open window to the front, else a new one at chapter 0.
+    static KSVellumaHelpWC *displayFileAsHelp(const QString &path, QString *reason = nullptr);
+    // The application's help package: "Help.TWwrite" beside the program, or in
+    // share/tanner-backup when installed.
+    static QString applicationHelpPath();
+    static void setApplicationHelpPath(const QString &path); // tests and tools
+
     // A window on content already made; with `isFile` its path becomes filePath.
     KSVellumaHelpWC(std::unique_ptr<KSHelpContent> content, bool isFile, QWidget *parent = nullptr);
     ~KSVellumaHelpWC() override;

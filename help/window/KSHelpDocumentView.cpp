@@ -13,6 +13,7 @@
 namespace {
 
 constexpr char16_t kStandIn = 0x200B; // an invisible object: one position, nothing drawn
+constexpr int kMaxPictureWidth = 560;
 
 // The value of a property atom, by the tag of its element; `fallback` when the record has none.
 qint64 _Atom(const void *record, quint32 type, quint32 tag, qint64 fallback = 0)
@@ -180,8 +181,10 @@ void Layout::insertKnot(quint32 cp, const VLKnot &knot)
             content.text->addResource(QTextDocument::ImageResource, name, image);
             QTextImageFormat format;
             format.setName(name.toString());
-            format.setWidth(image.width());
-            format.setHeight(image.height());
+            // A picture wider than a comfortable text column is shown at the column's width.
+            const double scale = image.width() > kMaxPictureWidth ? double(kMaxPictureWidth) / image.width() : 1.0;
+            format.setWidth(image.width() * scale);
+            format.setHeight(image.height() * scale);
             cursor.insertImage(format);
             return;
         }

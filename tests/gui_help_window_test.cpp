@@ -537,6 +537,39 @@ TEST_F(HelpWindow, ADocumentShowsEveryCpAtItsOwnPosition)
     EXPECT_FALSE(reason.isEmpty());
 }
 
+TEST_F(HelpWindow, TheApplicationsHelpOpensOnceAndFollowsItsLinks)
+{
+    KSVellumaHelpWC::setApplicationHelpPath(QStringLiteral(TANNER_SOURCE_DIR "/resources/Help.TWwrite"));
+    KSVellumaHelpWC *window = KSVellumaHelpWC::displayHelp();
+    ASSERT_NE(window, nullptr);
+    EXPECT_TRUE(window->filePath().isEmpty());
+    EXPECT_EQ(window->windowTitle(), QStringLiteral("Tanner Backup Help — Welcome to Tanner Backup"));
+    EXPECT_EQ(KSVellumaHelpWC::displayHelp(), window);
+
+    // The link of the first topic leads to the bookmark in "Ignore rules" and selects its sentence.
+    const KSHelpContent &content = window->content();
+    ASSERT_EQ(content.linkTargets.size(), 1);
+    const quint32 link = content.linkTargets.cbegin().key();
+    QTextCursor cursor(content.text.get());
+    cursor.setPosition(content.map.positionForCp(link) + 2);
+    EXPECT_EQ(cursor.charFormat().anchorHref(), QStringLiteral("cp:%1").arg(link));
+    window->followLink(link);
+    EXPECT_EQ(window->windowTitle(), QStringLiteral("Tanner Backup Help — Ignore rules"));
+    EXPECT_EQ(window->selectionStart(), content.bookmarkCps[0]);
+    EXPECT_TRUE(content.plainText(window->selectionStart(), window->selectionEnd())
+                    .endsWith(u"leave folders and files out of the backup."));
+    window->navigate(true);
+    EXPECT_EQ(window->currentTopic(), 0);
+
+    // The same through the bookmark's number.
+    const quint32 bookmark = content.bookmarkCps[0];
+    window->close();
+    KSVellumaHelpWC *again = KSVellumaHelpWC::displayHelp(0);
+    ASSERT_NE(again, nullptr);
+    EXPECT_EQ(again->selectionStart(), bookmark);
+    again->close();
+}
+
 TEST(HelpWindowCommand, AFileThatCannotBeReadIsReported)
 {
     ScopedXdgHome home;

@@ -478,14 +478,20 @@ void KSVellumaHelpWC::jumpToTopic(int chapter, int bookmark, bool record)
 
 void KSVellumaHelpWC::selectSentenceFrom(quint32 cp, quint32 limit)
 {
-    const QString text = m_content->plainText(cp, limit);
-    qsizetype end = 0;
-    while (end < text.size()) {
-        const QChar c = text[end++];
-        if (c == u'\n' || ((c == u'.' || c == u'!' || c == u'?') && (end == text.size() || text[end].isSpace())))
+    // Up to the first full stop, question or exclamation mark that ends a sentence, or the
+    // paragraph's end.
+    const QTextDocument *document = ui->scrollView->document();
+    const int last = m_content->map.positionForCp(limit);
+    int end = m_content->map.positionForCp(cp);
+    while (end < last) {
+        const QChar c = document->characterAt(end);
+        if (c == QChar::ParagraphSeparator)
+            break;
+        ++end;
+        if ((c == u'.' || c == u'!' || c == u'?') && (end >= last || document->characterAt(end).isSpace()))
             break;
     }
-    setSelection(cp, std::min(limit, cp + quint32(end)));
+    setSelection(cp, m_content->map.cpForPosition(end));
 }
 
 void KSVellumaHelpWC::saveSelection()

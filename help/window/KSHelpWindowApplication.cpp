@@ -3,6 +3,7 @@
 #include "help/VLHelpEngine.h"
 #include "help/window/KSVellumaHelpWC.h"
 #include "keelson/KSKernel.h"
+#include "keelson/KSSignalWatcher.h"
 
 #include <QApplication>
 #include <QFileInfo>
@@ -37,5 +38,13 @@ int RunHelpWindowApplication(int argc, char **argv)
             reason.isEmpty() ? "" : qPrintable(QStringLiteral(" (%1)").arg(reason)));
         return 1;
     }
-    return QApplication::exec();
+    // A logout or Ctrl-C ends the loop normally, so the window still stores where it was.
+    QObject::connect(&KSSignalWatcher::sharedInstance(), &KSSignalWatcher::signalReceived, &application,
+        [] { QApplication::quit(); });
+    const int status = QApplication::exec();
+    for (QWidget *widget : QApplication::topLevelWidgets()) {
+        if (auto *help = qobject_cast<KSVellumaHelpWC *>(widget))
+            help->close();
+    }
+    return status;
 }

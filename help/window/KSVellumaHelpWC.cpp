@@ -137,8 +137,6 @@ KSVellumaHelpWC::KSVellumaHelpWC(std::unique_ptr<KSHelpContent> content, bool is
     ui->setupUi(this);
     setAttribute(Qt::WA_DeleteOnClose);
     ui->toolbarView->setObjectName(QStringLiteral("CF78FC39-F3E9-4420-AD9B-AD6F1F178826"));
-    ui->scrollView->setDocument(m_content->text.get());
-    ui->scrollView->document()->setDocumentMargin(kTextInset);
     ui->scrollView->viewport()->installEventFilter(this);
     ui->topicList->setModel(&m_topicModel);
     ui->helpSplitter->setStretchFactor(1, 3);
@@ -146,9 +144,10 @@ KSVellumaHelpWC::KSVellumaHelpWC(std::unique_ptr<KSHelpContent> content, bool is
         m_filePath = m_content->path;
     m_font = m_content->text->defaultFont();
     buildToolbar();
+    prepareToShow();
     connectActions();
     changeDarkMode();
-    prepareToShow();
+    validateMenuItems();
 }
 
 KSVellumaHelpWC *KSVellumaHelpWC::create(const QString &path, bool isFile, QString *reason)
@@ -371,8 +370,8 @@ void KSVellumaHelpWC::prepareToShow()
     _LoadOpenStatus(*stored);
     const int zoomPercent = stored->value(kZoomKey).toInt();
     m_topicModel.setTopics(m_topics.get());
+    // The help font and the zoom go into the document before the view lays it out once.
     if (m_filePath.isEmpty()) {
-        const QFont font = QFont();
         auto shared = OpenSettingsFile(SharedDefaultsPath());
         QFont chosen;
         const QString descriptor = shared->value(kHelpFontKey).toString();
@@ -387,13 +386,15 @@ void KSVellumaHelpWC::prepareToShow()
         if (sizes.size() == 2)
             ui->helpSplitter->setSizes(sizes);
     }
-    performZoom(zoomPercent > 0 ? zoomPercent / 100.0 : 1.0);
+    applyZoom(zoomPercent > 0 ? zoomPercent / 100.0 : 1.0);
+    m_content->text->setDocumentMargin(kTextInset);
+    ui->scrollView->setDocument(m_content->text.get());
+    updateZoomTool(m_zoom);
     ++m_navigationDepth;
     expandTopics({});
     --m_navigationDepth;
     ensureCurrentTopic();
     ui->scrollView->setFocus();
-    validateMenuItems();
 }
 
 void KSVellumaHelpWC::expandTopics(const QModelIndex &parent)
@@ -782,7 +783,12 @@ void KSVellumaHelpWC::performZoom(double factor)
     if (factor <= 0)
         factor = 1.0;
     const quint32 shown = firstVisibleCp();
+    // Without a page size nothing is laid out: the text is laid out once, after all changes.
+    QTextDocument *document = ui->scrollView->document();
+    const QSizeF pageSize = document->pageSize();
+    document->setPageSize(QSizeF());
     applyZoom(factor);
+    document->setPageSize(pageSize);
     scrollToCp(shown);
     updateZoomTool(factor);
 }
@@ -800,11 +806,13 @@ void KSVellumaHelpWC::updateZoomTool(double factor)
 void KSVellumaHelpWC::applyZoom(double factor)
 {
     m_zoom = factor;
-    QTextDocument *document = ui->scrollView->document();
+    QTextDocument *document = m_content->text.get();
     QFont font = m_font;
     font.setPointSizeF(m_font.pointSizeF() * factor);
-    document->setDefaultFont(font);
-    // Sizes given in the text itself scale from their unzoomed values.
+    if (document->defaultFont() != font)
+        document->setDefaultFont(font);
+    // Sizes given in the text itself scale from their unzoomed values. Only what changes is
+    // touched, so opening at the size last used costs no layout.
     QTextCursor cursor(document);
     for (QTextBlock block = document->begin(); block.isValid(); block = block.next()) {
         for (auto it = block.begin(); !it.atEnd(); ++it) {
@@ -814,8 +822,9 @@ void KSVellumaHelpWC::applyZoom(double factor)
             if (format.hasProperty(kBaseSizeProperty) || format.hasProperty(QTextFormat::FontPointSize)) {
                 if (!format.hasProperty(kBaseSizeProperty))
                     format.setProperty(kBaseSizeProperty, format.fontPointSize());
-                format.setFontPointSize(format.doubleProperty(kBaseSizeProperty) * factor);
-                changed = true;
+                const double size = format.doubleProperty(kBaseSizeProperty) * factor;
+                changed = size != format.fontPointSize();
+                format.setFontPointSize(size);
             }
             if (format.isImageFormat()) {
                 QTextImageFormat image = format.toImageFormat();
@@ -823,12 +832,12 @@ void KSVellumaHelpWC::applyZoom(double factor)
                     image.setProperty(kBaseWidthProperty, image.width());
                     image.setProperty(kBaseHeightProperty, image.height());
                 }
-                if (image.doubleProperty(kBaseWidthProperty) > 0)
-                    image.setWidth(image.doubleProperty(kBaseWidthProperty) * factor);
-                if (image.doubleProperty(kBaseHeightProperty) > 0)
-                    image.setHeight(image.doubleProperty(kBaseHeightProperty) * factor);
+                const double width = image.doubleProperty(kBaseWidthProperty) * factor;
+                const double height = image.doubleProperty(kBaseHeightProperty) * factor;
+                changed = changed || width != image.width() || height != image.height();
+                image.setWidth(width);
+                image.setHeight(height);
                 format = image;
-                changed = true;
             }
             if (changed) {
                 cursor.setPosition(fragment.position());

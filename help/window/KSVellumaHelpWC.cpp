@@ -783,12 +783,18 @@ void KSVellumaHelpWC::performZoom(double factor)
     if (factor <= 0)
         factor = 1.0;
     const quint32 shown = firstVisibleCp();
-    // Without a page size nothing is laid out: the text is laid out once, after all changes.
-    QTextDocument *document = ui->scrollView->document();
+    const quint32 start = selectionStart(), end = selectionEnd();
+    // The text changes away from the view and without a page size, so that nothing is laid out
+    // or redrawn until all changes are made; then the view lays it out once.
+    QTextDocument placeholder;
+    ui->scrollView->setDocument(&placeholder);
+    QTextDocument *document = m_content->text.get();
     const QSizeF pageSize = document->pageSize();
     document->setPageSize(QSizeF());
     applyZoom(factor);
     document->setPageSize(pageSize);
+    ui->scrollView->setDocument(document);
+    setSelection(start, end);
     scrollToCp(shown);
     updateZoomTool(factor);
 }
@@ -814,6 +820,7 @@ void KSVellumaHelpWC::applyZoom(double factor)
     // Sizes given in the text itself scale from their unzoomed values. Only what changes is
     // touched, so opening at the size last used costs no layout.
     QTextCursor cursor(document);
+    cursor.beginEditBlock(); // one change for the layout, however many fragments change
     for (QTextBlock block = document->begin(); block.isValid(); block = block.next()) {
         for (auto it = block.begin(); !it.atEnd(); ++it) {
             const QTextFragment fragment = it.fragment();
@@ -846,6 +853,7 @@ void KSVellumaHelpWC::applyZoom(double factor)
             }
         }
     }
+    cursor.endEditBlock();
 }
 
 void KSVellumaHelpWC::applyHelpFont(const QFont &font)

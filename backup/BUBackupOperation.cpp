@@ -1,5 +1,7 @@
 #include "backup/BUBackupOperation.h"
 
+#include "backup/BUAnalyzeOperation.h"
+
 #include "backup/BUDeviceRoot.h"
 #include "backup/BUDevices.h"
 #include "backup/BUFileCopier.h"
@@ -29,6 +31,7 @@
 namespace {
 
 const QString kInternalError = QStringLiteral("Internal logic error");
+constexpr uint32_t kAlreadyFailed = 3; // beside the three actions
 constexpr qint64 kReportInterval = 40; // milliseconds between bundles of progress reports
 
 // RAII for a descriptor.
@@ -172,9 +175,9 @@ private:
     {
         const int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
         const QByteArray name = FileNameToBytes(path);
-        int fd = ::open(name.constData(), flags | O_NOATIME);
+        int fd = OpenLongPath(AT_FDCWD, name.constData(), flags | O_NOATIME);
         if (fd < 0 && errno == EPERM)
-            fd = ::open(name.constData(), flags);
+            fd = OpenLongPath(AT_FDCWD, name.constData(), flags);
         if (fd < 0)
             return;
         struct stat status;
@@ -314,7 +317,7 @@ struct BackupRun {
         const int held = sourceFolders.find(key, false);
         if (held >= 0)
             return held;
-        return sourceFolders.keep(key, false, ::open(key.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        return sourceFolders.keep(key, false, OpenLongPath(AT_FDCWD, key.constData(), O_PATH | O_DIRECTORY));
     }
 };
 
@@ -376,7 +379,7 @@ QString _TargetFilePath(const BUTransaction &transaction, const QString &deviceR
 {
     const QString &path = transaction.path();
     const QString &root = transaction.rootPath();
-    if (!root.isNull() && path.startsWith(root) && !path.startsWith(deviceRoot)) {
+    if (!root.isNull() && PathIsInside(path, root) && !PathIsInside(path, deviceRoot)) {
         qsizetype start = root.size();
         while (start < path.size() && path[start] == u'/')
             ++start;
@@ -435,7 +438,7 @@ QString _UpdateItem(BackupRun &run, const BUTransaction &transaction)
         return _ErrorStringFromError(run, error, QString());
     const QString relative = run.device.relativePath(devicePath);
     QByteArray name;
-    const int parentFd = run.deviceParent(relative, &name, true, &error);
+    const int parentFd = run.deviceParent(relative, &name, run.device.kind().ignoresCase, &error);
     if (parentFd < 0)
         return _ErrorStringFromError(run, BUError::deviceWrite(error.code), devicePath);
     // The analysis matched names without regard to case: the device item may be spelled
@@ -476,7 +479,7 @@ QString _CopyFolder(BackupRun &run, const BUTransaction &transaction, QString *f
     const QString relative = run.device.relativePath(devicePath);
     BUError error;
     QByteArray name;
-    const int parentFd = run.deviceParent(relative, &name, true, &error);
+    const int parentFd = run.deviceParent(relative, &name, run.device.kind().ignoresCase, &error);
     if (parentFd >= 0 && ::mkdirat(parentFd, name.constData(), 0777) == 0) {
         _TouchFolder(run, _ParentOf(relative), true);
         _UpdateItem(run, transaction);
@@ -511,7 +514,7 @@ QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fat
     const QString relative = run.device.relativePath(devicePath);
     QByteArray name;
     BUError error;
-    const int parentFd = run.deviceParent(relative, &name, true, &error);
+    const int parentFd = run.deviceParent(relative, &name, run.device.kind().ignoresCase, &error);
     if (parentFd < 0 && CocoaDomainErrorCode(error) != kNoSuchFileError)
         return _ErrorStringFromError(run, error, devicePath);
     if (parentFd >= 0) {
@@ -738,7 +741,12 @@ bool BUBackupOperation::performOperation()
         run.row = uint32_t(i);
         QString text;
         lastWasFileCopy = false;
-        switch (transaction.action()) {
+        // A copy that the device can't hold beside its namesake fails without touching either.
+        if (transaction.action() == BUTransaction::kCopy && !g_caseConflicts.isEmpty())
+            text = g_caseConflicts.value(transaction.path());
+        switch (text.isNull() ? transaction.action() : kAlreadyFailed) {
+        case kAlreadyFailed:
+            break;
         case BUTransaction::kUpdate:
             text = _UpdateItem(run, transaction);
             break;

@@ -4,7 +4,9 @@
 #include "keelson/KSLog.h"
 #include "keelson/KSStrings.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -13,11 +15,53 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
+int _OpenBeneathOnce(int folderFd, const char *relative, int flags);
+
+// A path longer than one open takes (PATH_MAX) is opened a part at a time, each part beneath the
+// folder the last one opened, so that depth is limited by nothing but the file system; at most two
+// descriptors are open at once.
 int _OpenBeneath(int folderFd, const char *relative, int flags)
+{
+    constexpr std::size_t kPart = 2048;
+    std::size_t length = std::strlen(relative);
+    int base = folderFd;
+    auto closeBase = [&base, folderFd] {
+        if (base != folderFd) {
+            const int saved = errno;
+            ::close(base);
+            errno = saved;
+        }
+    };
+    while (length >= kPart) {
+        std::size_t cut = kPart - 1;
+        while (cut > 0 && relative[cut] != '/')
+            --cut;
+        if (cut == 0) {
+            closeBase();
+            errno = ENAMETOOLONG;
+            return -1;
+        }
+        const QByteArray part(relative, qsizetype(cut));
+        const int next = _OpenBeneathOnce(base, part.constData(), O_PATH | O_DIRECTORY);
+        closeBase();
+        if (next < 0)
+            return -1;
+        base = next;
+        relative += cut + 1;
+        length -= cut + 1;
+    }
+    const int fd = _OpenBeneathOnce(base, relative, flags);
+    closeBase();
+    return fd;
+}
+
+int _OpenBeneathOnce(int folderFd, const char *relative, int flags)
 {
     open_how how = {};
     how.flags = uint64_t(flags | O_CLOEXEC | O_NOFOLLOW);
@@ -216,32 +260,83 @@ bool RemoveItemAt(int folderFd, const char *name, BUError *error)
         return true;
     if (errno != EISDIR && errno != EPERM)
         return fail(errno);
-    const int unlinkError = errno;
-    const int fd = ::openat(folderFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0)
-        return fail(errno == ENOTDIR ? unlinkError : errno);
-    struct statx status;
-    if (::statx(fd, "", AT_EMPTY_PATH, STATX_TYPE, &status) != 0) {
-        const int saved = errno;
-        ::close(fd);
-        return fail(saved);
-    }
-    if (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) {
-        ::close(fd);
-        return fail(EBUSY); // another file system is mounted here
-    }
-    QList<QByteArray> names;
-    bool ok = _ListFolder(fd, &names);
-    if (!ok)
-        ok = fail(errno);
-    for (const QByteArray &child : std::as_const(names)) {
-        if (!(ok = RemoveItemAt(fd, child.constData(), error)))
-            break;
-    }
-    ::close(fd);
-    if (!ok)
+    // A folder: walked down and back up holding only the folder being emptied, whatever the depth.
+    // Going up goes through "..", and each parent must be the folder that was come from.
+    struct Level {
+        QByteArray name; // in its parent
+        dev_t device;
+        ino_t inode;
+        QList<QByteArray> names; // what it held when listed, the next to remove first
+    };
+    std::vector<Level> levels;
+    int current = -1;
+    auto enter = [&](int parentFd, const QByteArray &child, int unlinkError) {
+        const int fd = ::openat(parentFd, child.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (fd < 0)
+            return fail(errno == ENOTDIR ? unlinkError : errno);
+        struct statx status;
+        const int read = ::statx(fd, "", AT_EMPTY_PATH, STATX_TYPE | STATX_INO, &status);
+        if (read != 0 || (status.stx_attributes & STATX_ATTR_MOUNT_ROOT)) {
+            const int saved = read != 0 ? errno : EBUSY; // EBUSY: another file system is mounted here
+            ::close(fd);
+            return fail(saved);
+        }
+        Level level {child, makedev(status.stx_dev_major, status.stx_dev_minor), ino_t(status.stx_ino), {}};
+        if (!_ListFolder(fd, &level.names)) {
+            const int saved = errno;
+            ::close(fd);
+            return fail(saved);
+        }
+        std::reverse(level.names.begin(), level.names.end());
+        if (current >= 0 && current != folderFd)
+            ::close(current);
+        current = fd;
+        levels.push_back(std::move(level));
+        return true;
+    };
+    auto finish = [&](bool ok) {
+        if (current >= 0)
+            ::close(current);
+        return ok;
+    };
+    if (!enter(folderFd, QByteArray(name), errno))
         return false;
-    return ::unlinkat(folderFd, name, AT_REMOVEDIR) == 0 || fail(errno);
+    while (!levels.empty()) {
+        Level &level = levels.back();
+        if (!level.names.isEmpty()) {
+            const QByteArray child = level.names.takeLast();
+            if (::unlinkat(current, child.constData(), 0) == 0)
+                continue;
+            if (errno != EISDIR && errno != EPERM)
+                return finish(fail(errno));
+            const int fd = current;
+            current = -1; // enter() leaves it open as the parent: closed below
+            const bool entered = enter(fd, child, errno);
+            ::close(fd);
+            if (!entered)
+                return finish(false);
+            continue;
+        }
+        // Empty: climb to its parent and remove it there.
+        const QByteArray emptied = level.name;
+        levels.pop_back();
+        int parent = folderFd;
+        if (!levels.empty()) {
+            parent = ::openat(current, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            struct stat status;
+            if (parent < 0 || ::fstat(parent, &status) != 0 || status.st_dev != levels.back().device
+                || status.st_ino != levels.back().inode) {
+                if (parent >= 0)
+                    ::close(parent);
+                return finish(fail(ESTALE)); // moved while it was being removed
+            }
+        }
+        ::close(current);
+        current = parent == folderFd ? -1 : parent;
+        if (::unlinkat(parent, emptied.constData(), AT_REMOVEDIR) != 0)
+            return finish(fail(errno));
+    }
+    return finish(true);
 }
 
 void GiveUserFilePermissions(int folderFd, const char *name, const QString &path)

@@ -173,7 +173,7 @@ int main(int argc, char **argv)
             "5 MB document: read %.1f ms, text document made %.1f ms\n", read, double(timer.nsecsElapsed()) / 1e6);
     }
 
-    const QString appHelp = QStringLiteral(TANNER_SOURCE_DIR "/resources/Help.TWwrite");
+    const QString appHelp = QStringLiteral(TANNER_HELP_PACKAGE);
     std::printf("application's help, first page painted: %.1f ms\n", OpenHelp(appHelp, false, &window));
     delete window;
 

@@ -31,6 +31,8 @@ void _PrintJson(const QJsonObject &json)
 
 int RunHelpCommand(const BUCommandArgs &invocation)
 {
+    if (!invocation.args.contains(QStringLiteral("--check")))
+        return RunHelpTopicsCommand(invocation);
     QStringList args = invocation.args;
     const bool json = args.removeAll(QStringLiteral("--json")) > 0;
     if (args.size() != 2 || args.first() != u"--check") {

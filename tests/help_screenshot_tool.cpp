@@ -24,7 +24,7 @@ int main(int argc, char **argv)
     QApplication application(argc, argv);
     KSKernel::sharedInstance();
     VLSetUpHelpEngine();
-    KSVellumaHelpWC::setApplicationHelpPath(QStringLiteral(TANNER_SOURCE_DIR "/resources/Help.TWwrite"));
+    KSVellumaHelpWC::setApplicationHelpPath(QStringLiteral(TANNER_HELP_PACKAGE));
     KSVellumaHelpWC *window = KSVellumaHelpWC::displayHelp();
     if (!window) {
         std::fprintf(stderr, "the application's help can't be read\n");

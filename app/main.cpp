@@ -75,7 +75,7 @@ int main(int argc, char **argv)
     ::mallopt(M_MMAP_THRESHOLD, 128 * 1024);
     ::mallopt(M_TRIM_THRESHOLD, 256 * 1024);
 #ifdef TANNER_WITH_GUI
-    if (argc <= 1)
+    if (argc <= 1 || (argc >= 3 && std::strcmp(argv[1], "help") == 0 && std::strcmp(argv[2], "--window") == 0))
         return RunDesktopModule(argc, argv);
 #endif
     return RunCommandLine(argc, argv);

@@ -56,7 +56,9 @@ const Command kCommands[] = {
         "  help --check PATH [--json]    Load a help package (a .TWwrite folder) or a single help file as\n"
         "                                the help window does; print its topic outline and counts, or\n"
         "                                with --json the whole loaded document. Exit status 2 when it\n"
-        "                                cannot be read (\"Can't read help file: REASON\" on stderr).\n"},
+        "                                cannot be read (\"Can't read help file: REASON\" on stderr).\n"
+        "  help --window [--file PATH]   Open the help window on the application's help, or on a help\n"
+        "                                package or file (nothing is remembered for a file).\n"},
     {"check-updates", RunCheckUpdatesCommand,
         "  check-updates [--json]        Ask the Tannerwick downloads page whether a newer version exists.\n"
         "                                Exit status: 0 this is the newest, 10 an update exists, 2 the\n"

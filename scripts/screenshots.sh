@@ -6,6 +6,8 @@ scripts/install-deps.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build --target screenshot_tool
 xvfb-run -a -s "-screen 0 1280x800x24" build/tests/screenshot_tool docs
+cmake --build build --target help_screenshot_tool
+xvfb-run -a -s "-screen 0 1280x800x24" build/tests/help_screenshot_tool docs
 
 # The real program under a window manager, to show the application icon in its title bar
 # (docs/screenshot-icon.png). Needs openbox, xwd (x11-apps) and netpbm, installed here if missing.

@@ -5,6 +5,7 @@
 #include "backup/BUBackupOperation.h"
 #include "backup/BUDevices.h"
 #include "backup/BUTransaction.h"
+#include "help/window/KSVellumaHelpWC.h"
 #include "keelson/FormatString.h"
 #include "keelson/KSDayIndex.h"
 #include "keelson/KSKernel.h"
@@ -108,8 +109,6 @@ BUWindowController::BUWindowController(QWidget *parent) : QMainWindow(parent), u
     is24HourTime = Is24HourTime();
     deviceModel.setIs24HourTime(is24HourTime);
     ui->confirmDeletionsAction->setChecked(DefaultYesBool(*settings, confirmDeletionsKey()));
-    // Help comes with the help window; until then its command is present but off.
-    ui->helpAction->setEnabled(false);
 
     connectActions();
     restoreWindowState();
@@ -182,6 +181,7 @@ void BUWindowController::connectActions()
     connect(ui->confirmDeletionsAction, &QAction::toggled, this,
         [](bool on) { Settings()->setValue(confirmDeletionsKey(), on); });
 
+    connect(ui->helpAction, &QAction::triggered, this, [] { KSVellumaHelpWC::displayHelp(); });
     KSActionHandler &handler = KSActionHandler::sharedInstance();
     connect(ui->copyLogsAction, &QAction::triggered, this, [this, &handler] {
         if (handler.copyLogs())

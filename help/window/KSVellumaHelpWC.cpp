@@ -1,0 +1,1096 @@
+#include "help/window/KSVellumaHelpWC.h"
+
+#include "help/window/KSHelpDocumentView.h"
+#include "help/window/KSHelpPackageCopy.h"
+#include "help/window/KSSpeechManager.h"
+#include "keelson/KSKernel.h"
+#include "keelson/KSUserDefaults.h"
+#include "keelson/gui/KSFileChooser.h"
+#include "keelson/gui/KSWorkspace.h"
+#include "ui_KSVellumaHelp.h"
+
+#include <QAbstractTextDocumentLayout>
+#include <QApplication>
+#include <QButtonGroup>
+#include <QClipboard>
+#include <QCloseEvent>
+#include <QComboBox>
+#include <QCompleter>
+#include <QFileInfo>
+#include <QFontDialog>
+#include <QHBoxLayout>
+#include <QLineEdit>
+#include <QScrollBar>
+#include <QSettings>
+#include <QStringListModel>
+#include <QTextBlock>
+#include <QTextBrowser>
+#include <QTimer>
+#include <QToolButton>
+
+#include <cmath>
+
+namespace {
+
+const QString kOpenTopicsKey = QStringLiteral("ks.helpOpenTopics");
+const QString kTopicKey = QStringLiteral("ks.helpTopic");
+const QString kPositionKey = QStringLiteral("ks.helpPosition");
+const QString kZoomKey = QStringLiteral("ks.helpZoom");
+const QString kSearchKey = QStringLiteral("ks.help.search");
+const QString kWindowKey = QStringLiteral("ks.helpWindow");
+const QString kSplitterKey = QStringLiteral("ks.helpSplitter");
+const QString kHelpFontKey = QStringLiteral("com.tannerwick.shared.helpfont");
+constexpr int kRecentSearches = 10;
+constexpr int kTextInset = 8;
+constexpr int kSelectionBit = 9, kEmptyDocumentBit = 8, kObjectsOnlyBit = 10;
+// Format properties holding a size before zooming, so that zoom steps never accumulate rounding.
+constexpr int kBaseSizeProperty = QTextFormat::UserProperty + 1;
+constexpr int kBaseWidthProperty = QTextFormat::UserProperty + 2;
+constexpr int kBaseHeightProperty = QTextFormat::UserProperty + 3;
+
+// Process-wide state shared by every help window.
+QMap<QString, bool> &OpenStatus()
+{
+    static QMap<QString, bool> status;
+    return status;
+}
+bool g_openStatusLoaded = false;
+KSFindRequest g_find;
+std::function<bool(QFont *)> g_nextFontAnswer;
+QString g_applicationHelpPath;
+
+void _BringToFront(QWidget *window)
+{
+    window->show();
+    window->raise();
+    window->activateWindow();
+}
+
+// The open help windows, newest last.
+QList<KSVellumaHelpWC *> _HelpWindows()
+{
+    QList<KSVellumaHelpWC *> windows;
+    for (QWidget *widget : QApplication::topLevelWidgets()) {
+        if (auto *window = qobject_cast<KSVellumaHelpWC *>(widget); window && window->isVisible())
+            windows.append(window);
+    }
+    return windows;
+}
+
+// Topic names become setting keys: "/" would open a group, so it and "%" are escaped.
+QString _KeyForName(QString name)
+{
+    return name.replace(u'%', QStringLiteral("%25")).replace(u'/', QStringLiteral("%2F"));
+}
+QString _NameForKey(QString key)
+{
+    return key.replace(QStringLiteral("%2F"), QStringLiteral("/")).replace(QStringLiteral("%25"), QStringLiteral("%"));
+}
+
+void _LoadOpenStatus(QSettings &settings)
+{
+    if (g_openStatusLoaded)
+        return;
+    g_openStatusLoaded = true;
+    if (!settings.childGroups().contains(kOpenTopicsKey))
+        return;
+    settings.beginGroup(kOpenTopicsKey);
+    for (const QString &key : settings.childKeys())
+        OpenStatus().insert(_NameForKey(key), settings.value(key).toString().trimmed().toLower() == u"true");
+    settings.endGroup();
+}
+
+void _SaveOpenStatus(QSettings &settings)
+{
+    settings.remove(kOpenTopicsKey);
+    if (OpenStatus().isEmpty())
+        return;
+    settings.beginGroup(kOpenTopicsKey);
+    for (auto it = OpenStatus().cbegin(); it != OpenStatus().cend(); ++it)
+        settings.setValue(_KeyForName(it.key()), it.value());
+    settings.endGroup();
+}
+
+QToolButton *_SegmentButton(
+    QWidget *parent, QButtonGroup *group, const QString &name, QStyle::StandardPixmap icon, const QString &tip, int id)
+{
+    auto *button = new QToolButton(parent);
+    button->setObjectName(name);
+    button->setIcon(parent->style()->standardIcon(icon));
+    button->setToolTip(tip);
+    button->setAutoRaise(true);
+    group->addButton(button, id);
+    parent->layout()->addWidget(button);
+    return button;
+}
+
+bool _IsDark(const QPalette &palette)
+{
+    return palette.color(QPalette::WindowText).lightness() > palette.color(QPalette::Window).lightness();
+}
+
+} // namespace
+
+KSVellumaHelpWC::KSVellumaHelpWC(std::unique_ptr<KSHelpContent> content, bool isFile, QWidget *parent)
+    : QMainWindow(parent), ui(std::make_unique<Ui::KSVellumaHelp>()), m_content(std::move(content))
+{
+    ui->setupUi(this);
+    setAttribute(Qt::WA_DeleteOnClose);
+    ui->toolbarView->setObjectName(QStringLiteral("CF78FC39-F3E9-4420-AD9B-AD6F1F178826"));
+    ui->scrollView->viewport()->installEventFilter(this);
+    ui->topicList->setModel(&m_topicModel);
+    ui->helpSplitter->setStretchFactor(1, 3);
+    if (isFile)
+        m_filePath = m_content->path;
+    m_font = m_content->text->defaultFont();
+    buildToolbar();
+    prepareToShow();
+    connectActions();
+    changeDarkMode();
+    validateMenuItems();
+}
+
+KSVellumaHelpWC *KSVellumaHelpWC::create(const QString &path, bool isFile, QString *reason)
+{
+    std::unique_ptr<KSHelpContent> content = KSLoadHelpContent(path, reason);
+    return content ? new KSVellumaHelpWC(std::move(content), isFile) : nullptr;
+}
+
+QString KSVellumaHelpWC::applicationHelpPath()
+{
+    if (!g_applicationHelpPath.isEmpty())
+        return g_applicationHelpPath;
+    const QString folder = QCoreApplication::applicationDirPath();
+    const QString beside = folder + QStringLiteral("/Help.TWwrite");
+    const QString installed = folder + QStringLiteral("/../share/tanner-backup/Help.TWwrite");
+    return QFileInfo(beside).isDir() || !QFileInfo(installed).isDir() ? beside
+                                                                      : QFileInfo(installed).canonicalFilePath();
+}
+
+void KSVellumaHelpWC::setApplicationHelpPath(const QString &path)
+{
+    g_applicationHelpPath = path;
+}
+
+KSVellumaHelpWC *KSVellumaHelpWC::displayHelp()
+{
+    return displayHelp(-1);
+}
+
+KSVellumaHelpWC *KSVellumaHelpWC::displayHelp(int bookmark)
+{
+    KSVellumaHelpWC *window = nullptr;
+    for (KSVellumaHelpWC *open : _HelpWindows()) {
+        if (open->filePath().isEmpty())
+            window = open;
+    }
+    if (!window) {
+        window = create(applicationHelpPath(), false);
+        if (!window)
+            return nullptr;
+    }
+    _BringToFront(window);
+    const KSHelpContent &content = window->content();
+    if (bookmark >= 0 && std::size_t(bookmark) < content.bookmarkCps.size()) {
+        const quint32 cp = content.bookmarkCps[std::size_t(bookmark)];
+        const int chapter = content.chapterAt(cp);
+        const quint32 first = content.chapterCps.empty() ? 0 : content.chapterCps[std::size_t(chapter)];
+        window->jumpToTopic(chapter, content.bookmarksBetween(first + 1, cp), true);
+    } else {
+        window->jumpToTopic(-1, -1, true);
+    }
+    return window;
+}
+
+KSVellumaHelpWC *KSVellumaHelpWC::displayFileAsHelp(const QString &path, QString *reason)
+{
+    for (KSVellumaHelpWC *open : _HelpWindows()) {
+        if (open->filePath() == path) {
+            _BringToFront(open);
+            return open;
+        }
+    }
+    KSVellumaHelpWC *window = create(path, true, reason);
+    if (!window)
+        return nullptr;
+    _BringToFront(window);
+    window->jumpToTopic(0, -1, true);
+    return window;
+}
+
+KSVellumaHelpWC::~KSVellumaHelpWC()
+{
+    saveState();
+    ui->scrollView->setDocument(nullptr);
+}
+
+const KSFindRequest &KSVellumaHelpWC::findRequest()
+{
+    return g_find;
+}
+
+void KSVellumaHelpWC::setNextFontAnswer(std::function<bool(QFont *)> answer)
+{
+    g_nextFontAnswer = std::move(answer);
+}
+
+std::unique_ptr<QSettings> KSVellumaHelpWC::settings() const
+{
+    return OpenSettingsFile(UserDefaultsPath());
+}
+
+void KSVellumaHelpWC::buildToolbar()
+{
+    QToolBar *bar = ui->toolbarView;
+    auto segments = [this](const QString &name) {
+        auto *box = new QWidget(this);
+        box->setObjectName(name);
+        auto *layout = new QHBoxLayout(box);
+        layout->setContentsMargins(0, 0, 0, 0);
+        layout->setSpacing(0);
+        return box;
+    };
+    QWidget *navigation = segments(QStringLiteral("6C175095-3CEC-4322-93A5-5CDD1013BC3E"));
+    auto *navigationGroup = new QButtonGroup(navigation);
+    navigationGroup->setExclusive(false);
+    m_backButton = _SegmentButton(
+        navigation, navigationGroup, QStringLiteral("backButton"), QStyle::SP_ArrowBack, QStringLiteral("Back"), 0);
+    m_forwardButton = _SegmentButton(navigation, navigationGroup, QStringLiteral("forwardButton"),
+        QStyle::SP_ArrowForward, QStringLiteral("Forward"), 1);
+    connect(navigationGroup, &QButtonGroup::idClicked, this, [this](int id) { navigate(id == 0); });
+    bar->addWidget(navigation);
+
+    QWidget *topic = segments(QStringLiteral("D14FE854-0640-4542-B35E-428BC171A36B"));
+    auto *topicGroup = new QButtonGroup(topic);
+    topicGroup->setExclusive(false);
+    m_previousButton = _SegmentButton(topic, topicGroup, QStringLiteral("previousTopicButton"), QStyle::SP_ArrowUp,
+        QStringLiteral("Previous Topic"), 0);
+    m_nextButton = _SegmentButton(
+        topic, topicGroup, QStringLiteral("nextTopicButton"), QStyle::SP_ArrowDown, QStringLiteral("Next Topic"), 1);
+    connect(topicGroup, &QButtonGroup::idClicked, this,
+        [this](int id) { id == 0 ? jumpPreviousChapter() : jumpNextChapter(); });
+    bar->addWidget(topic);
+
+    auto *spacer = new QWidget(this);
+    spacer->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
+    bar->addWidget(spacer);
+
+    m_zoomMenu = new QComboBox(this);
+    m_zoomMenu->setObjectName(QStringLiteral("zoomMenu"));
+    m_zoomMenu->setToolTip(QStringLiteral("Zoom"));
+    for (const double step : kHelpZoomSteps) {
+        const int percent = int(std::lround(step * 100));
+        m_zoomMenu->addItem(QStringLiteral("%1%").arg(percent), percent);
+    }
+    connect(m_zoomMenu, &QComboBox::activated, this,
+        [this](int index) { changeZoom(m_zoomMenu->itemData(index).toInt()); });
+    bar->addWidget(m_zoomMenu);
+
+    m_searchField = new QLineEdit(this);
+    m_searchField->setObjectName(QStringLiteral("searchField"));
+    m_searchField->setPlaceholderText(QStringLiteral("Search"));
+    m_searchField->setClearButtonEnabled(true);
+    m_searchField->setMaximumWidth(240);
+    auto *completer = new QCompleter(new QStringListModel(ReadStringList(*settings(), kSearchKey), this), this);
+    completer->setCaseSensitivity(Qt::CaseInsensitive);
+    m_searchField->setCompleter(completer);
+    connect(m_searchField, &QLineEdit::returnPressed, this, &KSVellumaHelpWC::quickSearch);
+    bar->addWidget(m_searchField);
+}
+
+void KSVellumaHelpWC::connectActions()
+{
+    connect(ui->saveHelpFileAction, &QAction::triggered, this, &KSVellumaHelpWC::saveHelpFile);
+    connect(ui->closeWindowAction, &QAction::triggered, this, &QWidget::close);
+    connect(ui->copyAction, &QAction::triggered, this, &KSVellumaHelpWC::copy);
+    connect(ui->selectAllAction, &QAction::triggered, this, &KSVellumaHelpWC::selectAll);
+    connect(ui->findAction, &QAction::triggered, this, &KSVellumaHelpWC::find);
+    connect(ui->findNextAction, &QAction::triggered, this, &KSVellumaHelpWC::findNext);
+    connect(ui->findPreviousAction, &QAction::triggered, this, &KSVellumaHelpWC::findPrevious);
+    connect(ui->findFromStartAction, &QAction::triggered, this, &KSVellumaHelpWC::findFromStart);
+    connect(ui->useSelectionForFindAction, &QAction::triggered, this, &KSVellumaHelpWC::useSelectionForFind);
+    connect(ui->jumpToSearchAction, &QAction::triggered, this, &KSVellumaHelpWC::jumpToSearch);
+    const std::pair<QAction *, int> options[]
+        = {{ui->ignoreCaseAction, kOptionIgnoreCase}, {ui->wholeWordsAction, kOptionWholeWords},
+            {ui->trimSelectionAction, kOptionTrimSelection}, {ui->fromStartOptionAction, kOptionFromStart}};
+    for (const auto &[action, tag] : options) {
+        action->setData(tag);
+        connect(action, &QAction::triggered, this, [this, tag] { setSearchOption(tag); });
+    }
+    connect(ui->startSpeakingAction, &QAction::triggered, this, &KSVellumaHelpWC::startSpeaking);
+    connect(
+        ui->stopSpeakingAction, &QAction::triggered, this, [] { KSSpeechManager::sharedInstance().stopSpeaking(); });
+    connect(ui->zoomInAction, &QAction::triggered, this, &KSVellumaHelpWC::zoomIn);
+    connect(ui->zoomOutAction, &QAction::triggered, this, &KSVellumaHelpWC::zoomOut);
+    connect(ui->actualSizeAction, &QAction::triggered, this, [this] { changeZoom(100); });
+    connect(ui->showFontsAction, &QAction::triggered, this, &KSVellumaHelpWC::showFonts);
+    connect(ui->backAction, &QAction::triggered, this, [this] { navigate(true); });
+    connect(ui->forwardAction, &QAction::triggered, this, [this] { navigate(false); });
+    connect(ui->previousTopicAction, &QAction::triggered, this, &KSVellumaHelpWC::jumpPreviousChapter);
+    connect(ui->nextTopicAction, &QAction::triggered, this, &KSVellumaHelpWC::jumpNextChapter);
+    for (QMenu *menu : {ui->fileMenu, ui->editMenu, ui->findMenu, ui->speechMenu, ui->viewMenu, ui->goMenu})
+        connect(menu, &QMenu::aboutToShow, this, &KSVellumaHelpWC::validateMenuItems);
+
+    connect(ui->topicList->selectionModel(), &QItemSelectionModel::currentChanged, this,
+        [this](const QModelIndex &current) {
+            if (m_navigationDepth > 0 || !current.isValid())
+                return;
+            const KSHelpTopic *item = KSHelpTopicModel::itemForIndex(current);
+            const auto &map = m_topics->chapterMap();
+            for (std::size_t i = 0; i < map.size(); ++i) {
+                if (map[i] == item) {
+                    jumpToTopic(int(i), -1, true);
+                    return;
+                }
+            }
+        });
+    auto remember = [this](const QModelIndex &index, bool open) {
+        if (m_filePath.isEmpty())
+            OpenStatus().insert(KSHelpTopicModel::itemForIndex(index)->name, open);
+    };
+    connect(ui->topicList, &QTreeView::expanded, this, [remember](const QModelIndex &index) { remember(index, true); });
+    connect(
+        ui->topicList, &QTreeView::collapsed, this, [remember](const QModelIndex &index) { remember(index, false); });
+    connect(ui->scrollView, &QTextBrowser::anchorClicked, this, [this](const QUrl &url) {
+        if (url.scheme() == u"cp")
+            followLink(url.path().toUInt());
+        else
+            KSOpenUrl(url);
+    });
+    connect(ui->scrollView, &QTextEdit::selectionChanged, this, &KSVellumaHelpWC::validateMenuItems);
+    connect(&KSSpeechManager::sharedInstance(), &KSSpeechManager::speakingChanged, this,
+        &KSVellumaHelpWC::validateMenuItems);
+}
+
+void KSVellumaHelpWC::prepareToShow()
+{
+    QStringList names = m_content->chapterNames;
+    m_topics = std::make_unique<KSHelpTopics>(names);
+    auto stored = settings();
+    _LoadOpenStatus(*stored);
+    const int zoomPercent = stored->value(kZoomKey).toInt();
+    m_topicModel.setTopics(m_topics.get());
+    // The help font and the zoom go into the document before the view lays it out once.
+    if (m_filePath.isEmpty()) {
+        auto shared = OpenSettingsFile(SharedDefaultsPath());
+        QFont chosen;
+        const QString descriptor = shared->value(kHelpFontKey).toString();
+        if (!descriptor.isEmpty() && chosen.fromString(descriptor))
+            applyHelpFont(chosen);
+        const QStringList frame = stored->value(kWindowKey).toString().split(u' ', Qt::SkipEmptyParts);
+        if (frame.size() == 4 && frame[2].toInt() >= 300 && frame[3].toInt() >= 200)
+            setGeometry(frame[0].toInt(), frame[1].toInt(), frame[2].toInt(), frame[3].toInt());
+        QList<int> sizes;
+        for (const QString &size : stored->value(kSplitterKey).toString().split(u' ', Qt::SkipEmptyParts))
+            sizes.append(size.toInt());
+        if (sizes.size() == 2)
+            ui->helpSplitter->setSizes(sizes);
+    }
+    applyZoom(zoomPercent > 0 ? zoomPercent / 100.0 : 1.0);
+    m_content->text->setDocumentMargin(kTextInset);
+    ui->scrollView->setDocument(m_content->text.get());
+    updateZoomTool(m_zoom);
+    ++m_navigationDepth;
+    expandTopics({});
+    --m_navigationDepth;
+    ensureCurrentTopic();
+    ui->scrollView->setFocus();
+}
+
+void KSVellumaHelpWC::expandTopics(const QModelIndex &parent)
+{
+    for (int row = 0; row < m_topicModel.rowCount(parent); ++row) {
+        const QModelIndex index = m_topicModel.index(row, 0, parent);
+        const KSHelpTopic *item = KSHelpTopicModel::itemForIndex(index);
+        if (!m_topics->expandable(item))
+            continue;
+        if (!m_filePath.isEmpty() || OpenStatus().value(item->name, false))
+            ui->topicList->expand(index);
+        expandTopics(index);
+    }
+}
+
+void KSVellumaHelpWC::ensureCurrentTopic()
+{
+    const auto &map = m_topics->chapterMap();
+    if (m_currentTopic < 0 || std::size_t(m_currentTopic) >= map.size())
+        return;
+    ++m_navigationDepth;
+    const KSHelpTopic *item = map[std::size_t(m_currentTopic)];
+    for (const KSHelpTopic *parent = item->parent; parent; parent = parent->parent) {
+        const QModelIndex index = m_topicModel.indexForItem(parent);
+        if (index.isValid())
+            ui->topicList->expand(index);
+    }
+    const QModelIndex index = m_topicModel.indexForItem(item);
+    if (index.isValid()) {
+        ui->topicList->setCurrentIndex(index);
+        ui->topicList->scrollTo(index, QAbstractItemView::PositionAtCenter);
+    } else {
+        ui->topicList->clearSelection();
+    }
+    --m_navigationDepth;
+}
+
+void KSVellumaHelpWC::jumpToTopic(int chapter, int bookmark, bool record)
+{
+    const int count = int(m_content->chapterCps.size());
+    qint64 target = -1;
+    if (chapter < 0) {
+        auto stored = settings();
+        chapter = stored->value(kTopicKey).toInt();
+        if (chapter < 0 || chapter >= count)
+            chapter = 0;
+        if (count > 0)
+            target = stored->value(kPositionKey).toLongLong() + m_content->chapterCps[std::size_t(chapter)];
+        if (target < 0 || target > qint64(m_content->textLength))
+            target = -1;
+    }
+    if (chapter >= count) {
+        beep();
+        return;
+    }
+    m_currentTopic = chapter;
+    ensureCurrentTopic();
+
+    const KSHelpTopic *item = m_topics->chapterMap()[std::size_t(chapter)];
+    if (m_filePath.isEmpty())
+        setWindowTitle(QStringLiteral("%1 Help — %2").arg(g_appName, item->name));
+    else if (!item->name.isEmpty())
+        setWindowTitle(QStringLiteral("%1 — %2").arg(QFileInfo(m_filePath).completeBaseName(), item->name));
+    else
+        setWindowTitle(QFileInfo(m_filePath).completeBaseName());
+
+    const quint32 first = m_content->chapterCps[std::size_t(chapter)];
+    const quint32 end = m_content->chapterEnd(chapter);
+    const qint64 mark = bookmark >= 0 ? m_content->bookmarkAfter(first, bookmark) : -1;
+    if (mark >= 0 && mark < qint64(end)) {
+        selectSentenceFrom(quint32(mark), end);
+        ui->scrollView->ensureCursorVisible();
+    } else {
+        const quint32 at = target >= 0 ? quint32(target) : first;
+        setSelection(at, at);
+        scrollToCp(at);
+    }
+    if (record)
+        saveSelection();
+    updateTopicTool();
+}
+
+void KSVellumaHelpWC::selectSentenceFrom(quint32 cp, quint32 limit)
+{
+    // Up to the first full stop, question or exclamation mark that ends a sentence, or the
+    // paragraph's end.
+    const QTextDocument *document = ui->scrollView->document();
+    const int last = m_content->map.positionForCp(limit);
+    int end = m_content->map.positionForCp(cp);
+    while (end < last) {
+        const QChar c = document->characterAt(end);
+        if (c == QChar::ParagraphSeparator)
+            break;
+        ++end;
+        if ((c == u'.' || c == u'!' || c == u'?') && (end >= last || document->characterAt(end).isSpace()))
+            break;
+    }
+    setSelection(cp, m_content->map.cpForPosition(end));
+}
+
+void KSVellumaHelpWC::saveSelection()
+{
+    if (m_navigationDepth > 0)
+        return;
+    m_navigation.record({m_content.get(), selectionStart(), selectionEnd()});
+    updateNavigationTools();
+}
+
+void KSVellumaHelpWC::navigate(bool backward)
+{
+    const KSNavigationEntry *entry = m_navigation.step(backward);
+    if (!entry) {
+        beep();
+        return;
+    }
+    ++m_navigationDepth;
+    jumpToTopic(m_content->chapterAt(entry->selectionStart), -1, false);
+    setSelection(entry->selectionStart, entry->selectionEnd);
+    scrollToCp(entry->selectionStart);
+    --m_navigationDepth;
+    updateNavigationTools();
+}
+
+void KSVellumaHelpWC::jumpNextChapter()
+{
+    if (m_currentTopic + 1 < int(m_content->chapterCps.size()))
+        jumpToTopic(m_currentTopic + 1, -1, true);
+    else
+        beep();
+}
+
+void KSVellumaHelpWC::jumpPreviousChapter()
+{
+    if (m_currentTopic > 0)
+        jumpToTopic(m_currentTopic - 1, -1, true);
+    else
+        beep();
+}
+
+void KSVellumaHelpWC::followLink(quint32 cp)
+{
+    const auto target = m_content->linkTargets.constFind(cp);
+    if (target == m_content->linkTargets.cend()) {
+        beep();
+        return;
+    }
+    const int chapter = m_content->chapterAt(*target);
+    const quint32 first = m_content->chapterCps.empty() ? 0 : m_content->chapterCps[std::size_t(chapter)];
+    jumpToTopic(chapter, m_content->bookmarksBetween(first + 1, *target), true);
+}
+
+void KSVellumaHelpWC::updateNavigationTools()
+{
+    m_backButton->setEnabled(m_navigation.canGoBack());
+    m_forwardButton->setEnabled(m_navigation.canGoForward());
+    ui->backAction->setEnabled(m_navigation.canGoBack());
+    ui->forwardAction->setEnabled(m_navigation.canGoForward());
+}
+
+void KSVellumaHelpWC::updateTopicTool()
+{
+    m_previousButton->setEnabled(validateMenuItem(ui->previousTopicAction));
+    m_nextButton->setEnabled(validateMenuItem(ui->nextTopicAction));
+}
+
+// --- Selection and scrolling ------------------------------------------------------------------
+
+quint32 KSVellumaHelpWC::selectionStart() const
+{
+    return m_content->map.cpForPosition(ui->scrollView->textCursor().selectionStart());
+}
+
+quint32 KSVellumaHelpWC::selectionEnd() const
+{
+    return m_content->map.cpForPosition(ui->scrollView->textCursor().selectionEnd());
+}
+
+void KSVellumaHelpWC::setSelection(quint32 start, quint32 end)
+{
+    QTextCursor cursor(ui->scrollView->document());
+    const int last = ui->scrollView->document()->characterCount() - 1;
+    cursor.setPosition(std::min(m_content->map.positionForCp(start), last));
+    cursor.setPosition(std::min(m_content->map.positionForCp(end), last), QTextCursor::KeepAnchor);
+    ui->scrollView->setTextCursor(cursor);
+}
+
+void KSVellumaHelpWC::scrollToCp(quint32 cp)
+{
+    QTextDocument *document = ui->scrollView->document();
+    const int position = std::min(m_content->map.positionForCp(cp), document->characterCount() - 1);
+    const QTextBlock block = document->findBlock(position);
+    const QRectF bounds = document->documentLayout()->blockBoundingRect(block);
+    qreal y = bounds.top();
+    if (const QTextLayout *layout = block.layout()) {
+        const QTextLine line = layout->lineForTextPosition(position - block.position());
+        if (line.isValid())
+            y += line.y();
+    }
+    ui->scrollView->verticalScrollBar()->setValue(int(std::floor(y)));
+}
+
+quint32 KSVellumaHelpWC::firstVisibleCp() const
+{
+    QTextDocument *document = ui->scrollView->document();
+    const int y = ui->scrollView->verticalScrollBar()->value();
+    const QTextBlock block
+        = document->findBlock(document->documentLayout()->hitTest(QPointF(kTextInset + 1, y + 1), Qt::FuzzyHit));
+    if (!block.isValid())
+        return 0;
+    const QRectF bounds = document->documentLayout()->blockBoundingRect(block);
+    int position = block.position();
+    if (const QTextLayout *layout = block.layout()) {
+        for (int i = 0; i < layout->lineCount(); ++i) {
+            const QTextLine line = layout->lineAt(i);
+            if (bounds.top() + line.y() + line.height() > y) {
+                position += line.textStart();
+                break;
+            }
+        }
+    }
+    return m_content->map.cpForPosition(position);
+}
+
+// --- Find ---------------------------------------------------------------------------------------
+
+void KSVellumaHelpWC::find()
+{
+    m_searchField->setFocus();
+    m_searchField->selectAll();
+}
+
+void KSVellumaHelpWC::rememberSearch(const QString &text)
+{
+    auto stored = settings();
+    QStringList recent = ReadStringList(*stored, kSearchKey);
+    recent.removeAll(text);
+    recent.prepend(text);
+    while (recent.size() > kRecentSearches)
+        recent.removeLast();
+    if (m_filePath.isEmpty())
+        WriteStringList(*stored, kSearchKey, recent);
+    if (auto *model = qobject_cast<QStringListModel *>(m_searchField->completer()->model()))
+        model->setStringList(recent);
+}
+
+void KSVellumaHelpWC::quickSearch()
+{
+    const QString text = m_searchField->text();
+    if (text.isEmpty()) {
+        m_searchString.clear();
+        return;
+    }
+    ui->scrollView->setFocus();
+    m_searchString = text;
+    g_find = KSQuickSearchRequest(text);
+    rememberSearch(text);
+    runFind(false, KSSearchOptionSet(m_searchOptionMask, kOptionFromStart));
+}
+
+bool KSVellumaHelpWC::findNext()
+{
+    return runFind(false, false);
+}
+
+bool KSVellumaHelpWC::findPrevious()
+{
+    return runFind(true, false);
+}
+
+bool KSVellumaHelpWC::findFromStart()
+{
+    return runFind(false, true);
+}
+
+bool KSVellumaHelpWC::runFind(bool backward, bool fromStart)
+{
+    ui->scrollView->setFocus();
+    if (g_find.findType == kFindNothing || (backward && !KSCanFindPrevious(g_find))) {
+        beep();
+        return false;
+    }
+    const quint32 from = fromStart ? 0 : backward ? selectionStart() : selectionEnd();
+    if (g_find.findType == kFindText) {
+        const unsigned options = KSEngineFindOptions(m_searchOptionMask);
+        QTextDocument::FindFlags flags;
+        if (!KSSearchOptionSet(options, kOptionIgnoreCase))
+            flags |= QTextDocument::FindCaseSensitively;
+        if (KSSearchOptionSet(options, kOptionWholeWords))
+            flags |= QTextDocument::FindWholeWords;
+        if (backward)
+            flags |= QTextDocument::FindBackward;
+        QString needle = g_find.findString;
+        needle.replace(QChar(10), QChar::ParagraphSeparator);
+        const QTextCursor hit = ui->scrollView->document()->find(needle, m_content->map.positionForCp(from), flags);
+        if (hit.isNull()) {
+            beep();
+            return false;
+        }
+        showFindResult(
+            m_content->map.cpForPosition(hit.selectionStart()), m_content->map.cpForPosition(hit.selectionEnd()));
+        return true;
+    }
+    const auto matches = [](quint32 type) {
+        switch (g_find.findType) {
+        case kFindChapter:
+            return type == kHelpKnotChapter;
+        case kFindDivider:
+            return type == kHelpKnotDivider;
+        case kFindPicture:
+            return type == kHelpKnotPicture;
+        default:
+            return true;
+        }
+    };
+    const auto &marks = m_content->marks;
+    if (backward) {
+        for (auto it = marks.rbegin(); it != marks.rend(); ++it) {
+            if (it->cp < from && matches(it->type)) {
+                showFindResult(it->cp, it->cp + 1);
+                return true;
+            }
+        }
+    } else {
+        for (const KSHelpMark &mark : marks) {
+            if (mark.cp >= from && matches(mark.type)) {
+                showFindResult(mark.cp, mark.cp + 1);
+                return true;
+            }
+        }
+    }
+    beep();
+    return false;
+}
+
+void KSVellumaHelpWC::showFindResult(quint32 start, quint32 end)
+{
+    ++m_navigationDepth;
+    const int chapter = m_content->chapterAt(start);
+    if (chapter != m_currentTopic && chapter < int(m_content->chapterCps.size()))
+        jumpToTopic(chapter, -1, false);
+    setSelection(start, end);
+    ui->scrollView->ensureCursorVisible();
+    --m_navigationDepth;
+    saveSelection();
+    validateMenuItems();
+}
+
+void KSVellumaHelpWC::setSearchOption(int tag)
+{
+    m_searchOptionMask ^= 1U << tag;
+    validateMenuItems();
+}
+
+void KSVellumaHelpWC::useSelectionForFind()
+{
+    g_find = KSSelectionFindRequest(m_content->plainText(selectionStart(), selectionEnd()), m_searchOptionMask);
+    m_searchString = KSCaretCodesFromText(g_find.findString);
+    m_searchField->setText(m_searchString);
+    validateMenuItems();
+}
+
+void KSVellumaHelpWC::jumpToSearch()
+{
+    ui->scrollView->ensureCursorVisible();
+}
+
+// --- Zoom and font --------------------------------------------------------------------------------
+
+void KSVellumaHelpWC::changeZoom(int percent)
+{
+    performZoom(percent / 100.0);
+}
+
+void KSVellumaHelpWC::zoomIn()
+{
+    performZoom(KSHelpZoomIn(m_zoom));
+}
+
+void KSVellumaHelpWC::zoomOut()
+{
+    performZoom(KSHelpZoomOut(m_zoom));
+}
+
+void KSVellumaHelpWC::performZoom(double factor)
+{
+    if (factor <= 0)
+        factor = 1.0;
+    const quint32 shown = firstVisibleCp();
+    const quint32 start = selectionStart(), end = selectionEnd();
+    // The text changes away from the view and without a page size, so that nothing is laid out
+    // or redrawn until all changes are made; then the view lays it out once.
+    QTextDocument placeholder;
+    ui->scrollView->setDocument(&placeholder);
+    QTextDocument *document = m_content->text.get();
+    const QSizeF pageSize = document->pageSize();
+    document->setPageSize(QSizeF());
+    applyZoom(factor);
+    document->setPageSize(pageSize);
+    ui->scrollView->setDocument(document);
+    setSelection(start, end);
+    scrollToCp(shown);
+    updateZoomTool(factor);
+}
+
+void KSVellumaHelpWC::updateZoomTool(double factor)
+{
+    const int percent = int(std::lround(factor * 100));
+    settings()->setValue(kZoomKey, percent);
+    const int index = m_zoomMenu->findData(percent);
+    m_zoomMenu->setCurrentIndex(index);
+    if (index < 0)
+        m_zoomMenu->setEditText(QStringLiteral("%1%").arg(percent));
+}
+
+void KSVellumaHelpWC::applyZoom(double factor)
+{
+    m_zoom = factor;
+    QTextDocument *document = m_content->text.get();
+    QFont font = m_font;
+    font.setPointSizeF(m_font.pointSizeF() * factor);
+    if (document->defaultFont() != font)
+        document->setDefaultFont(font);
+    // Sizes given in the text itself scale from their unzoomed values. Only what changes is
+    // touched, so opening at the size last used costs no layout.
+    QTextCursor cursor(document);
+    cursor.beginEditBlock(); // one change for the layout, however many fragments change
+    for (QTextBlock block = document->begin(); block.isValid(); block = block.next()) {
+        for (auto it = block.begin(); !it.atEnd(); ++it) {
+            const QTextFragment fragment = it.fragment();
+            QTextCharFormat format = fragment.charFormat();
+            bool changed = false;
+            if (format.hasProperty(kBaseSizeProperty) || format.hasProperty(QTextFormat::FontPointSize)) {
+                if (!format.hasProperty(kBaseSizeProperty))
+                    format.setProperty(kBaseSizeProperty, format.fontPointSize());
+                const double size = format.doubleProperty(kBaseSizeProperty) * factor;
+                changed = size != format.fontPointSize();
+                format.setFontPointSize(size);
+            }
+            if (format.isImageFormat()) {
+                QTextImageFormat image = format.toImageFormat();
+                if (!image.hasProperty(kBaseWidthProperty)) {
+                    image.setProperty(kBaseWidthProperty, image.width());
+                    image.setProperty(kBaseHeightProperty, image.height());
+                }
+                const double width = image.doubleProperty(kBaseWidthProperty) * factor;
+                const double height = image.doubleProperty(kBaseHeightProperty) * factor;
+                changed = changed || width != image.width() || height != image.height();
+                image.setWidth(width);
+                image.setHeight(height);
+                format = image;
+            }
+            if (changed) {
+                cursor.setPosition(fragment.position());
+                cursor.setPosition(fragment.position() + fragment.length(), QTextCursor::KeepAnchor);
+                cursor.setCharFormat(format);
+            }
+        }
+    }
+    cursor.endEditBlock();
+}
+
+void KSVellumaHelpWC::applyHelpFont(const QFont &font)
+{
+    if (font == m_font)
+        return;
+    m_font = font;
+    applyZoom(m_zoom);
+}
+
+void KSVellumaHelpWC::changeFont(const QFont *chosen)
+{
+    QFont font;
+    if (chosen) {
+        font = *chosen;
+    } else {
+        const QString descriptor = OpenSettingsFile(SharedDefaultsPath())->value(kHelpFontKey).toString();
+        if (descriptor.isEmpty() || !font.fromString(descriptor))
+            return;
+    }
+    if (font == m_font)
+        return;
+    const quint32 shown = firstVisibleCp();
+    applyHelpFont(font);
+    scrollToCp(shown);
+    if (chosen)
+        OpenSettingsFile(SharedDefaultsPath())->setValue(kHelpFontKey, font.toString());
+}
+
+void KSVellumaHelpWC::showFonts()
+{
+    QFont font = m_font;
+    bool ok = false;
+    if (g_nextFontAnswer) {
+        ok = std::exchange(g_nextFontAnswer, {})(&font);
+    } else {
+        font = QFontDialog::getFont(&ok, m_font, this, QStringLiteral("Help Font"));
+    }
+    if (ok)
+        changeFont(&font);
+}
+
+// --- Speaking, saving, copying ----------------------------------------------------------------------
+
+void KSVellumaHelpWC::startSpeaking()
+{
+    KSSpeechManager &speech = KSSpeechManager::sharedInstance();
+    if (!speech.isAvailable()) {
+        beep();
+        return;
+    }
+    const QTextCursor selection = ui->scrollView->textCursor();
+    int start = selection.selectionStart(), end = selection.selectionEnd();
+    QTextDocument *document = ui->scrollView->document();
+    if (start == end) {
+        // Nothing selected: the text in view.
+        start = m_content->map.positionForCp(firstVisibleCp());
+        const QPointF bottom(ui->scrollView->viewport()->width() - 1,
+            ui->scrollView->verticalScrollBar()->value() + ui->scrollView->viewport()->height() - 1);
+        end = std::max(start, document->documentLayout()->hitTest(bottom, Qt::FuzzyHit));
+    }
+    // Block by block, so that a table is read cell by cell in reading order, backwards when the
+    // selection was made backwards.
+    QStringList pieces;
+    for (QTextBlock block = document->findBlock(start); block.isValid() && block.position() <= end;
+         block = block.next()) {
+        const int from = std::max(start, block.position()) - block.position();
+        const int to = std::min(end, block.position() + block.length() - 1) - block.position();
+        QString piece = block.text().mid(from, std::max(0, to - from));
+        piece.remove(QChar::ObjectReplacementCharacter).remove(QChar(0x200B));
+        if (!piece.trimmed().isEmpty())
+            pieces.append(piece);
+    }
+    if (selection.anchor() > selection.position())
+        std::reverse(pieces.begin(), pieces.end());
+    QString text;
+    for (const QString &piece : pieces)
+        text += piece + u' ';
+    if (!speech.speakString(text))
+        beep();
+}
+
+void KSVellumaHelpWC::saveHelpFile()
+{
+    const QString source = m_filePath.isEmpty() ? m_content->path : m_filePath;
+    if (!QFileInfo(source).isDir()) {
+        beep();
+        return;
+    }
+    const QStringList chosen = KSChooseItems(
+        this, QStringLiteral("Select a folder in which to save a copy of the help file"), KSChooserMode::Folders);
+    if (chosen.isEmpty())
+        return;
+    const QString target
+        = KSUniqueNameInFolder(chosen.front(), g_appName + QStringLiteral(" Help"), QStringLiteral("TWwrite"));
+    if (!KSCopyPackage(source, target, nullptr)) {
+        beep();
+        return;
+    }
+    KSShowInFileManager(target);
+}
+
+void KSVellumaHelpWC::copy()
+{
+    const QString text = m_content->plainText(selectionStart(), selectionEnd());
+    if (text.isEmpty()) {
+        beep();
+        return;
+    }
+    QGuiApplication::clipboard()->setText(text);
+}
+
+void KSVellumaHelpWC::selectAll()
+{
+    setSelection(0, m_content->textLength);
+    ui->scrollView->setFocus();
+}
+
+// --- Menu validation ------------------------------------------------------------------------------
+
+unsigned KSVellumaHelpWC::selectionMask() const
+{
+    unsigned mask = 0;
+    if (m_content->textLength == 0)
+        mask |= 1U << kEmptyDocumentBit;
+    const quint32 start = selectionStart(), end = selectionEnd();
+    if (end > start) {
+        mask |= 1U << kSelectionBit;
+        if (m_content->plainText(start, end).remove(QChar::ObjectReplacementCharacter).trimmed().isEmpty())
+            mask |= 1U << kObjectsOnlyBit;
+    }
+    return mask;
+}
+
+bool KSVellumaHelpWC::validateMenuItem(const QAction *action) const
+{
+    if (m_dragging)
+        return false;
+    const unsigned mask = selectionMask();
+    if (action == ui->copyAction)
+        return mask & (1U << kSelectionBit);
+    if (action == ui->startSpeakingAction)
+        return !(mask & ((1U << kEmptyDocumentBit) | (1U << kObjectsOnlyBit)))
+            && KSSpeechManager::sharedInstance().isAvailable();
+    if (action == ui->stopSpeakingAction)
+        return KSSpeechManager::sharedInstance().isSpeaking();
+    if (action == ui->previousTopicAction)
+        return m_currentTopic > 0;
+    if (action == ui->nextTopicAction)
+        return m_currentTopic < int(m_content->chapterCps.size()) - 1;
+    if (action == ui->findNextAction || action == ui->findFromStartAction)
+        return g_find.findType != kFindNothing;
+    if (action == ui->findPreviousAction)
+        return KSCanFindPrevious(g_find);
+    if (action == ui->backAction)
+        return m_navigation.canGoBack();
+    if (action == ui->forwardAction)
+        return m_navigation.canGoForward();
+    return true;
+}
+
+void KSVellumaHelpWC::validateMenuItems()
+{
+    const auto actions = findChildren<QAction *>();
+    for (QAction *action : actions) {
+        if (action->menu())
+            continue;
+        action->setEnabled(validateMenuItem(action));
+        if (action->isCheckable() && action->data().isValid())
+            action->setChecked(KSSearchOptionSet(m_searchOptionMask, action->data().toInt()));
+    }
+    KSSpeechManager &speech = KSSpeechManager::sharedInstance();
+    ui->startSpeakingAction->setToolTip(speech.isAvailable() ? QString() : speech.unavailableReason());
+    ui->speechMenu->setToolTipsVisible(true);
+    m_backButton->setEnabled(m_navigation.canGoBack() && !m_dragging);
+    m_forwardButton->setEnabled(m_navigation.canGoForward() && !m_dragging);
+    updateTopicTool();
+}
+
+// --- Window ---------------------------------------------------------------------------------------
+
+void KSVellumaHelpWC::beep()
+{
+    ++m_beeps;
+    QApplication::beep();
+}
+
+void KSVellumaHelpWC::changeDarkMode()
+{
+    QPalette palette = ui->topicList->palette();
+    palette.setColor(QPalette::Base, palette.color(_IsDark(palette) ? QPalette::Window : QPalette::AlternateBase));
+    ui->topicList->setPalette(palette);
+}
+
+void KSVellumaHelpWC::changeEvent(QEvent *event)
+{
+    if (event->type() == QEvent::PaletteChange)
+        changeDarkMode();
+    QMainWindow::changeEvent(event);
+}
+
+bool KSVellumaHelpWC::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched == ui->scrollView->viewport()) {
+        if (event->type() == QEvent::MouseButtonPress)
+            m_dragging = true;
+        else if (event->type() == QEvent::MouseButtonRelease) {
+            m_dragging = false;
+            validateMenuItems();
+        }
+    }
+    return QMainWindow::eventFilter(watched, event);
+}
+
+void KSVellumaHelpWC::saveState()
+{
+    if (m_stateSaved)
+        return;
+    m_stateSaved = true;
+    if (!m_filePath.isEmpty() || m_content->chapterCps.empty())
+        return;
+    auto stored = settings();
+    stored->setValue(kTopicKey, m_currentTopic);
+    const quint32 first = m_content->chapterCps[std::size_t(m_currentTopic)];
+    const quint32 shown = firstVisibleCp();
+    stored->setValue(kPositionKey, shown >= first ? qint64(shown - first) : 0);
+    _SaveOpenStatus(*stored);
+    const QRect frame = geometry();
+    stored->setValue(
+        kWindowKey, QStringLiteral("%1 %2 %3 %4").arg(frame.x()).arg(frame.y()).arg(frame.width()).arg(frame.height()));
+    const QList<int> sizes = ui->helpSplitter->sizes();
+    if (sizes.size() == 2)
+        stored->setValue(kSplitterKey, QStringLiteral("%1 %2").arg(sizes[0]).arg(sizes[1]));
+}
+
+void KSVellumaHelpWC::closeEvent(QCloseEvent *event)
+{
+    saveState();
+    QMainWindow::closeEvent(event);
+}

@@ -1,0 +1,151 @@
+// The help window: a read-only text pane beside a topic outline built from the document's chapter
+// names, with a toolbar for back and forward, previous and next topic, quick search and zoom. It
+// remembers the topic and position last read, the topics expanded, the zoom and the searches, except
+// when it shows a named file (filePath set). Main thread.
+#pragma once
+
+#include "help/window/KSHelpContent.h"
+#include "help/window/KSHelpFind.h"
+#include "help/window/KSHelpNavigation.h"
+#include "help/window/KSHelpTopics.h"
+
+#include <QMainWindow>
+
+#include <functional>
+#include <memory>
+
+class QAction;
+class QComboBox;
+class QLineEdit;
+class QToolButton;
+class QSettings;
+
+namespace Ui {
+class KSVellumaHelp;
+}
+
+class KSVellumaHelpWC : public QMainWindow {
+    Q_OBJECT
+public:
+    // Loads the document into a new window; null (after the loader has logged "Can't read help
+    // file: %@" with the reason, which `reason` receives) when it can't be read. With `isFile` the
+    // path becomes filePath and nothing is remembered.
+    static KSVellumaHelpWC *create(const QString &path, bool isFile, QString *reason = nullptr);
+    // The application's help: the open help window without filePath to the front, else a new one on
+    // the application's help package; then the bookmark (an offset from the remembered topic's first
+    // bookmark), or with none the remembered topic and position. Null when help can't be read.
+    static KSVellumaHelpWC *displayHelp();
+    static KSVellumaHelpWC *displayHelp(int bookmark);
+    // A named file shown as help: its open window to the front, else a new one at chapter 0.
+    static KSVellumaHelpWC *displayFileAsHelp(const QString &path, QString *reason = nullptr);
+    // The application's help package: "Help.TWwrite" beside the program, or in
+    // share/tanner-backup when installed.
+    static QString applicationHelpPath();
+    static void setApplicationHelpPath(const QString &path); // tests and tools
+
+    // A window on content already made; with `isFile` its path becomes filePath.
+    KSVellumaHelpWC(std::unique_ptr<KSHelpContent> content, bool isFile, QWidget *parent = nullptr);
+    ~KSVellumaHelpWC() override;
+
+    // chapter -1: the remembered topic and position; bookmark -1: none.
+    void jumpToTopic(int chapter, int bookmark, bool record);
+    void navigate(bool backward);
+    void jumpNextChapter();
+    void jumpPreviousChapter();
+    void followLink(quint32 cp);
+
+    void find();
+    void quickSearch();
+    bool findNext();
+    bool findPrevious();
+    bool findFromStart();
+    void setSearchOption(int tag);
+    void useSelectionForFind();
+    void jumpToSearch();
+
+    void changeZoom(int percent);
+    void zoomIn();
+    void zoomOut();
+    void performZoom(double factor);
+
+    void showFonts();
+    void changeFont(const QFont *chosen);
+    void startSpeaking();
+    void saveHelpFile();
+    void copy();
+    void selectAll();
+
+    // Enables and checks the menu commands and toolbar items for the current state.
+    void validateMenuItems();
+    bool validateMenuItem(const QAction *action) const;
+
+    // --- State, for the application and its tests ----------------------------------------------
+    const KSHelpContent &content() const { return *m_content; }
+    const KSHelpTopics &topicOutline() const { return *m_topics; }
+    int currentTopic() const { return m_currentTopic; }
+    const QString &filePath() const { return m_filePath; }
+    const KSNavigationStack &navigationStack() const { return m_navigation; }
+    unsigned searchOptionMask() const { return m_searchOptionMask; }
+    const QString &searchString() const { return m_searchString; }
+    static const KSFindRequest &findRequest();
+    double zoom() const { return m_zoom; }
+    QFont helpFont() const { return m_font; }
+    // The selection and the first cp shown, in cps.
+    quint32 selectionStart() const;
+    quint32 selectionEnd() const;
+    void setSelection(quint32 start, quint32 end);
+    quint32 firstVisibleCp() const;
+    int beepCount() const { return m_beeps; }
+
+    // Tests: answers the folder chooser of saveHelpFile and the font dialog of showFonts.
+    static void setNextFontAnswer(std::function<bool(QFont *)> answer);
+
+protected:
+    void closeEvent(QCloseEvent *event) override;
+    void changeEvent(QEvent *event) override;
+    bool eventFilter(QObject *watched, QEvent *event) override;
+
+private:
+    void buildToolbar();
+    void connectActions();
+    void prepareToShow();
+    void expandTopics(const QModelIndex &parent);
+    void ensureCurrentTopic();
+    void saveSelection();
+    void updateNavigationTools();
+    void updateTopicTool();
+    void updateZoomTool(double factor);
+    void applyZoom(double factor);
+    void applyHelpFont(const QFont &font);
+    void scrollToCp(quint32 cp);
+    void selectSentenceFrom(quint32 cp, quint32 limit);
+    bool runFind(bool backward, bool fromStart);
+    void showFindResult(quint32 start, quint32 end);
+    void changeDarkMode();
+    void beep();
+    unsigned selectionMask() const;
+    void rememberSearch(const QString &text);
+    void saveState();
+    std::unique_ptr<QSettings> settings() const;
+
+    std::unique_ptr<Ui::KSVellumaHelp> ui;
+    std::unique_ptr<KSHelpContent> m_content;
+    std::unique_ptr<KSHelpTopics> m_topics;
+    KSHelpTopicModel m_topicModel;
+    int m_currentTopic = 0;
+    KSNavigationStack m_navigation;
+    int m_navigationDepth = 0;
+    unsigned m_searchOptionMask = kInitialSearchOptionMask;
+    QString m_searchString;
+    QString m_filePath;
+    QFont m_font;
+    double m_zoom = 1.0;
+    bool m_dragging = false;
+    bool m_stateSaved = false;
+    int m_beeps = 0;
+
+    QToolButton *m_backButton = nullptr, *m_forwardButton = nullptr;
+    QToolButton *m_previousButton = nullptr, *m_nextButton = nullptr;
+    QLineEdit *m_searchField = nullptr;
+    QComboBox *m_zoomMenu = nullptr;
+};

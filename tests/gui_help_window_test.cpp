@@ -1,0 +1,588 @@
+// The help window driven as a user meets it: the topic outline, zoom, quick search, back and
+// forward, what it remembers across two runs, its menu commands, speaking and the saved copy.
+#include "help/VLDocument.h"
+#include "help/VLHelpEngine.h"
+#include "help/VLHelpReader.h"
+#include "help/window/KSHelpContent.h"
+#include "help/window/KSHelpDocumentView.h"
+#include "help/window/KSHelpPackageCopy.h"
+#include "help/window/KSSpeechManager.h"
+#include "help/window/KSVellumaHelpWC.h"
+#include "keelson/KSKernel.h"
+#include "keelson/KSUserDefaults.h"
+#include "keelson/gui/KSFileChooser.h"
+#include "keelson/gui/KSWorkspace.h"
+#include "tests/support/GuiTestSupport.h"
+#include "tests/support/TestSupport.h"
+
+#include <QAbstractItemModelTester>
+#include <QAction>
+#include <QButtonGroup>
+#include <QClipboard>
+#include <QComboBox>
+#include <QLineEdit>
+#include <QScrollBar>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QTextBlock>
+#include <QTextEdit>
+#include <QToolBar>
+#include <QToolButton>
+#include <QTreeView>
+
+#include <gtest/gtest.h>
+
+using namespace tanner::test;
+
+namespace {
+
+// Six chapters: two top-level topics with subtopics and a third-level entry, each long enough
+// to scroll.
+std::unique_ptr<KSHelpContent> SampleContent(const QString &path = QStringLiteral("/help/Sample.TWwrite"))
+{
+    const QStringList names
+        = {QStringLiteral("Welcome"), QStringLiteral("\tBacking up"), QStringLiteral("\t\tChoosing a device"),
+            QStringLiteral("Rules"), QStringLiteral("\tFolder rules"), QStringLiteral("\tFile rules")};
+    std::vector<QStringList> bodies;
+    for (int chapter = 0; chapter < names.size(); ++chapter) {
+        QStringList body;
+        for (int i = 0; i < 40; ++i)
+            body.append(QStringLiteral("Paragraph %1 of chapter %2 says something worth reading.").arg(i).arg(chapter));
+        bodies.push_back(body);
+    }
+    bodies[3][5] = QStringLiteral("An ignore rule such as 10tmp leaves out temporary files.");
+    bodies[5][2] = QStringLiteral("Another ignore rule matches names.");
+    return KSHelpContentFromChapters(names, bodies, path);
+}
+
+QAction *Action(QWidget *window, const char *name)
+{
+    return window->findChild<QAction *>(QString::fromLatin1(name));
+}
+
+class HelpWindow : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        EnsureApplication();
+        KSKernel::sharedInstance();
+        KSSetWorkspaceTestHook([this](const QString &what) { revealed.append(what); });
+    }
+    void TearDown() override
+    {
+        KSSetWorkspaceTestHook({});
+        KSSetNextChooserAnswer(std::nullopt);
+    }
+    KSVellumaHelpWC *open(std::unique_ptr<KSHelpContent> content, bool isFile = false)
+    {
+        auto *window = new KSVellumaHelpWC(std::move(content), isFile);
+        window->resize(700, 420);
+        window->show();
+        EXPECT_TRUE(QTest::qWaitForWindowExposed(window));
+        return window;
+    }
+
+    ScopedXdgHome home;
+    QStringList revealed;
+};
+
+} // namespace
+
+TEST(HelpTopics, LeadingTabsNestTheOutlineAndEveryChapterKeepsItsItem)
+{
+    // A, B under A, C under B, then D.
+    KSHelpTopics outline({QStringLiteral("A"), QStringLiteral("\tB"), QStringLiteral("\t\tC"), QStringLiteral("D")});
+    ASSERT_EQ(outline.topics().size(), 2u);
+    EXPECT_EQ(outline.chapterMap().size(), 4u);
+    const KSHelpTopic *a = outline.topics()[0];
+    EXPECT_EQ(a->name, u"A");
+    ASSERT_EQ(a->topics.size(), 1u);
+    const KSHelpTopic *b = a->topics[0];
+    EXPECT_EQ(b->name, u"B");
+    EXPECT_EQ(b->level, 1);
+    ASSERT_EQ(b->topics.size(), 1u);
+    EXPECT_TRUE(b->topics[0]->plain);
+    EXPECT_EQ(b->topics[0]->name, u"C");
+    EXPECT_FALSE(outline.expandable(b->topics[0]));
+    EXPECT_EQ(outline.topics()[1]->name, u"D");
+    EXPECT_FALSE(outline.expandable(outline.topics()[1]));
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(outline.chapterMap()[std::size_t(i)]->index, i);
+
+    // Two tabs before any one-tab heading, one tab before any top-level one: not shown, slots kept.
+    KSHelpTopics orphans({QStringLiteral("\t\tLost"), QStringLiteral("\tAlso lost"), QStringLiteral("\t\tUnder lost"),
+        QStringLiteral("Top"), QStringLiteral("\t\t\tThree tabs")});
+    EXPECT_EQ(orphans.chapterMap().size(), 5u);
+    ASSERT_EQ(orphans.topics().size(), 1u);
+    EXPECT_EQ(orphans.topics()[0]->name, u"Top");
+    EXPECT_TRUE(orphans.topics()[0]->topics.empty()); // a new top-level topic has no level-1 parent
+    KSHelpTopicModel model;
+    model.setTopics(&orphans);
+    EXPECT_FALSE(model.indexForItem(orphans.chapterMap()[0]).isValid());
+    EXPECT_FALSE(model.indexForItem(orphans.chapterMap()[2]).isValid());
+    EXPECT_EQ(model.rowCount(), 1);
+
+    KSHelpTopics none({});
+    EXPECT_TRUE(none.topics().empty());
+    EXPECT_TRUE(none.chapterMap().empty());
+
+    KSHelpTopics sample(SampleContent()->chapterNames);
+    model.setTopics(&sample);
+    QAbstractItemModelTester tester(&model, QAbstractItemModelTester::FailureReportingMode::Fatal);
+    EXPECT_EQ(model.rowCount(), 2);
+    const QModelIndex backingUp = model.index(0, 0, model.index(0, 0));
+    EXPECT_EQ(model.data(backingUp, Qt::DisplayRole).toString(), u"Backing up");
+    EXPECT_EQ(model.parent(backingUp), model.index(0, 0));
+    EXPECT_EQ(KSHelpTopicModel::itemForIndex(model.index(0, 0, backingUp)), sample.chapterMap()[2]);
+}
+
+TEST(HelpZoom, StepsAndTheResetAbove400Percent)
+{
+    EXPECT_EQ(KSHelpZoomIn(4.0), 4.0);
+    EXPECT_EQ(KSHelpZoomIn(5.0), 1.0);
+    EXPECT_EQ(KSHelpZoomOut(5.0), 1.0);
+    EXPECT_EQ(KSHelpZoomOut(0.5), 0.5);
+    EXPECT_EQ(KSHelpZoomIn(1.1), 1.25);
+    EXPECT_EQ(KSHelpZoomOut(1.1), 1.0);
+    EXPECT_EQ(KSHelpZoomIn(1.0), 1.25);
+    EXPECT_EQ(KSHelpZoomOut(1.0), 0.75);
+    EXPECT_EQ(KSHelpZoomIn(3.5), 3.5); // the first step above it is the last one
+    EXPECT_EQ(KSHelpZoomIn(0.2), 0.5);
+}
+
+TEST(HelpFind, CaretCodesFindTypesAndTheCut)
+{
+    EXPECT_EQ(KSTextFromCaretCodes(QStringLiteral("a^tb^pc^^d^-e^lf^x")),
+        QStringLiteral("a\tb\nc^d") + QChar(0xAD) + u'e' + QChar(0x2028) + QStringLiteral("f^x"));
+    const QString special = QStringLiteral("^ \t\n") + QChar(1) + QChar(0xAD) + QChar(0x2028) + QChar(11) + QChar(12);
+    EXPECT_EQ(KSTextFromCaretCodes(KSCaretCodesFromText(special)), special);
+
+    EXPECT_EQ(KSQuickSearchRequest(QString()).findType, kFindNothing);
+    EXPECT_EQ(KSQuickSearchRequest(QStringLiteral("^g")).findType, 8);
+    EXPECT_EQ(KSQuickSearchRequest(QStringLiteral("^c")).findType, 4);
+    EXPECT_EQ(KSQuickSearchRequest(QStringLiteral("^d")).findType, 6);
+    EXPECT_EQ(KSQuickSearchRequest(QStringLiteral("^>")).findType, 5);
+    EXPECT_EQ(KSQuickSearchRequest(QStringLiteral("^gx")).findType, kFindText);
+    const KSFindRequest longSearch = KSQuickSearchRequest(QString(300, u'x'));
+    EXPECT_EQ(longSearch.findType, kFindText);
+    EXPECT_EQ(longSearch.findString.size(), 255);
+
+    EXPECT_TRUE(KSCanFindPrevious(KSQuickSearchRequest(QStringLiteral("word^t"))));
+    EXPECT_FALSE(KSCanFindPrevious(KSQuickSearchRequest(QStringLiteral("end^p"))));
+    EXPECT_FALSE(KSCanFindPrevious(KSQuickSearchRequest(QStringLiteral("a^gb"))));
+    EXPECT_TRUE(KSCanFindPrevious(KSQuickSearchRequest(QStringLiteral("^g"))));
+    EXPECT_FALSE(KSCanFindPrevious({}));
+
+    EXPECT_EQ(KSSelectionFindRequest(QStringLiteral("  padded \n"), kInitialSearchOptionMask).findString, u"padded");
+    EXPECT_EQ(KSSelectionFindRequest(QStringLiteral(" padded"), 0).findString, u" padded");
+    EXPECT_EQ(KSSelectionFindRequest(QStringLiteral("   "), kInitialSearchOptionMask).findType, kFindNothing);
+}
+
+TEST(HelpContent, CpMapKeepsEveryCpExactAroundAddedPositions)
+{
+    KSCpMap map;
+    // cps 0-9 at positions 0-9; the layout adds 2 positions before cp 10 and 1 before cp 20.
+    map.addAnchor(10, 12);
+    map.addAnchor(20, 23);
+    for (quint32 cp = 0; cp < 30; ++cp)
+        EXPECT_EQ(map.cpForPosition(map.positionForCp(cp)), cp) << cp;
+    EXPECT_EQ(map.positionForCp(5), 5);
+    EXPECT_EQ(map.positionForCp(15), 17);
+    EXPECT_EQ(map.positionForCp(25), 28);
+    EXPECT_EQ(map.cpForPosition(10), 10u); // added positions belong to the cp after them
+    EXPECT_EQ(map.cpForPosition(11), 10u);
+    EXPECT_EQ(map.cpForPosition(22), 20u);
+}
+
+TEST_F(HelpWindow, ToolbarZoomAndTheRememberedZoom)
+{
+    KSVellumaHelpWC *window = open(SampleContent());
+    QToolBar *toolbar = window->findChild<QToolBar *>(QStringLiteral("CF78FC39-F3E9-4420-AD9B-AD6F1F178826"));
+    ASSERT_NE(toolbar, nullptr);
+    QWidget *navigation = window->findChild<QWidget *>(QStringLiteral("6C175095-3CEC-4322-93A5-5CDD1013BC3E"));
+    QWidget *topic = window->findChild<QWidget *>(QStringLiteral("D14FE854-0640-4542-B35E-428BC171A36B"));
+    ASSERT_TRUE(navigation && topic);
+    EXPECT_EQ(navigation->findChildren<QToolButton *>().size(), 2);
+    EXPECT_EQ(topic->findChildren<QToolButton *>().size(), 2);
+    auto *zoomMenu = window->findChild<QComboBox *>(QStringLiteral("zoomMenu"));
+    ASSERT_NE(zoomMenu, nullptr);
+    EXPECT_EQ(zoomMenu->count(), 10);
+    EXPECT_EQ(zoomMenu->currentData().toInt(), 100);
+
+    const qreal normal = window->findChild<QTextEdit *>()->document()->defaultFont().pointSizeF();
+    Action(window, "zoomInAction")->trigger();
+    EXPECT_EQ(window->zoom(), 1.25);
+    EXPECT_EQ(zoomMenu->currentData().toInt(), 125);
+    EXPECT_NEAR(window->findChild<QTextEdit *>()->document()->defaultFont().pointSizeF(), normal * 1.25, 0.01);
+    zoomMenu->setCurrentIndex(zoomMenu->findData(400));
+    emit zoomMenu->activated(zoomMenu->currentIndex());
+    EXPECT_EQ(window->zoom(), 4.0);
+    Action(window, "zoomInAction")->trigger();
+    EXPECT_EQ(window->zoom(), 4.0);
+    EXPECT_EQ(OpenSettingsFile(UserDefaultsPath())->value(QStringLiteral("ks.helpZoom")).toInt(), 400);
+    window->close();
+
+    // The next window opens at the zoom last used.
+    KSVellumaHelpWC *again = open(SampleContent());
+    EXPECT_EQ(again->zoom(), 4.0);
+    EXPECT_NEAR(again->findChild<QTextEdit *>()->document()->defaultFont().pointSizeF(), normal * 4, 0.01);
+    again->close();
+}
+
+TEST_F(HelpWindow, QuickSearchFindsJumpsAndRemembers)
+{
+    KSVellumaHelpWC *window = open(SampleContent());
+    auto *field = window->findChild<QLineEdit *>(QStringLiteral("searchField"));
+    ASSERT_NE(field, nullptr);
+    field->setText(QStringLiteral("IGNORE rule"));
+    emit field->returnPressed();
+    // From the start (bit 8 is off by default: the search runs on from the selection) and ignoring
+    // case (bit 3, on by default).
+    EXPECT_EQ(window->searchOptionMask(), 10u);
+    EXPECT_EQ(window->currentTopic(), 3);
+    const KSHelpContent &content = window->content();
+    EXPECT_EQ(content.plainText(window->selectionStart(), window->selectionEnd()), u"ignore rule");
+    EXPECT_TRUE(Action(window, "findPreviousAction")->isEnabled());
+
+    EXPECT_TRUE(window->findNext());
+    EXPECT_EQ(window->currentTopic(), 5);
+    EXPECT_EQ(window->windowTitle(), QStringLiteral("Tanner Backup Help — File rules"));
+    const int beeps = window->beepCount();
+    EXPECT_FALSE(window->findNext()); // no third one
+    EXPECT_EQ(window->beepCount(), beeps + 1);
+    EXPECT_TRUE(window->findPrevious());
+    EXPECT_EQ(window->currentTopic(), 3);
+
+    // Case now counts: nothing matches the upper-case text.
+    Action(window, "ignoreCaseAction")->trigger();
+    EXPECT_FALSE(Action(window, "ignoreCaseAction")->isChecked());
+    EXPECT_FALSE(window->findFromStart());
+
+    // Special items: "^c" goes to the next chapter start.
+    field->setText(QStringLiteral("^c"));
+    emit field->returnPressed();
+    EXPECT_EQ(KSVellumaHelpWC::findRequest().findType, 4);
+    EXPECT_EQ(window->currentTopic(), 4);
+
+    // The selection becomes the search, with caret codes for its special characters.
+    window->jumpToTopic(0, -1, false);
+    window->setSelection(content.chapterCps[1] - 5, content.chapterCps[1] + 4);
+    window->useSelectionForFind();
+    EXPECT_EQ(field->text(), QStringLiteral("ing.^p^tBa"));
+    EXPECT_FALSE(Action(window, "findPreviousAction")->isEnabled()); // a paragraph end only goes forward
+
+    EXPECT_EQ(ReadStringList(*OpenSettingsFile(UserDefaultsPath()), QStringLiteral("ks.help.search")),
+        QStringList({QStringLiteral("^c"), QStringLiteral("IGNORE rule")}));
+    window->close();
+}
+
+TEST_F(HelpWindow, BackAndForwardFollowTheNavigationStack)
+{
+    KSVellumaHelpWC *window = open(SampleContent());
+    auto *back = window->findChild<QToolButton *>(QStringLiteral("backButton"));
+    auto *forward = window->findChild<QToolButton *>(QStringLiteral("forwardButton"));
+    auto *outline = window->findChild<QTreeView *>(QStringLiteral("topicList"));
+    window->jumpToTopic(0, -1, true);
+    EXPECT_FALSE(back->isEnabled());
+    window->jumpNextChapter();
+    // Choosing a topic in the outline jumps and records too.
+    outline->setCurrentIndex(outline->model()->index(1, 0));
+    EXPECT_EQ(window->currentTopic(), 3);
+    EXPECT_EQ(window->navigationStack().count(), 3);
+    EXPECT_TRUE(back->isEnabled());
+    EXPECT_FALSE(forward->isEnabled());
+
+    back->click();
+    EXPECT_EQ(window->currentTopic(), 1);
+    EXPECT_EQ(outline->currentIndex().data().toString(), u"Backing up");
+    back->click();
+    EXPECT_EQ(window->currentTopic(), 0);
+    EXPECT_FALSE(back->isEnabled());
+    EXPECT_TRUE(forward->isEnabled());
+    const int beeps = window->beepCount();
+    window->navigate(true); // nothing before the first place
+    EXPECT_EQ(window->beepCount(), beeps + 1);
+    forward->click();
+    EXPECT_EQ(window->currentTopic(), 1);
+    EXPECT_EQ(window->navigationStack().count(), 3); // moving along the stack records nothing
+
+    // A new jump from the middle drops what lay ahead.
+    window->jumpToTopic(5, -1, true);
+    EXPECT_EQ(window->navigationStack().count(), 3);
+    EXPECT_FALSE(forward->isEnabled());
+    back->click();
+    EXPECT_EQ(window->currentTopic(), 1);
+    EXPECT_EQ(window->selectionStart(), window->content().chapterCps[1]);
+
+    // The topic segments step through chapters and stop at the ends.
+    window->findChild<QToolButton *>(QStringLiteral("nextTopicButton"))->click();
+    EXPECT_EQ(window->currentTopic(), 2);
+    window->jumpToTopic(5, -1, false);
+    EXPECT_FALSE(window->findChild<QToolButton *>(QStringLiteral("nextTopicButton"))->isEnabled());
+    window->jumpToTopic(6, -1, true); // beyond the last chapter
+    EXPECT_EQ(window->currentTopic(), 5);
+    window->close();
+}
+
+TEST_F(HelpWindow, TopicPositionAndOpenTopicsComeBackButNotForANamedFile)
+{
+    quint32 shown = 0;
+    {
+        KSVellumaHelpWC *window = open(SampleContent());
+        window->jumpToTopic(4, -1, true);
+        auto *outline = window->findChild<QTreeView *>(QStringLiteral("topicList"));
+        outline->collapse(outline->model()->index(0, 0));
+        // Read on: scroll some lines into the chapter.
+        auto *text = window->findChild<QTextEdit *>();
+        text->verticalScrollBar()->setValue(text->verticalScrollBar()->value() + 200);
+        shown = window->firstVisibleCp();
+        EXPECT_GT(shown, window->content().chapterCps[4]);
+        window->close();
+    }
+    auto stored = OpenSettingsFile(UserDefaultsPath());
+    EXPECT_EQ(stored->value(QStringLiteral("ks.helpTopic")).toInt(), 4);
+    EXPECT_EQ(
+        stored->value(QStringLiteral("ks.helpPosition")).toLongLong(), qint64(shown - SampleContent()->chapterCps[4]));
+    {
+        KSVellumaHelpWC *window = open(SampleContent());
+        window->jumpToTopic(-1, -1, true);
+        EXPECT_EQ(window->currentTopic(), 4);
+        EXPECT_EQ(window->firstVisibleCp(), shown);
+        EXPECT_EQ(window->windowTitle(), QStringLiteral("Tanner Backup Help — Folder rules"));
+        auto *outline = window->findChild<QTreeView *>(QStringLiteral("topicList"));
+        EXPECT_FALSE(outline->isExpanded(outline->model()->index(0, 0)));
+        EXPECT_TRUE(outline->isExpanded(outline->model()->index(1, 0)));
+        window->close();
+    }
+    {
+        // A named file: everything expanded, titled by the file, and nothing stored.
+        KSVellumaHelpWC *window = open(SampleContent(QStringLiteral("/tmp/Guide.TWwrite")), true);
+        EXPECT_EQ(window->filePath(), u"/tmp/Guide.TWwrite");
+        window->jumpToTopic(0, -1, true);
+        EXPECT_EQ(window->windowTitle(), QStringLiteral("Guide — Welcome"));
+        auto *outline = window->findChild<QTreeView *>(QStringLiteral("topicList"));
+        EXPECT_TRUE(outline->isExpanded(outline->model()->index(0, 0)));
+        window->jumpToTopic(2, -1, true);
+        window->close();
+    }
+    EXPECT_EQ(OpenSettingsFile(UserDefaultsPath())->value(QStringLiteral("ks.helpTopic")).toInt(), 4);
+}
+
+TEST_F(HelpWindow, MenuCommandsFollowTheState)
+{
+    KSVellumaHelpWC *window = open(SampleContent());
+    window->jumpToTopic(0, -1, true);
+    window->useSelectionForFind(); // no selection: nothing to find
+    EXPECT_EQ(KSVellumaHelpWC::findRequest().findType, kFindNothing);
+    EXPECT_FALSE(Action(window, "copyAction")->isEnabled());
+    EXPECT_FALSE(Action(window, "previousTopicAction")->isEnabled());
+    EXPECT_TRUE(Action(window, "nextTopicAction")->isEnabled());
+    EXPECT_FALSE(Action(window, "findNextAction")->isEnabled());
+    EXPECT_FALSE(Action(window, "findFromStartAction")->isEnabled());
+    EXPECT_FALSE(Action(window, "findPreviousAction")->isEnabled());
+    EXPECT_TRUE(Action(window, "ignoreCaseAction")->isChecked());
+    EXPECT_TRUE(Action(window, "trimSelectionAction")->isChecked());
+    EXPECT_FALSE(Action(window, "fromStartOptionAction")->isChecked());
+    Action(window, "fromStartOptionAction")->trigger();
+    EXPECT_EQ(window->searchOptionMask(), 10u | (1u << 8));
+    EXPECT_TRUE(Action(window, "fromStartOptionAction")->isChecked());
+
+    window->setSelection(window->content().chapterCps[0] + 1, window->content().chapterCps[0] + 8);
+    window->validateMenuItems();
+    EXPECT_TRUE(Action(window, "copyAction")->isEnabled());
+    Action(window, "copyAction")->trigger();
+    EXPECT_EQ(QGuiApplication::clipboard()->text(), u"Welcome");
+    Action(window, "selectAllAction")->trigger();
+    EXPECT_EQ(window->selectionEnd(), window->content().textLength);
+
+    window->jumpToTopic(5, -1, true);
+    window->validateMenuItems();
+    EXPECT_TRUE(Action(window, "previousTopicAction")->isEnabled());
+    EXPECT_FALSE(Action(window, "nextTopicAction")->isEnabled());
+
+    // Nothing is enabled while the mouse drags a selection.
+    auto *viewport = window->findChild<QTextEdit *>()->viewport();
+    QTest::mousePress(viewport, Qt::LeftButton, {}, QPoint(20, 20));
+    window->validateMenuItems();
+    EXPECT_FALSE(Action(window, "previousTopicAction")->isEnabled());
+    EXPECT_FALSE(Action(window, "selectAllAction")->isEnabled());
+    QTest::mouseRelease(viewport, Qt::LeftButton, {}, QPoint(60, 20));
+    EXPECT_TRUE(Action(window, "selectAllAction")->isEnabled());
+    window->close();
+}
+
+TEST_F(HelpWindow, SpeakingUsesTheEngineOrSaysWhyNot)
+{
+    KSVellumaHelpWC *window = open(SampleContent());
+    window->jumpToTopic(1, -1, true);
+    window->validateMenuItems();
+    QAction *speak = Action(window, "startSpeakingAction");
+    KSSpeechManager &speech = KSSpeechManager::sharedInstance();
+    if (!speech.isAvailable()) {
+        EXPECT_FALSE(speak->isEnabled());
+        EXPECT_TRUE(speak->toolTip().contains(u"speech engine")) << speak->toolTip().toStdString();
+        EXPECT_FALSE(speech.speakString(QStringLiteral("Hello")));
+        window->close();
+        GTEST_SKIP() << "no speech engine is installed; checked that Start Speaking is off and says why";
+    }
+    EXPECT_TRUE(speak->isEnabled());
+    EXPECT_NE(speak->toolTip(), speech.unavailableReason());
+    speak->trigger();
+    EXPECT_EQ(window->beepCount(), 0);
+    WaitUntil([&] { return speech.isSpeaking() || !speech.speakingError().isEmpty(); }, std::chrono::seconds(10));
+    if (!speech.isSpeaking()) {
+        window->close();
+        GTEST_SKIP() << "the speech engine " << speech.engineName().toStdString()
+                     << " started but could not speak here: " << speech.speakingError().toStdString();
+    }
+    speech.stopSpeaking();
+    EXPECT_TRUE(WaitUntil([&] { return !speech.isSpeaking(); }, std::chrono::seconds(10)));
+    window->close();
+}
+
+TEST_F(HelpWindow, SavedCopyGoesUnderAFreeNameAndIsRevealed)
+{
+    QTemporaryDir packages;
+    const QString package = packages.path() + QStringLiteral("/Help.TWwrite");
+    WriteTree(package,
+        {{QStringLiteral("structure.xml"), "<structure/>"}, {QStringLiteral("format.xml"), "<format/>"},
+            {QStringLiteral("document.txt"), "text"}, {QStringLiteral("Images/"), {}},
+            {QStringLiteral("Images/pic.png"), "png"}});
+    KSVellumaHelpWC *window = open(SampleContent(package));
+    QTemporaryDir target;
+    KSSetNextChooserAnswer(QStringList {target.path()});
+    Action(window, "saveHelpFileAction")->trigger();
+    EXPECT_EQ(KSLastChooserMessage(), u"Select a folder in which to save a copy of the help file");
+    const QString first = target.path() + QStringLiteral("/Tanner Backup Help.TWwrite");
+    EXPECT_EQ(ReadTree(first), ReadTree(package));
+    KSSetNextChooserAnswer(QStringList {target.path()});
+    Action(window, "saveHelpFileAction")->trigger();
+    const QString second = target.path() + QStringLiteral("/Tanner Backup Help 2.TWwrite");
+    EXPECT_EQ(ReadTree(second), ReadTree(package));
+    EXPECT_EQ(revealed, QStringList({first, second}));
+
+    // Cancelled: nothing; a package that is not there: a beep and nothing copied.
+    KSSetNextChooserAnswer(QStringList {});
+    Action(window, "saveHelpFileAction")->trigger();
+    EXPECT_EQ(revealed.size(), 2);
+    QString reason;
+    EXPECT_FALSE(KSCopyPackage(
+        packages.path() + QStringLiteral("/Missing.TWwrite"), target.path() + QStringLiteral("/x"), &reason));
+    EXPECT_TRUE(reason.contains(u"missing"));
+    EXPECT_FALSE(QFileInfo::exists(target.path() + QStringLiteral("/x")));
+    window->close();
+}
+
+TEST_F(HelpWindow, ADocumentShowsEveryCpAtItsOwnPosition)
+{
+    const QString path = QStringLiteral(TANNER_TEST_DATA_DIR "/help/Good.TWwrite");
+    ASSERT_TRUE(VLSetUpHelpEngine());
+    std::unique_ptr<VLDocument> document = VLLoadHelpDocument(path);
+    ASSERT_NE(document, nullptr);
+    const QString text = document->text().toString();
+    std::vector<std::pair<qint32, VLKnot>> knots;
+    for (std::size_t i = 0; i < document->knotCount(); ++i) {
+        qint32 cp = 0;
+        const VLKnot knot = document->knotAt(i, &cp);
+        knots.emplace_back(cp, knot);
+    }
+    QString reason;
+    std::unique_ptr<KSHelpContent> content = KSLoadHelpContent(path, &reason);
+    ASSERT_NE(content, nullptr) << reason.toStdString();
+    ASSERT_EQ(content->textLength, quint32(text.size()));
+    ASSERT_EQ(content->text->characterCount() - 1, text.size());
+    std::size_t knot = 0;
+    bool sawPicture = false;
+    for (quint32 cp = 0; cp < content->textLength; ++cp) {
+        const int position = content->map.positionForCp(cp);
+        ASSERT_EQ(content->map.cpForPosition(position), cp);
+        const QChar shown = content->text->characterAt(position);
+        const char16_t unit = text[cp].unicode();
+        if (knot < knots.size() && quint32(knots[knot].first) == cp) {
+            QTextCursor cursor(content->text.get());
+            cursor.setPosition(position + 1);
+            if (knots[knot].second.type == kKnotPic && cursor.charFormat().isImageFormat()) {
+                sawPicture = true;
+                EXPECT_EQ(shown, QChar::ObjectReplacementCharacter);
+            } else {
+                EXPECT_TRUE(shown == QChar(0x200B) || shown == QChar(0x2610) || shown == QChar(0x2611)) << cp;
+            }
+            ++knot;
+        } else if (unit == 10) {
+            EXPECT_EQ(shown, QChar::ParagraphSeparator) << cp;
+        } else {
+            EXPECT_EQ(shown, text[cp]) << cp;
+        }
+    }
+    EXPECT_TRUE(sawPicture);
+    // Chapters and their names come from the document; the first run's formatting shows.
+    ASSERT_EQ(content->chapterCps.size(), document->chapterCount());
+    EXPECT_EQ(content->chapterNames[1], document->chapterName(1));
+    QTextCursor first(content->text.get());
+    first.setPosition(content->map.positionForCp(2));
+    EXPECT_EQ(first.charFormat().fontWeight(), QFont::Bold);
+    EXPECT_EQ(first.charFormat().fontPointSize(), 14);
+
+    // The window on the file: the outline of its headings, titled by the file.
+    KSVellumaHelpWC *window = KSVellumaHelpWC::displayFileAsHelp(path);
+    ASSERT_NE(window, nullptr);
+    EXPECT_EQ(window->windowTitle(), QStringLiteral("Good — Welcome"));
+    EXPECT_EQ(KSVellumaHelpWC::displayFileAsHelp(path), window); // the same window to the front
+    EXPECT_EQ(window->topicOutline().chapterMap().size(), document->chapterCount());
+    window->jumpNextChapter();
+    EXPECT_EQ(window->selectionStart(), document->chapterCp(1));
+    window->close();
+
+    EXPECT_EQ(KSVellumaHelpWC::displayFileAsHelp(path + QStringLiteral("-missing"), &reason), nullptr);
+    EXPECT_FALSE(reason.isEmpty());
+}
+
+TEST_F(HelpWindow, TheApplicationsHelpOpensOnceAndFollowsItsLinks)
+{
+    KSVellumaHelpWC::setApplicationHelpPath(QStringLiteral(TANNER_HELP_PACKAGE));
+    KSVellumaHelpWC *window = KSVellumaHelpWC::displayHelp();
+    ASSERT_NE(window, nullptr);
+    EXPECT_TRUE(window->filePath().isEmpty());
+    const KSHelpContent &content = window->content();
+    ASSERT_FALSE(content.chapterCps.empty());
+    EXPECT_EQ(
+        window->windowTitle(), QStringLiteral("Tanner Backup Help — ") + window->topicOutline().chapterMap()[0]->name);
+    EXPECT_EQ(KSVellumaHelpWC::displayHelp(), window);
+
+    // The first link is drawn as one and leads to its bookmark's sentence, recorded for Back.
+    ASSERT_FALSE(content.linkTargets.isEmpty());
+    quint32 link = content.textLength;
+    for (auto it = content.linkTargets.cbegin(); it != content.linkTargets.cend(); ++it)
+        link = std::min(link, it.key());
+    const quint32 target = content.linkTargets.value(link);
+    QTextCursor cursor(content.text.get());
+    cursor.setPosition(content.map.positionForCp(link) + 2);
+    EXPECT_EQ(cursor.charFormat().anchorHref(), QStringLiteral("cp:%1").arg(link));
+    window->setSelection(link, link);
+    window->followLink(link);
+    EXPECT_EQ(window->currentTopic(), content.chapterAt(target));
+    EXPECT_EQ(window->selectionStart(), target);
+    EXPECT_GT(window->selectionEnd(), target);
+    window->navigate(true);
+    EXPECT_EQ(window->currentTopic(), content.chapterAt(link));
+
+    // The same bookmark through its number.
+    const auto number = std::size_t(
+        std::find(content.bookmarkCps.begin(), content.bookmarkCps.end(), target) - content.bookmarkCps.begin());
+    ASSERT_LT(number, content.bookmarkCps.size());
+    window->close();
+    KSVellumaHelpWC *again = KSVellumaHelpWC::displayHelp(int(number));
+    ASSERT_NE(again, nullptr);
+    EXPECT_EQ(again->selectionStart(), target);
+    again->close();
+}
+
+TEST(HelpWindowCommand, AFileThatCannotBeReadIsReported)
+{
+    ScopedXdgHome home;
+    const ProcessResult result = RunTanner({QStringLiteral("help"), QStringLiteral("--window"),
+                                               QStringLiteral("--file"), home.path() + QStringLiteral("/None.TWwrite")},
+        home.environment());
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_TRUE(result.err.contains("Can't read help file")) << result.err.toStdString();
+}

@@ -113,6 +113,7 @@
     X(kChooseBackupFolders, "Select one or more folders to backup")                                                    \
     X(kChooseFolderExample, "Select a folder as an example to be ignored")                                             \
     X(kChooseFileExample, "Select a file as an example to be ignored")                                                 \
+    X(kChooseHelpCopyFolder, "Select a folder in which to save a copy of the help file")                               \
     X(kChooseExtensionExample, "Select a file as an example of an extension to be ignored")                            \
     /* The command line. */                                                                                            \
     X(kUnknownCommand, "unknown command \"%1\"; try tanner-backup --help")                                             \
@@ -168,6 +169,22 @@
     X(kHelpUsage, "help takes a topic, --search WORDS, --file PATH or --check PATH [--json]")                          \
     X(kHelpCheckUsage, "usage: tanner-backup help --check PATH [--json]")                                              \
     X(kHelpEngineNotReady, "The help engine could not be set up.")                                                     \
+    X(kHelpCopyNotSaved, "The copy of the help could not be saved.")                                                   \
+    X(kHelpCopyWhyNot, "I can't save a copy of the help in \"%@\" because %@.")                                        \
+    X(kHelpCopyFolderNotCreated, "the folder \"%1\" can't be created")                                                 \
+    X(kHelpCopyLinkNotCopied, "the link \"%1\" can't be copied")                                                       \
+    X(kHelpCopyItemNotCopied, "\"%1\" can't be copied: %2")                                                            \
+    X(kHelpPackageMissing, "the help package \"%1\" is missing")                                                       \
+    X(kHelpCopyExists, "\"%1\" already exists")                                                                        \
+    X(kHelpWindowUsage, "tanner-backup: usage: tanner-backup help --window [--file PATH]")                             \
+    X(kHelpWindowCantRead, "tanner-backup: Can't read help file: %s%s")                                                \
+    X(kNoSpeechEngine,                                                                                                 \
+        "Speaking needs a speech engine, and none is installed (install speech-dispatcher or Qt's "                    \
+        "flite speech plug-in).")                                                                                      \
+    X(kSpeechEngineNotStarted,                                                                                         \
+        "Speaking needs a speech engine, and none of the installed ones (%1) could be "                                \
+        "started.")                                                                                                    \
+    X(kSpeechEngineFailed, "the speech engine failed")                                                                 \
     X(kCantReadHelpFile, "Can't read help file: %@")                                                                   \
     X(kDocumentDamaged, "The document has been damaged.")                                                              \
     X(kLaterVersion,                                                                                                   \

@@ -203,8 +203,9 @@ TEST_F(DeviceTest, FatalErrorsStopTheRun)
         mountDevice(1 << 20);
         QDir().mkpath(device(QStringLiteral("Docs")));
         WriteTree(source(), {{"a.txt", "a"}, {"b.bin", QByteArray(c.sparse ? 10 : c.bigSize, 'b')}, {"c.txt", "c"}});
-        if (c.sparse)
+        if (c.sparse) {
             ASSERT_TRUE(QFile::resize(source(QStringLiteral("b.bin")), c.bigSize));
+        }
         analyze();
         ASSERT_EQ(g_transactions.size(), 3);
         c.before();

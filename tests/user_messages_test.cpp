@@ -162,6 +162,10 @@ const QStringList kNotMessages = {
                    "%,lu property records"),
     QStringLiteral("tanner-backup: "),
     QStringLiteral(" maximized"),
+    QStringLiteral("Previous Topic"), // the help window's buttons and title
+    QStringLiteral("Next Topic"),
+    QStringLiteral("%1 Help — %2"),
+    QStringLiteral("Help Font"),
     QStringLiteral("<A HREF=\""), // the link the update check looks for in the downloads page
     QStringLiteral("Usage: tanner-backup COMMAND [ARGUMENTS]\n\nTanner Backup mirrors chosen folders onto a "
                    "backup device: every backup folder becomes a\nfolder of the same name at the top of the "

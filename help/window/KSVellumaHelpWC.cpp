@@ -3,8 +3,10 @@
 #include "help/window/KSHelpDocumentView.h"
 #include "help/window/KSHelpPackageCopy.h"
 #include "help/window/KSSpeechManager.h"
+#include "keelson/FormatString.h"
 #include "keelson/KSKernel.h"
 #include "keelson/KSUserDefaults.h"
+#include "keelson/gui/KSAlert.h"
 #include "keelson/gui/KSFileChooser.h"
 #include "keelson/gui/KSWorkspace.h"
 #include "ui_KSVellumaHelp.h"
@@ -949,8 +951,11 @@ void KSVellumaHelpWC::saveHelpFile()
         return;
     const QString target
         = KSUniqueNameInFolder(chosen.front(), g_appName + QStringLiteral(" Help"), QStringLiteral("TWwrite"));
-    if (!KSCopyPackage(source, target, nullptr)) {
-        beep();
+    QString reason;
+    if (!KSCopyPackage(source, target, &reason)) {
+        // The copy is not silent when it fails: the user chose a folder and expects a file there.
+        KSAlert::sharedInstance().giveAlertMessage(QStringLiteral("The copy of the help could not be saved."),
+            FormatString("I can't save a copy of the help in \"%@\" because %@.", chosen.front(), reason));
         return;
     }
     KSShowInFileManager(target);

@@ -3,6 +3,8 @@
 #include "keelson/KSStrings.h"
 
 #include <algorithm>
+#include <sched.h>
+#include <sys/resource.h>
 
 namespace BUAnalysis {
 
@@ -10,10 +12,12 @@ template <typename Ready>
 bool TreeReader::waitUntil(
     std::unique_lock<std::mutex> &lock, const std::atomic<bool> &cancel, Ready ready, Side side, uint64_t node)
 {
-    ++m_waiting;
+    m_waiting = true;
+    m_awaitedSide = side;
+    m_awaitedNode = node;
     while (!ready()) {
         if (cancel.load(std::memory_order_relaxed)) {
-            --m_waiting;
+            m_waiting = false;
             return false;
         }
         // A folder that no reader has begun is read here: the readers may be paused, or
@@ -30,15 +34,48 @@ bool TreeReader::waitUntil(
             std::make_heap(m_tasks.begin(), m_tasks.end(), later);
             ++m_busy;
             lock.unlock();
-            read(task);
+            read(task, false);
             lock.lock();
         } else {
             m_progress.wait_for(lock, kCancelCheck);
         }
     }
-    --m_waiting;
+    m_waiting = false;
     return true;
 }
+
+namespace {
+
+// The processors this process may run on.
+int ProcessorCount()
+{
+    cpu_set_t set;
+    if (sched_getaffinity(0, sizeof set, &set) == 0)
+        return std::max(1, CPU_COUNT(&set));
+    return std::max(1, int(std::thread::hardware_concurrency()));
+}
+
+// The time this thread has run, and how often it has given up the processor to wait.
+struct ThreadUsage {
+    std::chrono::steady_clock::time_point wall;
+    std::chrono::microseconds cpu {0};
+    long waits = 0;
+
+    static ThreadUsage now()
+    {
+        ThreadUsage usage;
+        usage.wall = std::chrono::steady_clock::now();
+        rusage r {};
+        if (getrusage(RUSAGE_THREAD, &r) == 0) {
+            usage.cpu = std::chrono::seconds(r.ru_utime.tv_sec + r.ru_stime.tv_sec)
+                + std::chrono::microseconds(r.ru_utime.tv_usec + r.ru_stime.tv_usec);
+            usage.waits = r.ru_nvcsw;
+        }
+        return usage;
+    }
+};
+
+} // namespace
 
 TreeReader::TreeReader(
     const AnalysisContext &context, FolderTree &sourceTree, FolderTree &deviceTree, uint64_t folderCount)
@@ -52,7 +89,9 @@ TreeReader::TreeReader(
     }
     for (Side side : {Source, Device})
         grow(side);
-    for (int i = 0; i < kThreads && StartHelperThread(m_threads, [this] { run(); }); ++i) { }
+    const int threads = std::min(kMaxThreads, ProcessorCount());
+    const std::lock_guard<std::mutex> lock(m_mutex); // the readers may add readers
+    for (int i = 0; i < threads && StartHelperThread(m_threads, [this] { run(); }); ++i) { }
 }
 
 TreeReader::~TreeReader()
@@ -105,15 +144,16 @@ void TreeReader::unwanted(uint64_t node)
         }
     }
     if (wasFull && m_keptFiles < kKeptFiles)
-        m_work.notify_all();
+        wakeReaders(readersToWake(0));
 }
 
 bool TreeReader::waitForAll(const std::atomic<bool> &cancel)
 {
     std::unique_lock<std::mutex> lock(m_mutex);
     m_finishing = true; // what is read now is only checked for failures: no bound
+    const int wake = readersToWake(0);
     lock.unlock();
-    m_work.notify_all();
+    wakeReaders(wake);
     lock.lock();
     return waitUntil(
         lock, cancel, [this] { return m_tasks.empty() && m_busy == 0; }, Source, kNone);
@@ -138,10 +178,40 @@ void TreeReader::release(std::unique_lock<std::mutex> &lock, const ListedFolder 
     const bool wasFull = m_keptFiles >= kKeptFiles;
     m_keptFiles -= kept(listed);
     if (wasFull && m_keptFiles < kKeptFiles) {
+        const int wake = readersToWake(0);
         lock.unlock();
-        m_work.notify_all();
+        wakeReaders(wake);
         lock.lock();
     }
+}
+
+int TreeReader::readersToWake(int takenByCaller)
+{
+    if (m_keptFiles >= kKeptFiles && !m_finishing)
+        return 0;
+    const int tasks = int(std::min<std::size_t>(m_tasks.size(), kMaxThreads)) - takenByCaller;
+    const int wake = std::max(0, std::min(m_idle - m_signaled, tasks));
+    m_signaled += wake;
+    return wake;
+}
+
+void TreeReader::wakeReaders(int count)
+{
+    for (int i = 0; i < count; ++i)
+        m_work.notify_one();
+}
+
+void TreeReader::adapt(bool blocked)
+{
+    if (blocked)
+        ++m_blocked;
+    else if (m_blocked > 0)
+        --m_blocked;
+    if (m_blocked < kBlockedToGrow || m_stop || m_idle > 0 || m_tasks.empty()
+        || m_threads.size() >= std::size_t(kMaxThreads))
+        return;
+    m_blocked = 0;
+    StartHelperThread(m_threads, [this] { run(); });
 }
 
 void TreeReader::run()
@@ -150,8 +220,13 @@ void TreeReader::run()
         Task task;
         {
             std::unique_lock<std::mutex> lock(m_mutex);
-            m_work.wait(
-                lock, [this] { return m_stop || (!m_tasks.empty() && (m_keptFiles < kKeptFiles || m_finishing)); });
+            while (!m_stop && (m_tasks.empty() || (m_keptFiles >= kKeptFiles && !m_finishing))) {
+                ++m_idle;
+                m_work.wait(lock);
+                --m_idle;
+                if (m_signaled > 0)
+                    --m_signaled; // this wake-up's, or one that finds a reader awake and a task taken
+            }
             if (m_stop)
                 return;
             std::pop_heap(m_tasks.begin(), m_tasks.end(), later);
@@ -159,11 +234,11 @@ void TreeReader::run()
             m_tasks.pop_back();
             ++m_busy;
         }
-        read(task);
+        read(task, true);
     }
 }
 
-void TreeReader::read(const Task &task)
+void TreeReader::read(const Task &task, bool byReader)
 {
     AnalysisContext context = m_context;
     BUAnalysisReport result; // this reading's own cancel flag
@@ -172,8 +247,14 @@ void TreeReader::read(const Task &task)
     std::vector<FoundFolder> subfolders;
     uint32_t otherItems = 0;
     std::vector<Task> children;
+    bool blocked = false;
     try {
+        const ThreadUsage before = ThreadUsage::now();
         _ReadFolder(context, task.path, task.side == Device, task.isBackupFolder, *listed, subfolders, &otherItems);
+        const ThreadUsage after = ThreadUsage::now();
+        // Asleep for more than half the reading: the disk kept it waiting (time taken by other
+        // threads on a busy processor is no sleep of its own, and no reason for more readers).
+        blocked = after.waits > before.waits && after.wall - before.wall > 2 * (after.cpu - before.cpu);
         // Both trees are read in about the order the comparison follows: a folder's subtree
         // before its next sibling's, siblings in the order of their names, and a mirror folder at
         // about the time of its source folder (the top level's, at its backup folder's). The
@@ -205,6 +286,8 @@ void TreeReader::read(const Task &task)
         children.clear();
     }
     std::size_t added = 0;
+    int wake = 0;
+    bool arrived = false;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         FolderTree &tree = *m_trees[task.side];
@@ -244,13 +327,16 @@ void TreeReader::read(const Task &task)
         }
         m_read[task.side][task.node] = true;
         --m_busy;
+        // A reader takes the next task itself: the others are woken for the rest.
+        wake = readersToWake(byReader ? 1 : 0);
+        arrived = byReader && m_waiting
+            && (m_awaitedNode == kNone ? m_tasks.empty() && m_busy == 0
+                                       : m_awaitedNode == task.node && m_awaitedSide == task.side);
+        adapt(blocked);
     }
-    if (added > 1)
-        m_work.notify_all();
-    else if (added == 1)
-        m_work.notify_one();
-    if (m_waiting > 0)
-        m_progress.notify_all();
+    wakeReaders(wake);
+    if (arrived)
+        m_progress.notify_one();
 }
 
 } // namespace BUAnalysis

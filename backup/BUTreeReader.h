@@ -21,10 +21,16 @@ namespace BUAnalysis {
 
 // Both folder trees, read by a pool of threads that lists every folder once: its subfolders join
 // its tree, its files are examined there and then and kept until the comparison takes them. The
-// comparison follows the source tree close behind. The disks are the wait, and a cold disk
-// answers many questions at once far faster than one after another. The files kept are bounded:
-// the readers pause when the comparison falls behind, and the comparison reads a folder that it
-// needs itself rather than wait for it.
+// comparison follows the source tree close behind. On a cold disk the disks are the wait, and they
+// answer many questions at once far faster than one after another; with the folders in the page
+// cache the processors are, and a reader more than there are processors only adds switching. So
+// the pool starts with a reader a processor and grows, up to kMaxThreads, only while the readings
+// wait on the disks (a reading that spent more than half its time asleep). The files kept are
+// bounded: the readers pause when the comparison falls behind, and the comparison reads a folder
+// that it needs itself rather than wait for it.
+//
+// Every wake-up has a task: an idle reader is woken for each folder to read, and the comparison
+// only when the folder that it waits for has been read.
 //
 // The trees grow while the comparison reads them: every access to their entries holds lock().
 class TreeReader {
@@ -56,7 +62,9 @@ public:
     bool treeFailed(Side side) const { return !m_treeFailures[side].isEmpty(); }
 
 private:
-    static constexpr int kThreads = 16;
+    static constexpr int kMaxThreads = 16;
+    // Readings that waited on the disks, more than those that did not, before one more reader.
+    static constexpr int kBlockedToGrow = 2;
     static constexpr std::size_t kKeptFiles = 8192;
     static constexpr std::chrono::milliseconds kCancelCheck {100};
     struct Task {
@@ -79,6 +87,14 @@ private:
 
     void release(std::unique_lock<std::mutex> &lock, const ListedFolder &listed);
 
+    // How many idle readers, not yet woken, have a task to take now (counted as woken); call with
+    // the lock held, then wake that many.
+    int readersToWake(int takenByCaller);
+    void wakeReaders(int count);
+    // One more reader after a reading that waited on the disks, while others wait for a reader;
+    // call with the lock held.
+    void adapt(bool blocked);
+
     template <typename Ready>
     bool waitUntil(
         std::unique_lock<std::mutex> &lock, const std::atomic<bool> &cancel, Ready ready, Side side, uint64_t node);
@@ -87,7 +103,7 @@ private:
 
     // The folder tree walk, one folder at a time: lists a folder (_ReadFolder), adds its subfolders
     // to its tree and queues them to be read in turn, keeps its files for the comparison.
-    void read(const Task &task);
+    void read(const Task &task, bool byReader);
 
     AnalysisContext m_context;
     FolderTree *m_trees[2];
@@ -97,9 +113,16 @@ private:
     std::vector<Task> m_tasks; // folders to read, a heap
     QStringList m_backupFolderNames; // the last names of the backup folders: their mirrors' names
     int m_busy = 0; // folders being read
+    int m_idle = 0; // readers waiting for a task
+    int m_signaled = 0; // of those, woken and not yet awake
+    int m_blocked = 0; // readings that waited on the disks, less those that did not (never below 0)
     std::size_t m_keptFiles = 0; // folders and files read and not yet taken
     bool m_finishing = false; // the comparison is done
-    std::atomic<int> m_waiting {0};
+    // What the comparison waits for: a folder (side and entry), the end of the reading (kNone), or
+    // nothing (m_waiting false).
+    bool m_waiting = false;
+    Side m_awaitedSide = Source;
+    uint64_t m_awaitedNode = kNone;
     std::vector<bool> m_read[2]; // by tree entry
     // By tree entry, until taken: the few thousand folders waiting, not a slot for every folder.
     std::unordered_map<uint64_t, std::unique_ptr<ListedFolder>> m_listed[2];

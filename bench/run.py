@@ -3,7 +3,8 @@
 device, in a private mount namespace, and writes the medians and ratios to docs/PERFORMANCE.md.
 
 Run as root:  bench/run.py [--runs 5] [--workloads W1,W2,W3,W4,W5] [--devices ext4,tmpfs]
-              [--scale 1.0] [--cache cold|warm] [--binary build/tanner-backup] [--tiny] [--no-write]
+              [--scale 1.0] [--cache cold,warm] [--binary build/tanner-backup]
+              [--baseline OTHER/tanner-backup] [--tiny] [--no-write]
 
 Workloads (fixed random seed; --scale shrinks the counts and sizes, keeping the shape):
   W1  200,000 files of 0 to 16 KiB in 20,000 folders, 6 levels deep: a full backup
@@ -13,9 +14,19 @@ Workloads (fixed random seed; --scale shrinks the counts and sizes, keeping the 
   W5  100,000 files in one folder: a full backup
 The source lives on an ext4 file system of its own (a loop device), as a user's files live on a
 disk; the device is a second ext4 loop device or a tmpfs. Every tool runs on the same source and
-the same freshly prepared device; the tools alternate run by run, and before every timed run the
-page cache is dropped (--cache cold) or dropped and then filled by reading both trees (--cache
-warm), the same for every tool.
+the same freshly prepared device; the tools alternate run by run. With --cache cold the page cache
+is dropped before every timed run. With --cache warm the source tree is read once before the timed
+runs and never dropped, and the freshly prepared device is read before each run (a device made
+anew from its image starts cold): the daily case, with the trees already in the page cache. Both
+states in one call (--cache cold,warm) give a table each.
+
+The peers: rsync, cp -a (full backups), and rclone sync when the rclone command is installed (the
+benchmark asks apt-get for it once, and otherwise leaves its rows out with the reason printed).
+--baseline adds a second tanner-backup, another build, to the same alternating runs.
+
+Memory: the largest process's peak RSS (from the kernel), and the peak of the PSS of all the tool's
+processes together (sampled): rsync runs as three processes that share their libraries, which a sum
+of their RSS would count three times.
 """
 import argparse
 import os
@@ -31,8 +42,9 @@ ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 SEED = 20261122
 MKFS = ["mkfs.ext4", "-q", "-F", "-i", "8192", "-E", "lazy_itable_init=0,lazy_journal_init=0"]
 
-# The targets: (workload, peer, largest tanner/peer ratio of the medians, what is compared).
-TARGETS = [
+# The targets by page cache state: (workload, peer, largest tanner/peer ratio of the medians, what
+# is compared).
+COLD_TARGETS = [
     ("W3", "rsync -n", 0.5, "wall"),
     ("W3", "stat floor", 1.5, "wall"),
     ("W1", "rsync", 0.8, "wall"),
@@ -43,6 +55,18 @@ TARGETS = [
     ("W1", "rsync", 0.5, "rss"),
     ("W3", "rsync", 0.5, "rss"),
 ]
+TARGETS = {
+    "cold": COLD_TARGETS,
+    "warm": [
+        ("W3", "rsync -n", 0.7, "wall"),
+        ("W3", "stat floor", 1.3, "wall"),
+        ("W4", "rsync", 0.7, "wall"),
+        ("W1", "rsync", 0.9, "wall"),
+        ("W1", "cp -a + sync", 1.0, "wall"),
+        ("W1", "rsync", 0.5, "rss"),
+        ("W3", "rsync", 0.5, "rss"),
+    ],
+}
 
 
 def sh(*args, check=True, **kw):
@@ -166,8 +190,9 @@ def warm(*trees):
            check=False)
 
 
-def _tree_rss_kib(pid):
-    """Resident KiB of a process's descendants (not the process itself)."""
+def _tree_pss_kib(pid):
+    """Proportional set size in KiB of a process's descendants (not the process itself): shared pages
+    counted once among the processes that share them."""
     total, stack = 0, [pid]
     while stack:
         parent = stack.pop()
@@ -184,23 +209,23 @@ def _tree_rss_kib(pid):
             for child in children:
                 stack.append(child)
                 try:
-                    with open(f"/proc/{child}/statm") as f:
-                        total += int(f.read().split()[1]) * os.sysconf("SC_PAGE_SIZE") // 1024
-                except OSError:
+                    with open(f"/proc/{child}/smaps_rollup") as f:
+                        total += next(int(l.split()[1]) for l in f if l.startswith("Pss:"))
+                except (OSError, StopIteration, ValueError):
                     pass
     return total
 
 
 def timed(cmd, env=None, ok=(0,)):
     """Runs a command under /usr/bin/time. Returns (wall seconds, peak RSS KiB of its largest
-    process, peak RSS KiB of all its processes together, sampled every 20 ms)."""
+    process, peak PSS KiB of all its processes together, sampled every 20 ms)."""
     process = subprocess.Popen(["/usr/bin/time", "-f", "TIME %e %M"] + cmd, env=env, stdout=subprocess.DEVNULL,
                                stderr=subprocess.PIPE, text=True)
     peak = [0]
 
     def sample():
         while process.poll() is None:
-            peak[0] = max(peak[0], _tree_rss_kib(process.pid))
+            peak[0] = max(peak[0], _tree_pss_kib(process.pid))
             time.sleep(0.02)
 
     sampler = threading.Thread(target=sample)
@@ -211,7 +236,7 @@ def timed(cmd, env=None, ok=(0,)):
     if process.returncode not in ok or not line:
         raise RuntimeError(f"{cmd[0]} failed ({process.returncode}): {err[-2000:]}")
     _, wall, rss = line[-1].split()
-    return float(wall), int(rss), max(int(rss), peak[0])
+    return float(wall), int(rss), peak[0]
 
 
 class Ext4:
@@ -288,6 +313,21 @@ def tanner_env(work, folder):
                 TANNER_VOLUMES_ROOT=os.path.join(work, "volumes"))
 
 
+def rclone_available():
+    """True when rclone can be run; otherwise asks apt-get for it once, and says why it is left out."""
+    if shutil.which("rclone"):
+        return True
+    if not getattr(rclone_available, "asked", False):
+        rclone_available.asked = True
+        print("rclone is not installed: asking apt-get for it", flush=True)
+        sh("apt-get", "install", "-y", "-q", "rclone", check=False, stdout=subprocess.DEVNULL,
+           env=dict(os.environ, DEBIAN_FRONTEND="noninteractive"))
+    if shutil.which("rclone"):
+        return True
+    print("rclone left out: the rclone command is not installed and apt-get could not install it", flush=True)
+    return False
+
+
 def run_workload(name, args, work, scale, device_kind):
     rng = random.Random(SEED)
     size_mib = scale.size_mib(name)
@@ -316,6 +356,12 @@ def run_workload(name, args, work, scale, device_kind):
             change_w4(folder, files, rng)
 
     tools = {"tanner": [binary, "backup", "BenchDisk"], "rsync": ["rsync", "-a", "--delete", folder + "/", target + "/"]}
+    if args.baseline:
+        tools["tanner baseline"] = [os.path.abspath(args.baseline), "backup", "BenchDisk"]
+    if rclone_available():
+        # Local to local, no configuration file: the same mirror as the others, empty folders too.
+        tools["rclone"] = ["rclone", "sync", "--create-empty-src-dirs", "--config", "/dev/null", "-q",
+                           folder + "/", target + "/"]
     if incremental:
         tools["rsync -n"] = ["rsync", "-a", "--delete", "-n", folder + "/", target + "/"]
         tools["stat floor"] = ["sh", "-c", f"find '{folder}' '{target}' -printf '%s %T@ %m\\n' > /dev/null"]
@@ -325,18 +371,25 @@ def run_workload(name, args, work, scale, device_kind):
         tools["cp -a + sync"] = ["sh", "-c", f"cp -a '{folder}' '{device.mount}/' && sync -f '{device.mount}'"]
         tools["read floor"] = ["sh", "-c", f"find '{folder}' -type f -print0 | xargs -0 -r cat > /dev/null"]
 
-    results = {tool: [] for tool in tools}
+    all_results = {}
     order = list(tools)
-    for run in range(args.runs):
-        for tool in order[run % len(order) :] + order[: run % len(order)]:
-            device.fresh()
+    for cache in args.cache.split(","):
+        results = {tool: [] for tool in tools}
+        if cache == "warm":
             drop_caches()
-            if args.cache == "warm":
-                warm(folder, device.mount)
-            results[tool].append(timed(tools[tool], env=env if tool == "tanner" else None))
+            warm(folder)
+        for run in range(args.runs):
+            for tool in order[run % len(order) :] + order[: run % len(order)]:
+                device.fresh()
+                if cache == "cold":
+                    drop_caches()
+                elif device_kind != "tmpfs":
+                    warm(device.mount)
+                results[tool].append(timed(tools[tool], env=env if tool.startswith("tanner") else None))
+        all_results[cache] = results
     device.close()
     source.close()
-    return results
+    return all_results
 
 
 def machine():
@@ -347,32 +400,40 @@ def machine():
                 model = line.split(":", 1)[1].strip()
                 break
     mem = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") / 2**30
-    rsync = subprocess.run(["rsync", "--version"], capture_output=True, text=True).stdout.split("\n")[0]
-    cp = subprocess.run(["cp", "--version"], capture_output=True, text=True).stdout.split("\n")[0]
-    return f"{os.cpu_count()} cores ({model}), {mem:.0f} GiB, Linux {os.uname().release}; {rsync}; {cp}"
+    versions = []
+    for tool in ("rsync", "cp", "rclone"):
+        if shutil.which(tool):
+            versions.append(subprocess.run([tool, "--version"], capture_output=True, text=True).stdout.split("\n")[0])
+    load = " ".join(open("/proc/loadavg").read().split()[:3])
+    return (f"{os.cpu_count()} cores ({model}), {mem:.0f} GiB, Linux {os.uname().release}; "
+            f"load average at the end {load}; {'; '.join(versions)}")
 
 
 def medians(results):
     return {t: tuple(statistics.median(r[i] for r in runs) for i in range(3)) for t, runs in results.items()}
 
 
-def report(all_results, args):
+def report(all_results, args, cache):
+    """The table of one page cache state, and the targets of that state."""
     lines = [f"Machine: {machine()}.", "",
-             f"Scale {args.scale:g}, page cache {args.cache}, {args.runs} runs per tool, medians. RSS: the largest "
-             "process's peak (from the kernel) and the peak of all the tool's processes together (sampled).", "",
-             "| workload | device | tool | wall s | RSS MiB | RSS all MiB | tanner/tool wall | tanner/tool RSS all |",
+             f"Scale {args.scale:g}, page cache {cache}, {args.runs} runs per tool, medians. Memory: the largest "
+             "process's peak RSS (from the kernel) and the peak of the PSS of all the tool's processes together "
+             "(sampled).", "",
+             "| workload | device | tool | wall s | RSS largest MiB | PSS all MiB | tanner/tool wall "
+             "| tanner/tool PSS all |",
              "|---|---|---|---|---|---|---|---|"]
-    for (name, dev), results in all_results.items():
-        med = medians(results)
+    for (name, dev), by_cache in all_results.items():
+        med = medians(by_cache[cache])
         tw, _, ta = med["tanner"]
         for tool, (wall, rss, alls) in med.items():
             ratio = "" if tool == "tanner" else f"{tw / wall:.2f}" if wall > 0 else "n/a"
-            mratio = "" if tool == "tanner" or "floor" in tool else f"{ta / alls:.2f}"
+            mratio = "" if tool == "tanner" or "floor" in tool or alls <= 0 else f"{ta / alls:.2f}"
             lines.append(f"| {name} | {dev} | {tool} | {wall:.2f} | {rss / 1024:.1f} | {alls / 1024:.1f} "
                          f"| {ratio} | {mratio} |")
     lines += ["", "| target | device | ratio | limit | met |", "|---|---|---|---|---|"]
-    for name, peer, limit, what in TARGETS:
-        for (workload, dev), results in all_results.items():
+    for name, peer, limit, what in TARGETS[cache]:
+        for (workload, dev), by_cache in all_results.items():
+            results = by_cache[cache]
             if workload != name or peer not in results:
                 continue
             med = medians(results)
@@ -389,15 +450,19 @@ def main():
     parser.add_argument("--workloads", default="W1,W2,W3,W4,W5")
     parser.add_argument("--devices", default="ext4,tmpfs")
     parser.add_argument("--scale", type=float, default=1.0, help="fraction of the full workloads (1.0)")
-    parser.add_argument("--cache", choices=("cold", "warm"), default="cold",
-                        help="page cache before every timed run: dropped, or dropped and filled with both trees")
+    parser.add_argument("--cache", default="cold",
+                        help="page cache before every timed run: cold (dropped), warm (both trees read, not "
+                        "dropped), or cold,warm for a table of each")
     parser.add_argument("--binary", default=os.path.join(ROOT, "build", "tanner-backup"))
+    parser.add_argument("--baseline", help="a second tanner-backup (another build) timed in the same runs")
     parser.add_argument("--workdir", default="/var/tmp/tanner-bench")
     parser.add_argument("--tiny", action="store_true", help="a small workload (--scale 0.01), to check that it runs")
     parser.add_argument("--no-write", action="store_true", help="print the results without writing docs/PERFORMANCE.md")
     args = parser.parse_args()
     if args.tiny:
         args.scale = min(args.scale, 0.01)
+    if not args.cache or any(c not in ("cold", "warm") for c in args.cache.split(",")):
+        parser.error("--cache takes cold, warm or cold,warm")
     enter_private_namespace()
     os.makedirs(args.workdir, exist_ok=True)
     scale = Scale(args.scale)
@@ -406,26 +471,33 @@ def main():
         for name in args.workloads.split(","):
             print(f"== {name} on {dev} ({time.strftime('%H:%M:%S')})", flush=True)
             all_results[(name, dev)] = run_workload(name, args, args.workdir, scale, dev)
-            print(report({(name, dev): all_results[(name, dev)]}, args).split("\n\n")[2], flush=True)
-    text = report(all_results, args)
-    print(text)
-    if not args.no_write and args.scale == 1.0 and args.runs >= 5:
-        path = os.path.join(ROOT, "docs", "PERFORMANCE.md")
-        old = open(path).read() if os.path.exists(path) else "# Performance\n"
-        # One section per cache state, device set and set of workloads, so that runs on each device,
-        # or of some workloads again, are kept apart.
-        some = args.workloads != parser.get_default("workloads")
-        marker = f"## Benchmark results, page cache {args.cache}, devices {args.devices}"
-        command = f"`bench/run.py --cache {args.cache} --devices {args.devices}"
-        if some:
-            marker += f", workloads {args.workloads}"
-            command += f" --workloads {args.workloads}"
-        commit = subprocess.run(["git", "-C", ROOT, "rev-parse", "--short", "HEAD"], capture_output=True, text=True)
-        head, _, rest = old.partition(marker + "\n")
-        tail = rest[rest.find("\n## ") :] if "\n## " in rest else ""
-        with open(path, "w") as f:
-            f.write(head.rstrip() + "\n\n" + marker + "\n\n" + command + "`, "
-                    f"{time.strftime('%Y-%m-%d')}, commit {commit.stdout.strip() or 'unknown'}.\n\n" + text + "\n" + tail)
+            for cache in args.cache.split(","):
+                print(report({(name, dev): all_results[(name, dev)]}, args, cache).split("\n\n")[2], flush=True)
+    for cache in args.cache.split(","):
+        text = report(all_results, args, cache)
+        print(text)
+        if not args.no_write and args.scale == 1.0 and args.runs >= 5:
+            write_section(args, parser, cache, text)
+
+
+def write_section(args, parser, cache, text):
+    """Writes one page cache state's table to docs/PERFORMANCE.md, in its own section."""
+    path = os.path.join(ROOT, "docs", "PERFORMANCE.md")
+    old = open(path).read() if os.path.exists(path) else "# Performance\n"
+    # One section per cache state, device set and set of workloads, so that runs on each device,
+    # or of some workloads again, are kept apart.
+    some = args.workloads != parser.get_default("workloads")
+    marker = f"## Benchmark results, page cache {cache}, devices {args.devices}"
+    command = f"`bench/run.py --cache {cache} --devices {args.devices}"
+    if some:
+        marker += f", workloads {args.workloads}"
+        command += f" --workloads {args.workloads}"
+    commit = subprocess.run(["git", "-C", ROOT, "rev-parse", "--short", "HEAD"], capture_output=True, text=True)
+    head, _, rest = old.partition(marker + "\n")
+    tail = rest[rest.find("\n## ") :] if "\n## " in rest else ""
+    with open(path, "w") as f:
+        f.write(head.rstrip() + "\n\n" + marker + "\n\n" + command + "`, "
+                f"{time.strftime('%Y-%m-%d')}, commit {commit.stdout.strip() or 'unknown'}.\n\n" + text + "\n" + tail)
 
 
 if __name__ == "__main__":

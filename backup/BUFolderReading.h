@@ -76,7 +76,7 @@ inline int OpenLongPath(int folderFd, const char *path, int flags)
 
 // A folder's entries in listing order, read from an open descriptor that it owns.
 // The entries are read straight into a buffer of the listing's own (getdents64) rather than
-// through a DIR, whose 32 KiB buffer comes from the heap: sixteen readers list at once, and the
+// through a DIR, whose 32 KiB buffer comes from the heap: up to sixteen readers list at once, and the
 // folders of a typical tree fit in a few kilobytes.
 class FolderListing {
 public:

@@ -348,6 +348,10 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
         return result;
     };
     const bool deviceOpen = device.open(m_targetName, nullptr);
+    if (deviceOpen && device.backupIsRunning()) {
+        result.error = FormatString("Another backup of the device \"%@\" is running.", m_targetName);
+        return result;
+    }
 
     // The source tree: a "/" root, then the backup folders in list order.
     const uint64_t folderCount = uint64_t(m_backupFolders.size());

@@ -19,9 +19,11 @@
 #include <deque>
 #include <fcntl.h>
 #include <limits>
+#include <linux/openat2.h>
 #include <mutex>
 #include <numeric>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -41,9 +43,8 @@ struct Descriptor {
     }
 };
 
-// The last few folders that copies went into, kept open: the files of one folder come one after
-// the other in the list, and each would otherwise resolve its whole path again. Emptied whenever
-// something is deleted, so that nothing is ever written into a folder that a deletion removed.
+// The last few source folders that copies read from, kept open: the files of one folder come one
+// after the other in the list, and each would otherwise resolve its whole path again.
 class FolderCache {
 public:
     FolderCache() = default;
@@ -223,8 +224,9 @@ public:
     DeviceWriteBack(const DeviceWriteBack &) = delete;
     DeviceWriteBack &operator=(const DeviceWriteBack &) = delete;
 
-    // A file of this size was written; small files count for a block and their metadata.
-    void wrote(double bytes)
+    // A file of this size was written by the transaction at row; small files count for a block
+    // and their metadata.
+    void wrote(double bytes, qsizetype row)
     {
         m_pending += std::max(bytes, double(kPerFile));
         if (m_fd < 0 || m_pending < kBatch)
@@ -234,9 +236,17 @@ public:
             if (m_busy)
                 return; // the next batch starts when this one is on the device
             m_busy = true;
+            m_batchEnd = row + 1;
         }
         m_pending = 0;
         m_wake.notify_one();
+    }
+    // The transactions before this row are on the device: a batch that ended after them was
+    // written back without an error, and none came before it.
+    qsizetype durableRows()
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_durable;
     }
 
 private:
@@ -250,9 +260,15 @@ private:
             m_wake.wait(lock, [this] { return m_stop || m_busy; });
             if (m_stop)
                 return;
+            const qsizetype end = m_batchEnd;
             lock.unlock();
-            ::syncfs(m_fd); // errors are the closing syncfs's to report
+            // The errors are the closing syncfs's to report; this one only says how far the
+            // device is known to hold what was written.
+            const bool written = ::syncfs(m_fd) == 0;
             lock.lock();
+            m_failed = m_failed || !written;
+            if (!m_failed)
+                m_durable = end;
             m_busy = false;
         }
     }
@@ -263,8 +279,49 @@ private:
     std::condition_variable m_wake;
     bool m_busy = false;
     bool m_stop = false;
+    bool m_failed = false;
+    qsizetype m_batchEnd = 0;
+    qsizetype m_durable = 0;
     std::thread m_thread;
 };
+
+// Opens a source folder below the folder `root` holds (the parent of its backup folder): the backup
+// folder by its path, the rest without following a link.
+int _OpenSourceFolder(const QByteArray &path, const QString &root)
+{
+    QByteArray prefix = FileNameToBytes(root);
+    while (prefix.endsWith('/'))
+        prefix.chop(1);
+    if (path == prefix || (prefix.isEmpty() && path == "/"))
+        return ::open(path.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (root.isEmpty() || !path.startsWith(prefix + '/') || path.size() <= prefix.size() + 1) {
+        errno = EINVAL;
+        return -1;
+    }
+    const qsizetype slash = path.indexOf('/', prefix.size() + 1);
+    const QByteArray folder = slash < 0 ? path : path.left(slash);
+    const int fd = ::open(folder.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0 || slash < 0)
+        return fd;
+    open_how how = {};
+    how.flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    long below = -1;
+    // EAGAIN: a rename raced with the lookup; the kernel asks for a retry.
+    for (int attempt = 0; attempt < 8 && (attempt == 0 || errno == EAGAIN); ++attempt)
+        below = ::syscall(SYS_openat2, fd, path.constData() + slash + 1, &how, sizeof how);
+    const int saved = errno;
+    ::close(fd);
+    errno = saved;
+    return int(below);
+}
+
+// A path that reaches an item through the open folder holding it, without resolving the
+// folder's path again: the kernel takes the descriptor's folder itself.
+QByteArray _PathThrough(int folderFd, const QByteArray &name)
+{
+    return "/proc/self/fd/" + QByteArray::number(folderFd) + '/' + name;
+}
 
 struct BackupRun;
 // The device path of a transaction's item relative to the device root; null when it has none.
@@ -287,34 +344,40 @@ struct BackupRun {
     const QStringList *backupFolders;
     TouchedFolders touchedFolders; // the device folders whose contents or attributes changed
     QString lastTouched; // the last folder a copy touched: the next file's is usually the same
-    FolderCache deviceFolders; // by path relative to the device root
+    int deviceFolder = -1; // the folder of the current transaction's item
     FolderCache sourceFolders; // by absolute path
 
-    // The folder holding a device path's last component, and that component; the descriptor
-    // belongs to the cache.
+    ~BackupRun()
+    {
+        if (deviceFolder >= 0)
+            ::close(deviceFolder);
+    }
+
+    // The folder holding a device path's last component, and that component; the descriptor is
+    // the run's until the next call. Resolved again for every item: a folder kept open from one
+    // copy to the next may have been moved out of the device since (through another mount of its
+    // file system), and nothing may land there.
     int deviceParent(const QString &relative, QByteArray *name, bool caseFallback, BUError *error)
     {
-        const QByteArray bytes = FileNameToBytes(relative);
-        const qsizetype slash = bytes.lastIndexOf('/');
-        const QByteArray key = slash < 0 ? QByteArray() : bytes.left(slash);
-        *name = bytes.mid(slash + 1);
-        const int held = deviceFolders.find(key, caseFallback);
-        if (held >= 0)
-            return held;
-        QByteArray ignored;
-        return deviceFolders.keep(key, caseFallback, device.openParent(relative, &ignored, caseFallback, error));
+        if (deviceFolder >= 0)
+            ::close(deviceFolder);
+        deviceFolder = device.openParent(relative, name, caseFallback, error);
+        return deviceFolder;
     }
-    // The source folder holding an absolute path's last component (reached as open() would reach
-    // it), and that component; -1 with errno on failure.
-    int sourceParent(const QByteArray &path, QByteArray *name)
+    // The source folder holding a source item's last component, and that component; -1 with
+    // errno on failure. The backup folder is reached as the user chose it (perhaps through a
+    // link); nothing below it is a link followed, so an item swapped for one since the analysis
+    // leads nowhere else.
+    int sourceParent(const BUTransaction &transaction, QByteArray *name)
     {
+        const QByteArray path = FileNameToBytes(transaction.path());
         const qsizetype slash = path.lastIndexOf('/');
         const QByteArray key = slash <= 0 ? QByteArrayLiteral("/") : path.left(slash);
         *name = path.mid(slash + 1);
         const int held = sourceFolders.find(key, false);
         if (held >= 0)
             return held;
-        return sourceFolders.keep(key, false, ::open(key.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        return sourceFolders.keep(key, false, _OpenSourceFolder(key, transaction.rootPath()));
     }
 };
 
@@ -411,19 +474,14 @@ void _SetFullPermissionsAt(int parentFd, const QByteArray &name, const QString &
     }
 }
 
-void _SetFullPermissions(BackupRun &run, const QString &devicePath, bool inside, bool caseFallback)
-{
-    const QString relative = run.device.relativePath(devicePath);
-    if (relative.isNull())
-        return;
-    QByteArray name;
-    const Descriptor parent {run.device.openParent(relative, &name, caseFallback, nullptr)};
-    _SetFullPermissionsAt(parent.fd, name, devicePath, inside);
-}
-
 // Gives the device copy of a transaction's source item the source's attributes; the text is ""
 // or the reason it failed.
-QString _UpdateItem(BackupRun &run, const BUTransaction &transaction)
+QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fatal, bool replace = false);
+
+// Gives the device copy of a transaction's source item the source's attributes; the text is ""
+// or the reason it failed. A file that has other names (hard links, perhaps outside the device)
+// is replaced by a fresh copy instead: a change to it would show through every name.
+QString _UpdateItem(BackupRun &run, const BUTransaction &transaction, QString *fatal)
 {
     QString text;
     const QString devicePath = _TargetFilePath(transaction, run.device.path(), &text);
@@ -431,7 +489,11 @@ QString _UpdateItem(BackupRun &run, const BUTransaction &transaction)
         return text;
     BUItemAttributes attributes;
     BUError error;
-    if (!ReadItemAttributesAtPath(FileNameToBytes(transaction.path()), &attributes, &error))
+    QByteArray sourceName;
+    const int sourceFd = run.sourceParent(transaction, &sourceName);
+    if (sourceFd < 0)
+        return _ErrorStringFromError(run, BUError::sourceRead(errno), QString());
+    if (!ReadItemAttributesAtPath(_PathThrough(sourceFd, sourceName), &attributes, &error))
         return _ErrorStringFromError(run, error, QString());
     const QString relative = run.device.relativePath(devicePath);
     QByteArray name;
@@ -441,16 +503,22 @@ QString _UpdateItem(BackupRun &run, const BUTransaction &transaction)
     // The analysis matched names without regard to case: the device item may be spelled
     // differently from the source.
     struct stat status;
-    if (::fstatat(parentFd, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT) {
+    bool found = ::fstatat(parentFd, name.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (!found && errno == ENOENT) {
         const QByteArray listed = NameIgnoringCase(parentFd, name, transaction.isFolder());
-        if (!listed.isEmpty())
+        if (!listed.isEmpty()) {
             name = listed;
+            found = ::fstatat(parentFd, name.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+        }
+    }
+    if (found && !transaction.isFolder() && S_ISREG(status.st_mode) && status.st_nlink > 1) {
+        const QString copied = _CopyFile(run, transaction, fatal, true);
+        return copied;
     }
     // Only the item itself: the modes of what is inside a folder are its own attributes, and a
     // pass over them would leave every copy inside with modes that differ from the sources.
     _SetFullPermissionsAt(parentFd, name, devicePath, false);
-    const Descriptor item {
-        ::openat(parentFd, name.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
+    const Descriptor item {OpenItemAt(parentFd, name.constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY)};
     if (item.fd < 0)
         return _ErrorStringFromError(run, BUError::deviceWrite(errno), devicePath);
     uint32_t extraMode = 0;
@@ -477,33 +545,43 @@ QString _CopyFolder(BackupRun &run, const BUTransaction &transaction, QString *f
     BUError error;
     QByteArray name;
     const int parentFd = run.deviceParent(relative, &name, true, &error);
-    if (parentFd >= 0 && ::mkdirat(parentFd, name.constData(), 0777) == 0) {
+    bool made = parentFd >= 0 && ::mkdirat(parentFd, name.constData(), 0777) == 0;
+    if (!made && parentFd >= 0 && errno == EEXIST) {
+        // A link, a FIFO or a device node where the source has a folder goes, as it would where
+        // a file belongs; a folder made there since the analysis is used as it is.
+        struct stat status;
+        if (::fstatat(parentFd, name.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode))
+            return _UpdateItem(run, transaction, fatal);
+        made = RemoveItemAt(parentFd, name.constData(), &error) && ::mkdirat(parentFd, name.constData(), 0777) == 0;
+        if (!made && error.isError() && CocoaDomainErrorCode(error) != kNoSuchFileError)
+            errno = error.code;
+    }
+    if (made) {
         _TouchFolder(run, _ParentOf(relative), true);
-        _UpdateItem(run, transaction);
-        return QString();
+        return _UpdateItem(run, transaction, fatal);
     }
     error = BUError::deviceWrite(parentFd >= 0 ? errno : error.code);
     const QString text = _ErrorStringFromError(run, error, devicePath);
-    *fatal = FormatString("%@\n\nThe folder \"%@\" could not be created.", text, devicePath);
+    // Another file system in the way stops only what would go into it.
+    if (error.failureReason != BUError::otherFileSystem().failureReason)
+        *fatal = FormatString("%@\n\nThe folder \"%@\" could not be created.", text, devicePath);
     return text;
 }
 
 // Removes what is at the name before a copy takes it, which frees its space before the new data
-// arrives; it and all it holds get write access and lose the immutable flags. Where there is none
-// nothing is removed: Linux refuses even that on a read-only file system. False, with the error,
-// when something is there and stays.
-bool _RemoveOldCopy(int parentFd, const QByteArray &name, const QString &devicePath, BUError *error)
+// arrives. Where there is none nothing is removed: Linux refuses even that on a read-only file
+// system. False, with the error, when something is there and stays.
+bool _RemoveOldCopy(int parentFd, const QByteArray &name, BUError *error)
 {
     struct stat old;
     if (::fstatat(parentFd, name.constData(), &old, AT_SYMLINK_NOFOLLOW) != 0) {
         *error = BUError::posix(errno);
         return CocoaDomainErrorCode(*error) == kNoSuchFileError;
     }
-    _SetFullPermissionsAt(parentFd, name, devicePath, true);
     return RemoveItemAt(parentFd, name.constData(), error) || CocoaDomainErrorCode(*error) == kNoSuchFileError;
 }
 
-QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fatal)
+QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fatal, bool replace)
 {
     const QString devicePath = _TargetFilePath(transaction, run.device.path(), nullptr);
     if (devicePath.isEmpty())
@@ -516,11 +594,11 @@ QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fat
         return _ErrorStringFromError(run, error, devicePath);
     if (parentFd >= 0) {
         BUError removeError;
-        if (transaction.replacesItem() && !_RemoveOldCopy(parentFd, name, devicePath, &removeError))
+        if ((replace || transaction.replacesItem()) && !_RemoveOldCopy(parentFd, name, &removeError))
             return _ErrorStringFromError(run, removeError, devicePath);
-        for (bool removedOld = transaction.replacesItem();; removedOld = true) {
+        for (bool removedOld = replace || transaction.replacesItem();; removedOld = true) {
             QByteArray sourceName;
-            const int sourceFd = run.sourceParent(FileNameToBytes(transaction.path()), &sourceName);
+            const int sourceFd = run.sourceParent(transaction, &sourceName);
             if (sourceFd < 0) {
                 error = BUError::sourceRead(errno);
                 break;
@@ -533,7 +611,7 @@ QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fat
             // an old copy does. The copy never replaces anything on its own.
             if (removedOld || CocoaDomainErrorCode(error) != kFileExistsError)
                 break;
-            if (!_RemoveOldCopy(parentFd, name, devicePath, &removeError))
+            if (!_RemoveOldCopy(parentFd, name, &removeError))
                 return _ErrorStringFromError(run, removeError, devicePath);
         }
     } else {
@@ -574,9 +652,6 @@ QString _DeleteItem(BackupRun &run, const BUTransaction &transaction)
     const QString relative = run.device.relativePath(transaction.path());
     if (relative.isNull())
         return kInternalError;
-    // A folder that a copy still holds open may be the one that goes.
-    run.deviceFolders.clear();
-    _SetFullPermissions(run, transaction.path(), true, false);
     QByteArray name;
     BUError error;
     const Descriptor parent {run.device.openParent(relative, &name, false, &error)};
@@ -590,13 +665,16 @@ QString _DeleteItem(BackupRun &run, const BUTransaction &transaction)
 // component is the mirror's exact name at the top of the device, then each further component as
 // the device spells it or, where the source has no such folder, as the analysis matched it:
 // without regard to case, the first listed winning.
-QString _SourceOfMirror(const BackupRun &run, const QString &relative)
+QString _SourceOfMirror(const BackupRun &run, const QString &relative, QString *root)
 {
     const QStringList components = relative.split(u'/');
     QByteArray path;
     for (const QString &folder : *run.backupFolders) {
         if (LastPathComponent(folder) == components[0]) {
             path = FileNameToBytes(folder);
+            *root = _ParentOf(folder);
+            if (root->isEmpty())
+                *root = QStringLiteral("/");
             break;
         }
     }
@@ -630,17 +708,17 @@ void _RestoreFolderAttributes(BackupRun &run)
         folders.begin(), folders.end(), [&depths](uint32_t a, uint32_t b) { return depths[a] > depths[b]; });
     depths = {};
     for (const uint32_t index : folders) {
-        const QString sourceRoot
-            = touched.rootKnown(index) ? run.transactions.at(touched.row(index)).rootPath() : QString();
+        QString sourceRoot = touched.rootKnown(index) ? run.transactions.at(touched.row(index)).rootPath() : QString();
         const QString relative = touched.path(index);
-        const QString source = sourceRoot.isNull() ? _SourceOfMirror(run, relative)
+        const QString source = sourceRoot.isNull() ? _SourceOfMirror(run, relative, &sourceRoot)
             : sourceRoot.endsWith(u'/')            ? sourceRoot + relative
                                                    : sourceRoot + u'/' + relative;
-        const QByteArray sourceBytes = FileNameToBytes(source);
+        if (source.isEmpty())
+            continue;
+        // Reached as the copies reached their sources: no link below the backup folder followed.
+        const Descriptor sourceFolder {_OpenSourceFolder(FileNameToBytes(source), sourceRoot)};
         BUItemAttributes attributes;
-        struct stat status;
-        if (source.isEmpty() || ::lstat(sourceBytes.constData(), &status) != 0 || !S_ISDIR(status.st_mode)
-            || !ReadItemAttributesAtPath(sourceBytes, &attributes, nullptr))
+        if (sourceFolder.fd < 0 || !ReadItemAttributesAtPath(_PathThrough(sourceFolder.fd, "."), &attributes, nullptr))
             continue;
         const Descriptor fd {run.device.openFolder(relative, true, nullptr)};
         BUError error;
@@ -668,6 +746,15 @@ bool BUBackupOperation::performOperation()
     BackupRun run(m_transactions);
     run.backupFolders = &m_backupFolders;
     run.device.open(m_targetName, nullptr); // a failure shows as an ejected device below
+    // One backup of a device at a time, whichever window or command started it: two would race
+    // for the same names.
+    if (run.device.fd() >= 0 && !run.device.lockForBackup()) {
+        BUBackupCompleteReport refused;
+        refused.target = m_targetName;
+        refused.error = FormatString("Another backup of the device \"%@\" is running.", m_targetName);
+        PostToReceiver(m_controller, [refused](BUEngineReceiver *r) { r->backupComplete(refused); });
+        return true;
+    }
 
     BUBackupStatusReport status;
     int batchCount = 0;
@@ -708,6 +795,7 @@ bool BUBackupOperation::performOperation()
             flush();
     };
 
+    std::vector<uint32_t> done; // the rows reported done, in order
     SourcePrefetcher prefetcher(m_transactions);
     DeviceWriteBack writeBack(run.device.fd());
     for (qsizetype i = 0; i < m_transactions.size(); ++i) {
@@ -740,7 +828,7 @@ bool BUBackupOperation::performOperation()
         lastWasFileCopy = false;
         switch (transaction.action()) {
         case BUTransaction::kUpdate:
-            text = _UpdateItem(run, transaction);
+            text = _UpdateItem(run, transaction, &fatal);
             break;
         case BUTransaction::kDelete:
             text = _DeleteItem(run, transaction);
@@ -751,12 +839,14 @@ bool BUBackupOperation::performOperation()
             } else {
                 text = _CopyFile(run, transaction, &fatal);
                 status.copied += transaction.fileSize();
-                writeBack.wrote(transaction.fileSize());
+                writeBack.wrote(transaction.fileSize(), i);
                 lastWasFileCopy = true;
             }
             break;
         }
         status.trans.insert(i, text);
+        if (text.isEmpty())
+            done.push_back(uint32_t(i));
         ++batchCount;
     }
     if (!status.trans.isEmpty())
@@ -765,10 +855,20 @@ bool BUBackupOperation::performOperation()
 
     if (run.device.fd() >= 0 && run.device.isStillMounted()) {
         _RestoreFolderAttributes(run);
-        // Everything on the device before the run counts as done.
-        if (::syncfs(run.device.fd()) != 0 && fatal.isEmpty())
-            fatal = FormatString(
-                "%@.\n\nThe data could not be written to the device \"%@\".", SystemErrorText(errno), m_targetName);
+        // What the device does not hold once it is flushed is not done: every transaction
+        // reported done since the last batch known to be written back fails with the reason.
+        if (::syncfs(run.device.fd()) != 0) {
+            const QString reason = SystemErrorText(errno);
+            if (fatal.isEmpty())
+                fatal
+                    = FormatString("%@.\n\nThe data could not be written to the device \"%@\".", reason, m_targetName);
+            const qsizetype durable = writeBack.durableRows();
+            BUBackupStatusReport unwritten;
+            for (auto row = std::lower_bound(done.cbegin(), done.cend(), uint32_t(durable)); row != done.cend(); ++row)
+                unwritten.trans.insert(*row, reason);
+            if (!unwritten.trans.isEmpty())
+                PostToReceiver(m_controller, [unwritten](BUEngineReceiver *r) { r->backupStatus(unwritten); });
+        }
     }
 
     BUBackupCompleteReport complete;

@@ -264,8 +264,8 @@ bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, in
         }
     }
 
-    // The size read at the start is what is copied, with the times read at the start: a file
-    // that grows meanwhile is newer than its copy and is copied again by the next backup.
+    // The size read at the start is what is copied, with the times read at the start; the source
+    // is checked against them at the end.
     bool streaming = status.st_size >= kWindowSize;
     int64_t written = 0, windowStart = 0, previousStart = -1;
     while (written < status.st_size) {
@@ -308,8 +308,17 @@ bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, in
         if (written > start && !waitForWriteBack(out, in, start, written - start, &streaming, error))
             return discard();
     }
-    if (reserved && written < status.st_size && ::ftruncate(out, written) != 0) {
-        *error = _WriteError(errno); // the source shrank: drop the reserved tail
+    // A file written to while it was read gives a copy that is neither its old nor its new
+    // content, and whose times could pass it as up to date: it is not kept.
+    struct stat after;
+    if (::fstat(in, &after) != 0) {
+        *error = _ReadError(errno);
+        return discard();
+    }
+    if (written != status.st_size || after.st_size != status.st_size || after.st_mtim.tv_sec != status.st_mtim.tv_sec
+        || after.st_mtim.tv_nsec != status.st_mtim.tv_nsec || after.st_ctim.tv_sec != status.st_ctim.tv_sec
+        || after.st_ctim.tv_nsec != status.st_ctim.tv_nsec) {
+        *error = BUError::sourceChanged();
         return discard();
     }
     BUError attributeError;

@@ -12,6 +12,7 @@
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/sysmacros.h>
+#include <sys/xattr.h>
 #include <thread>
 
 using namespace tanner::test;
@@ -355,4 +356,66 @@ TEST_F(DeviceTest, OneBackupOfADeviceAtATime)
     ASSERT_TRUE(receiver.complete.has_value());
     EXPECT_FALSE(receiver.complete->error.has_value());
     EXPECT_EQ(ReadTree(device(QStringLiteral("Docs"))), (Tree {{"a.txt", "a"}}));
+}
+
+// A sparse file keeps its holes on the device: a 600 MiB file holding 32 KiB fits a 64 MiB
+// device, byte for byte.
+TEST_F(DeviceTest, ASparseFileIsCopiedWithItsHoles)
+{
+    mountDevice(64 << 20);
+    const QByteArray path = Bytes(source(QStringLiteral("disk.img")));
+    const int fd = ::open(path.constData(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ASSERT_GE(fd, 0);
+    const QByteArray data(16 << 10, 'd');
+    ASSERT_EQ(::pwrite(fd, data.constData(), std::size_t(data.size()), 0), data.size());
+    ASSERT_EQ(::pwrite(fd, data.constData(), std::size_t(data.size()), off_t(300) << 20), data.size());
+    ASSERT_EQ(::ftruncate(fd, off_t(600) << 20), 0);
+    ::close(fd);
+    QDir().mkpath(device(QStringLiteral("Docs")));
+    analyze();
+    ASSERT_EQ(transactionLines(), QStringList {"Copy file Docs/disk.img"});
+    RecordingReceiver receiver;
+    backup(receiver);
+    ASSERT_TRUE(receiver.complete.has_value());
+    EXPECT_FALSE(receiver.complete->error.has_value()) << receiver.complete->error->toStdString();
+    EXPECT_EQ(g_failedTransactions, 0);
+
+    struct stat status = {};
+    ASSERT_EQ(::stat(Bytes(device(QStringLiteral("Docs/disk.img"))).constData(), &status), 0);
+    EXPECT_EQ(status.st_size, off_t(600) << 20);
+    EXPECT_LE(status.st_blocks * 512, 1 << 20) << "the holes stay holes";
+    QFile copy(device(QStringLiteral("Docs/disk.img"))), original(FileNameFromBytes(path));
+    ASSERT_TRUE(copy.open(QIODevice::ReadOnly) && original.open(QIODevice::ReadOnly));
+    while (!original.atEnd())
+        ASSERT_EQ(copy.read(8 << 20), original.read(8 << 20)) << "at " << original.pos();
+    EXPECT_TRUE(copy.atEnd());
+}
+
+// An extended attribute bigger than the device's file system keeps beside a file fails that one
+// file, in words that name the attribute; the run goes on.
+TEST_F(DeviceTest, AnAttributeTheDeviceCannotHoldFailsItsItemAlone)
+{
+    ASSERT_TRUE(MountTmpfs(source()));
+    m_mounted.prepend(source());
+    WriteTree(source(), {{"big.txt", "b"}, {"plain.txt", "p"}});
+    const QByteArray value(20 << 10, 'v');
+    ASSERT_EQ(::lsetxattr(Bytes(source(QStringLiteral("big.txt"))).constData(), "user.big", value.constData(),
+                  std::size_t(value.size()), 0),
+        0);
+    if (!MountExt4Image(m_sources.path() + QStringLiteral("/disk.img"), 32, device()))
+        GTEST_SKIP() << "no loop device for an ext4 image";
+    m_mounted.prepend(device());
+    ::rmdir(Bytes(device(QStringLiteral("lost+found"))).constData());
+    QDir().mkpath(device(QStringLiteral("Docs")));
+    analyze();
+    const QStringList lines = transactionLines();
+    ASSERT_EQ(lines, (QStringList {"Copy file Docs/big.txt", "Copy file Docs/plain.txt"}));
+    RecordingReceiver receiver;
+    backup(receiver);
+    ASSERT_TRUE(receiver.complete.has_value());
+    EXPECT_FALSE(receiver.complete->error.has_value()) << receiver.complete->error->toStdString();
+    const QMap<QString, QString> failures = Outcomes(lines).failures;
+    ASSERT_EQ(failures.keys(), QStringList {"Copy file Docs/big.txt"});
+    EXPECT_TRUE(failures.first().contains(QStringLiteral("\"user.big\""))) << failures.first().toStdString();
+    EXPECT_EQ(ReadTree(device(QStringLiteral("Docs"))), (Tree {{"plain.txt", "p"}}));
 }

@@ -345,6 +345,8 @@ struct BackupRun {
     TouchedFolders touchedFolders; // the device folders whose contents or attributes changed
     QString lastTouched; // the last folder a copy touched: the next file's is usually the same
     int deviceFolder = -1; // the folder of the current transaction's item
+    QStringList marked; // mirror folders holding the mark of this run
+    QStringList interrupted; // mirror folders that a killed run left marked
     FolderCache sourceFolders; // by absolute path
 
     ~BackupRun()
@@ -534,6 +536,8 @@ QString _UpdateItem(BackupRun &run, const BUTransaction &transaction, QString *f
     return QString();
 }
 
+void _MarkMirror(BackupRun &run, int rootFd, const QString &mirror);
+
 QString _CopyFolder(BackupRun &run, const BUTransaction &transaction, QString *fatal)
 {
     const QString devicePath = _TargetFilePath(transaction, run.device.path(), nullptr);
@@ -558,6 +562,8 @@ QString _CopyFolder(BackupRun &run, const BUTransaction &transaction, QString *f
     }
     if (made) {
         _TouchFolder(run, _ParentOf(relative), true);
+        if (!relative.contains(u'/'))
+            _MarkMirror(run, parentFd, relative); // a new mirror
         return _UpdateItem(run, transaction, fatal);
     }
     error = BUError::deviceWrite(parentFd >= 0 ? errno : error.code);
@@ -652,6 +658,13 @@ QString _DeleteItem(BackupRun &run, const BUTransaction &transaction)
     const QString relative = run.device.relativePath(transaction.path());
     if (relative.isNull())
         return kInternalError;
+    // The mark a killed run left: this run's own mark has taken its place, and the mirror's
+    // folders get their attributes back at the end.
+    const qsizetype slash = relative.indexOf(u'/');
+    if (slash > 0 && relative.mid(slash + 1) == QLatin1String(kRunMarkName)) {
+        run.interrupted.append(relative.left(slash));
+        return QString();
+    }
     QByteArray name;
     BUError error;
     const Descriptor parent {run.device.openParent(relative, &name, false, &error)};
@@ -690,6 +703,71 @@ QString _SourceOfMirror(const BackupRun &run, const QString &relative, QString *
         path += '/' + name;
     }
     return FileNameFromBytes(path);
+}
+
+// The backup folder a mirror at the top of the device stands for; null when none.
+QString _BackupFolderOf(const BackupRun &run, const QString &mirror)
+{
+    for (const QString &folder : *run.backupFolders) {
+        if (LastPathComponent(folder) == mirror)
+            return folder;
+    }
+    return QString();
+}
+
+// Puts the mark of a run in progress into the mirror folder of that name in the device root.
+void _MarkMirror(BackupRun &run, int rootFd, const QString &mirror)
+{
+    const Descriptor fd {OpenItemAt(rootFd, FileNameToBytes(mirror).constData(), O_RDONLY | O_DIRECTORY)};
+    const Descriptor mark {
+        fd.fd < 0 ? -1 : ::openat(fd.fd, kRunMarkName, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600)};
+    if (mark.fd >= 0 && !run.marked.contains(mirror))
+        run.marked.append(mirror);
+}
+
+// Marks every mirror folder there is before anything changes; a mirror the run makes is marked as
+// it is made.
+void _MarkRun(BackupRun &run)
+{
+    for (const QString &folder : *run.backupFolders)
+        _MarkMirror(run, run.device.fd(), LastPathComponent(folder));
+}
+
+// After a killed run: every folder of its mirrors gets its source's attributes. Then the marks of
+// this run go, and each mirror folder gets its own attributes last.
+void _UnmarkRun(BackupRun &run)
+{
+    auto sourceAttributes = [](const QString &folder, const QByteArray &below, BUItemAttributes *attributes) {
+        QString root = _ParentOf(folder);
+        if (root.isEmpty())
+            root = QStringLiteral("/");
+        const QByteArray path = below.isEmpty() ? FileNameToBytes(folder) : FileNameToBytes(folder) + '/' + below;
+        const Descriptor source {_OpenSourceFolder(path, root)};
+        return source.fd >= 0 && ReadItemAttributesAtPath(_PathThrough(source.fd, "."), attributes, nullptr);
+    };
+    for (const QString &mirror : std::as_const(run.interrupted)) {
+        const QString folder = _BackupFolderOf(run, mirror);
+        const Descriptor fd {folder.isNull() ? -1 : run.device.openFolder(mirror, false, nullptr)};
+        if (fd.fd >= 0) {
+            RestoreMirrorTree(
+                fd.fd,
+                [&](const QByteArray &below, BUItemAttributes *attributes) {
+                    return sourceAttributes(folder, below, attributes);
+                },
+                run.device.kind());
+        }
+    }
+    for (const QString &mirror : std::as_const(run.marked)) {
+        const QString folder = _BackupFolderOf(run, mirror);
+        const Descriptor fd {run.device.openFolder(mirror, false, nullptr)};
+        if (fd.fd < 0 || ::unlinkat(fd.fd, kRunMarkName, 0) != 0)
+            continue;
+        BUItemAttributes attributes;
+        BUError error;
+        if (sourceAttributes(folder, QByteArray(), &attributes)
+            && !WriteItemAttributes(fd.fd, attributes, run.device.kind(), 0, &error))
+            LogString("Can't set the attributes of %@. %@", run.device.path() + u'/' + mirror, error.failureReason);
+    }
 }
 
 // Gives every folder the run changed its source's mode and times, as the last step: creating and
@@ -755,6 +833,7 @@ bool BUBackupOperation::performOperation()
         PostToReceiver(m_controller, [refused](BUEngineReceiver *r) { r->backupComplete(refused); });
         return true;
     }
+    _MarkRun(run);
 
     BUBackupStatusReport status;
     int batchCount = 0;
@@ -855,6 +934,7 @@ bool BUBackupOperation::performOperation()
 
     if (run.device.fd() >= 0 && run.device.isStillMounted()) {
         _RestoreFolderAttributes(run);
+        _UnmarkRun(run);
         // What the device does not hold once it is flushed is not done: every transaction
         // reported done since the last batch known to be written back fails with the reason.
         if (::syncfs(run.device.fd()) != 0) {

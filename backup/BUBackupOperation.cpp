@@ -411,6 +411,18 @@ void _TouchParentOfFile(BackupRun &run, const QString &relative)
     _TouchFolder(run, run.lastTouched, true);
 }
 
+// Gives the owner write access to a device folder the current transaction is about to change (the
+// mirror of a read-only source folder, for a user who is not root); the folder is recorded as
+// changed, so the end of the run gives it its source's mode back.
+void _OpenUpForChange(BackupRun &run, int folderFd, const QString &relative)
+{
+    struct stat status;
+    if (folderFd < 0 || RunningAsRoot() || ::fstat(folderFd, &status) != 0 || (status.st_mode & S_IRWXU) == S_IRWXU)
+        return;
+    if (::fchmod(folderFd, (status.st_mode & 07777) | S_IRWXU) == 0)
+        _TouchFolder(run, _ParentOf(relative), true);
+}
+
 QString _ErrorForUnmountedVolume(BackupRun &run, const QString &path)
 {
     // The volume name is the first component below the volumes root.
@@ -549,6 +561,7 @@ QString _CopyFolder(BackupRun &run, const BUTransaction &transaction, QString *f
     BUError error;
     QByteArray name;
     const int parentFd = run.deviceParent(relative, &name, true, &error);
+    _OpenUpForChange(run, parentFd, relative);
     bool made = parentFd >= 0 && ::mkdirat(parentFd, name.constData(), 0777) == 0;
     if (!made && parentFd >= 0 && errno == EEXIST) {
         // A link, a FIFO or a device node where the source has a folder goes, as it would where
@@ -599,6 +612,7 @@ QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fat
     if (parentFd < 0 && CocoaDomainErrorCode(error) != kNoSuchFileError)
         return _ErrorStringFromError(run, error, devicePath);
     if (parentFd >= 0) {
+        _OpenUpForChange(run, parentFd, relative);
         BUError removeError;
         if ((replace || transaction.replacesItem()) && !_RemoveOldCopy(parentFd, name, &removeError))
             return _ErrorStringFromError(run, removeError, devicePath);
@@ -668,6 +682,7 @@ QString _DeleteItem(BackupRun &run, const BUTransaction &transaction)
     QByteArray name;
     BUError error;
     const Descriptor parent {run.device.openParent(relative, &name, false, &error)};
+    _OpenUpForChange(run, parent.fd, relative);
     if (parent.fd < 0 || !RemoveItemAt(parent.fd, name.constData(), &error))
         return _ErrorStringFromError(run, error, transaction.path());
     _TouchFolder(run, _ParentOf(relative), true);

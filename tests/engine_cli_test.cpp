@@ -348,6 +348,59 @@ TEST_F(CommandLineTest, AKilledRunsFolderTimesComeBack)
                     .isEmpty());
 }
 
+// For a user who is not root: a read-only source folder gets a read-only mirror, and later runs
+// still add, replace and remove inside it; a mode-000 folder to delete goes as well.
+TEST_F(CommandLineTest, ReadOnlyFoldersStayWritableForTheBackupAlone)
+{
+    if (QProcess::execute(QStringLiteral("setpriv"), {QStringLiteral("--reuid=nobody"), QStringLiteral("true")}) != 0)
+        GTEST_SKIP() << "setpriv cannot run a program as nobody here";
+    mountDevice(64 << 20, QStringLiteral("mode=0777"));
+    WriteTree(source(), {{"ro/a.txt", "a"}, {"ro/inner/c.txt", "c"}, {"gone/f.txt", "f"}});
+    for (const QString &path : {m_home.path(), m_sources.path()})
+        QProcess::execute(QStringLiteral("chown"), {QStringLiteral("-R"), QStringLiteral("nobody:nogroup"), path});
+    ::chmod(FileNameToBytes(m_volumes.path()).constData(), 0755);
+    auto chmodSource = [this](const char *relative, mode_t mode) {
+        ASSERT_EQ(::chmod(FileNameToBytes(source(QString::fromUtf8(relative))).constData(), mode), 0);
+    };
+    chmodSource("ro/inner", 0555);
+    chmodSource("ro", 0555);
+    auto asNobody = [this](const QStringList &args) {
+        QProcess process;
+        process.setProcessEnvironment(m_env);
+        process.start(QStringLiteral("setpriv"),
+            QStringList {QStringLiteral("--reuid=nobody"), QStringLiteral("--regid=nogroup"),
+                QStringLiteral("--clear-groups"), QStringLiteral(TANNER_BINARY)}
+                + args);
+        process.waitForFinished(60000);
+        return ProcessResult {process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError()};
+    };
+    ASSERT_EQ(asNobody({QStringLiteral("folders"), QStringLiteral("add"), source()}).exitCode, 0);
+    ASSERT_EQ(asNobody({QStringLiteral("folders"), QStringLiteral("remove"), QStringLiteral("home")}).exitCode, 0);
+    ProcessResult result = asNobody({QStringLiteral("backup"), QStringLiteral("Dev")});
+    ASSERT_EQ(result.exitCode, 0) << result.out.toStdString() << result.err.toStdString();
+    EXPECT_EQ(Mode(device(QStringLiteral("Docs/ro"))), 0555U);
+    EXPECT_EQ(Mode(device(QStringLiteral("Docs/ro/inner"))), 0555U);
+
+    // Root changes the read-only folders, and the mirror of "gone" is closed to everyone.
+    chmodSource("ro", 0755);
+    chmodSource("ro/inner", 0755);
+    QFile::remove(source(QStringLiteral("ro/a.txt")));
+    WriteTree(source(), {{"ro/b.txt", "b"}, {"ro/inner/c.txt", "changed"}});
+    QProcess::execute(QStringLiteral("chown"), {QStringLiteral("-R"), QStringLiteral("nobody:nogroup"), source()});
+    chmodSource("ro/inner", 0555);
+    chmodSource("ro", 0555);
+    QDir(source(QStringLiteral("gone"))).removeRecursively();
+    ASSERT_EQ(::chmod(FileNameToBytes(device(QStringLiteral("Docs/gone"))).constData(), 0), 0);
+    result = asNobody({QStringLiteral("backup"), QStringLiteral("Dev")});
+    EXPECT_EQ(result.exitCode, 0) << result.out.toStdString() << result.err.toStdString();
+    EXPECT_EQ(ReadTree(device(QStringLiteral("Docs"))),
+        (Tree {{"ro/", {}}, {"ro/b.txt", "b"}, {"ro/inner/", {}}, {"ro/inner/c.txt", "changed"}}));
+    EXPECT_EQ(Mode(device(QStringLiteral("Docs/ro"))), 0555U);
+    EXPECT_EQ(Mode(device(QStringLiteral("Docs/ro/inner"))), 0555U);
+    result = asNobody({QStringLiteral("analyze"), QStringLiteral("Dev")});
+    EXPECT_EQ(Text(result.out), QStringLiteral("The backup device is up to date\n"));
+}
+
 TEST_F(CommandLineTest, AFailedActionIsListedAndCounted)
 {
     mountDevice();

@@ -2,6 +2,7 @@
 
 #include "backup/BUDeviceWatcher.h"
 #include "backup/BUDevices.h"
+#include "help/VLHelpEngine.h"
 #include "keelson/FormatString.h"
 #include "keelson/KSDayIndex.h"
 #include "keelson/KSKernel.h"
@@ -70,23 +71,96 @@ void BUAppController::installRules(const QStringList &archives, BURuleList &into
     }
 }
 
+namespace {
+
+// A folder path as the settings keep it: text, or where its name is not UTF-8 its bytes, which the
+// file shows as @ByteArray(...) with the odd bytes escaped; text would lose them.
+QVariant _StoredFolder(const QString &path)
+{
+    const QByteArray bytes = FileNameToBytes(path);
+    if (QString::fromUtf8(bytes) == path)
+        return path;
+    return bytes;
+}
+
+// The elements of a list setting as the file holds them, each decoded as a file name: a folder
+// list edited by hand may hold a path's raw bytes, which the settings reader turns into U+FFFD.
+QStringList _RawListElements(const QString &settingsPath, const QString &key)
+{
+    QFile file(settingsPath);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    const QByteArray prefix = key.toUtf8() + '=';
+    for (QByteArray line : file.readAll().split('\n')) {
+        line = line.trimmed();
+        if (!line.startsWith(prefix))
+            continue;
+        QStringList elements;
+        QByteArray current;
+        bool quoted = false;
+        const QByteArray value = line.mid(prefix.size());
+        for (qsizetype i = 0; i < value.size(); ++i) {
+            const char c = value[i];
+            if (c == '"') {
+                quoted = !quoted;
+            } else if (c == '\\' && i + 1 < value.size()) {
+                current += value[++i];
+            } else if (c == ',' && !quoted) {
+                elements.append(FileNameFromBytes(current.trimmed()));
+                current.clear();
+            } else {
+                current += c;
+            }
+        }
+        elements.append(FileNameFromBytes(current.trimmed()));
+        return elements;
+    }
+    return {};
+}
+
+} // namespace
+
 void BUAppController::loadFolders(const QVariantList &stored)
 {
     // On Linux a folder is stored as its path; there is no bookmark to resolve. A path that no
     // longer exists stays in the list: the analysis reports it, and the user decides.
-    for (const QVariant &element : stored) {
-        if (element.typeId() != QMetaType::QString) {
+    QStringList raw; // read only when a path lost bytes
+    for (qsizetype i = 0; i < stored.size(); ++i) {
+        const QVariant &element = stored[i];
+        QString path;
+        if (element.typeId() == QMetaType::QByteArray) {
+            path = FileNameFromBytes(element.toByteArray());
+        } else if (element.typeId() == QMetaType::QString) {
+            path = element.toString();
+            if (path.contains(QChar::ReplacementCharacter)) {
+                if (raw.isEmpty())
+                    raw = _RawListElements(m_settingsPath, kFoldersKey);
+                if (raw.size() == stored.size())
+                    path = raw[i];
+            }
+        } else {
             LogString(
                 "Can't restore backup folder %@: %@", element.toString(), QStringLiteral("It is not a folder path."));
             continue;
         }
-        const QString path = element.toString();
         if (!path.startsWith(u'/')) {
             LogString("Can't restore backup folder %@: %@", path, QStringLiteral("It is not an absolute path."));
             continue;
         }
         m_backupFolders.append(QDir::cleanPath(path));
     }
+}
+
+void BUAppController::saveFolders(QSettings &settings) const
+{
+    if (m_backupFolders.isEmpty()) {
+        settings.remove(kFoldersKey);
+        return;
+    }
+    QVariantList stored;
+    for (const QString &folder : m_backupFolders)
+        stored.append(_StoredFolder(folder));
+    settings.setValue(kFoldersKey, stored);
 }
 
 void BUAppController::applicationDidFinishLaunching()
@@ -150,7 +224,9 @@ void BUAppController::applicationDidFinishLaunching()
 
     // 7. Process-wide resources: the engine's attribute list is built by the engine itself; the
     //    folder image and the alert colour belong to the window and are made there.
-    // 8. The help engine registers its vocabulary here once it exists.
+    // 8. The help engine: its vocabulary and the preferences document. When it fails, help cannot
+    //    be read, and opening it says so; the backup goes on without it.
+    VLSetUpHelpEngine();
     // 9. Mount and unmount notifications, then the device lists. Without an application object
     //    there is no event loop to deliver the notifications, so the lists are only built.
     if (!m_deviceWatcher && QCoreApplication::instance()) {
@@ -169,7 +245,10 @@ void BUAppController::applicationDidFinishLaunching()
         else
             addDefaults();
     }
-    // 11. The main window comes to the front here. 12. The update and news checks start here.
+    // 11. The main window comes to the front here.
+    // 12. The automatic update and news checks.
+    if (startAutoChecksHook)
+        startAutoChecksHook();
 }
 
 void BUAppController::saveRules(QSettings &settings, const BURuleList &rules, const QString &key)
@@ -183,7 +262,7 @@ void BUAppController::saveRules(QSettings &settings, const BURuleList &rules, co
 
 void BUAppController::writeState(QSettings &settings)
 {
-    WriteStringList(settings, kFoldersKey, m_backupFolders);
+    saveFolders(settings);
     saveRules(settings, m_ignoreFiles, kIgnoreFilesKey);
     saveRules(settings, m_ignoreFolders, kIgnoreFoldersKey);
     WriteStringList(settings, kRecentKey, m_recentDrives);

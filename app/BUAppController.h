@@ -70,6 +70,9 @@ public:
 
     // The window (once it exists) replaces the first-run step with its own addDefaults.
     std::function<void()> firstRunDefaultsHook;
+    // The desktop starts the automatic update and news checks here, the last step of start-up
+    // (each stays off unless the user turned it on). The command line starts none.
+    std::function<void()> startAutoChecksHook;
 
     // Rebuilds "Recent Devices" (mountedRecentDrives: the mounted devices of recentDrives in its
     // order, at most 10) and "Other Devices" (otherDrives: every other mounted device, sorted)
@@ -88,6 +91,7 @@ public:
 private:
     BUAppController() = default;
     void loadFolders(const QVariantList &stored);
+    void saveFolders(QSettings &settings) const;
 
     QStringList m_recentDrives, m_mountedRecentDrives, m_otherDrives;
     QMap<QString, qint64> m_backupDates, m_backupTimes;

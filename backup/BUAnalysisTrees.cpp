@@ -7,13 +7,41 @@
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace BUAnalysis {
 
 namespace {
 constexpr char16_t kAdvancedUserMark = 0x273D; // names the advanced user keeps out of backups
+#ifndef FS_CASEFOLD_FL
+constexpr unsigned FS_CASEFOLD_FL = 0x40000000;
+#endif
+
+// Whether an open device folder carries the casefold flag (ext4, f2fs): its names then match
+// without regard to case, whatever the rest of the device does.
+bool _FolderFoldsCase(int fd)
+{
+    int flags = 0;
+    return ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 && (unsigned(flags) & FS_CASEFOLD_FL) != 0;
+}
 } // namespace
+
+bool _SameName(QStringView a, QStringView b, bool ignoresCase)
+{
+    return ignoresCase ? CaseInsensitiveCompare(a, b) == KSOrderedSame : a == b;
+}
+
+bool IsFileSystemItemName(QStringView name)
+{
+    return name == u"lost+found" || name == u"System Volume Information" || name == u"$RECYCLE.BIN";
+}
+
+bool _NameBefore(QStringView a, QStringView b, bool ignoresCase)
+{
+    return ignoresCase ? CaseInsensitiveCompare(a, b) == KSOrderedAscending : a.compare(b) < 0;
+}
 
 uint64_t FolderTree::add(FolderEntry entry, QStringView name)
 {
@@ -162,7 +190,7 @@ int _OpenFolder(AnalysisContext &context, const QString &path, bool deviceSide, 
         return fd;
     }
     const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (followLink ? 0 : O_NOFOLLOW);
-    return ::open(FileNameToBytes(path).constData(), flags);
+    return OpenLongPath(AT_FDCWD, FileNameToBytes(path).constData(), flags);
 }
 
 void _SetFolderReason(AnalysisContext &context, const QString &path, int errorNumber)
@@ -259,6 +287,11 @@ void _ReadFolder(AnalysisContext &context, const QString &path, bool deviceSide,
         return;
     }
     FolderListing listing(fd);
+    const BUVolumeKind &kind = context.device->kind();
+    out.ignoresCase = deviceSide && (kind.ignoresCase || (kind.mayFoldCase && _FolderFoldsCase(fd)));
+    // The device's top level: only the mirrors take part, whatever their names (".config" too);
+    // the rest is the user's own or the file system's, and is never touched.
+    const bool topLevel = deviceSide && context.mirrorNames && path == context.device->path();
     BUItemProperties properties;
     // A device mounted inside a backup folder is never walked into, the backup folder itself
     // included.
@@ -275,6 +308,15 @@ void _ReadFolder(AnalysisContext &context, const QString &path, bool deviceSide,
         if (walk && !maybeFolder && deviceSide)
             ++*otherItems;
         const QString itemName = FileNameFromBytes(QByteArrayView(name));
+        if (topLevel) {
+            if (maybeFolder && context.mirrorNames->contains(itemName)
+                && ReadItemProperties(listing.fd(), name, &properties, nullptr) && properties.isDirectory()) {
+                FoundFolder folder {itemName, {}};
+                _GetFileStats(properties, &folder.stats);
+                subfolders.push_back(std::move(folder));
+            }
+            continue;
+        }
         if (walk && maybeFolder && _NameAllowsItem(itemName, deviceSide)) {
             BUError error;
             if (!known) {
@@ -324,17 +366,20 @@ void _ReadFolder(AnalysisContext &context, const QString &path, bool deviceSide,
         out.filesFailed = true;
         out.filesReason = context.reason;
     }
-    // Sorted once; the stable sort keeps names equal without regard to case in listing order, and
-    // only the first of them stays.
+    // Sorted once. In a folder that ignores case the stable sort keeps names equal without regard
+    // to case in listing order, and only the first of them stays.
     DeviceFileList &files = out.deviceFiles;
-    std::stable_sort(files.begin(), files.end(), [&out](const DeviceFile &a, const DeviceFile &b) {
-        return CaseInsensitiveCompare(out.nameOf(a), out.nameOf(b)) == KSOrderedAscending;
+    const bool ignoresCase = out.ignoresCase;
+    std::stable_sort(files.begin(), files.end(), [&out, ignoresCase](const DeviceFile &a, const DeviceFile &b) {
+        return _NameBefore(out.nameOf(a), out.nameOf(b), ignoresCase);
     });
-    files.erase(std::unique(files.begin(), files.end(),
-                    [&out](const DeviceFile &a, const DeviceFile &b) {
-                        return CaseInsensitiveCompare(out.nameOf(a), out.nameOf(b)) == KSOrderedSame;
-                    }),
-        files.end());
+    if (ignoresCase) {
+        files.erase(std::unique(files.begin(), files.end(),
+                        [&out](const DeviceFile &a, const DeviceFile &b) {
+                            return _SameName(out.nameOf(a), out.nameOf(b), true);
+                        }),
+            files.end());
+    }
 }
 
 } // namespace BUAnalysis

@@ -1,6 +1,6 @@
-// The analysis's folder trees and how they are read: the records of the trees and of the files
-// the comparison takes, the rules that decide which items take part, and the readers that list
-// both trees at once. Used by the analysis alone.
+// The analysis's folder trees: the records of the trees and of the files the comparison takes,
+// the rules that decide which items take part, and the reading of one folder (_ReadFolder). The
+// readers that walk both trees at once are BUTreeReader's. Used by the analysis alone.
 #pragma once
 
 #include "backup/BUAnalyzeOperation.h"
@@ -15,13 +15,10 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <numeric>
-#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -102,6 +99,8 @@ struct AnalysisContext {
     const BURuleList *ignoreFolders;
     const BURuleList *ignoreFiles;
     BUDeviceRoot *device;
+    // The mirrors' names: the only folders of the device's top level that take part.
+    const QStringList *mirrorNames = nullptr;
     // Set when the other thread of the analysis failed: this one's work is no longer wanted.
     const std::atomic<bool> *abandon = nullptr;
 };
@@ -112,8 +111,9 @@ struct ListedFile {
     uint32_t nameStart = 0;
     uint32_t nameLength = 0;
 };
-// The files of one device folder that the sources are compared with, sorted without regard to
-// case; of names that differ only in case, the first one listed.
+// The files of one device folder that the sources are compared with, sorted by name; in a folder
+// that ignores case, sorted without regard to it, and of names that differ only in case the first
+// one listed.
 using DeviceFile = ListedFile;
 using DeviceFileList = std::vector<DeviceFile>;
 // A source file, in listing order.
@@ -128,7 +128,10 @@ struct ListedFolder {
     bool filesFailed = false; // the files up to the failure are kept
     QString filesReason;
     std::vector<SourceFile> sourceFiles; // in listing order
-    DeviceFileList deviceFiles; // sorted without regard to case
+    DeviceFileList deviceFiles; // sorted by name, without regard to case where the folder ignores it
+    // A device folder whose names match without regard to case (the device's kind, or the
+    // folder's casefold flag).
+    bool ignoresCase = false;
     // The files' names end to end: tens of thousands of files wait for the comparison at a time,
     // and a string each would double what they take.
     QString names;
@@ -162,6 +165,13 @@ bool _CancelAnalysis(AnalysisContext &context);
 // Opens a folder for listing: a source folder by its path (a backup folder may be reached through
 // a link the user chose; nothing below it is), a device folder below the device root.
 int _OpenFolder(AnalysisContext &context, const QString &path, bool deviceSide, bool followLink);
+// Names at a device's top level that are the file system's own: like names beginning with ".",
+// never extra items, never deleted, never touched.
+bool IsFileSystemItemName(QStringView name);
+// Whether two names are one name in a folder that ignores case, or keeps it.
+bool _SameName(QStringView a, QStringView b, bool ignoresCase);
+// Name order in a folder that ignores case (without regard to it), or keeps it (UTF-16 order).
+bool _NameBefore(QStringView a, QStringView b, bool ignoresCase);
 // Which items take part.
 void _SetFolderReason(AnalysisContext &context, const QString &path, int errorNumber);
 bool _NameAllowsItem(const QString &name, bool deviceSide);
@@ -189,314 +199,5 @@ template <typename NameOf> std::vector<std::size_t> _NameOrder(std::size_t count
     });
     return order;
 }
-
-// Both folder trees, read by a pool of threads that lists every folder once: its subfolders join
-// its tree, its files are examined there and then and kept until the comparison takes them. The
-// comparison follows the source tree close behind. The disks are the wait, and a cold disk
-// answers many questions at once far faster than one after another. The files kept are bounded:
-// the readers pause when the comparison falls behind, and the comparison reads a folder that it
-// needs itself rather than wait for it.
-//
-// The trees grow while the comparison reads them: every access to their entries holds lock().
-class TreeReader {
-public:
-    enum Side { Source = 0, Device = 1 };
-
-    // Reads the device tree from its root (entry 0) and the source tree from its backup folders
-    // (entries 1 to folderCount).
-    TreeReader(const AnalysisContext &context, FolderTree &sourceTree, FolderTree &deviceTree, uint64_t folderCount)
-        : m_context(context), m_trees {&sourceTree, &deviceTree}
-    {
-        m_context.abandon = &m_stop;
-        addTask({Device, 0, _Name(deviceTree, 0).toString(), true, {0}});
-        for (uint64_t i = 1; i <= folderCount; ++i) {
-            addTask({Source, i, _Name(sourceTree, i).toString(), true, {uint32_t(i)}});
-            m_backupFolderNames.append(LastPathComponent(_Name(sourceTree, i)));
-        }
-        for (Side side : {Source, Device})
-            grow(side);
-        for (int i = 0; i < kThreads && StartHelperThread(m_threads, [this] { run(); }); ++i) { }
-    }
-    ~TreeReader()
-    {
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            m_stop = true;
-        }
-        m_work.notify_all();
-        for (std::thread &thread : m_threads)
-            thread.join();
-    }
-    TreeReader(const TreeReader &) = delete;
-    TreeReader &operator=(const TreeReader &) = delete;
-
-    std::unique_lock<std::mutex> lock() { return std::unique_lock<std::mutex>(m_mutex); }
-
-    // Waits until a folder has been read, reading it here if no reader has begun it; false when
-    // the analysis is canceled first.
-    bool waitFor(Side side, uint64_t node, const std::atomic<bool> &cancel)
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return waitUntil(
-            lock, cancel, [&] { return m_read[side][node]; }, side, node);
-    }
-    // What the reading of a folder found, handed over once; null the second time, or for a
-    // folder declared unwanted.
-    std::unique_ptr<ListedFolder> take(Side side, uint64_t node)
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        const auto found = m_listed[side].find(node);
-        if (found == m_listed[side].end())
-            return nullptr;
-        std::unique_ptr<ListedFolder> listed = std::move(found->second);
-        m_listed[side].erase(found);
-        if (listed)
-            release(lock, *listed);
-        return listed;
-    }
-    // A device folder that no source folder matches: its files are not wanted, nor those of its
-    // subfolders, read already or not. Call with lock() held.
-    void unwanted(uint64_t node)
-    {
-        FolderTree &tree = *m_trees[Device];
-        const bool wasFull = m_keptFiles >= kKeptFiles;
-        std::vector<uint64_t> folders {node};
-        while (!folders.empty()) {
-            const uint64_t folder = folders.back();
-            folders.pop_back();
-            m_unwanted[folder] = true;
-            if (const auto found = m_listed[Device].find(folder); found != m_listed[Device].end()) {
-                m_keptFiles -= kept(*found->second);
-                m_listed[Device].erase(found);
-            }
-            if (m_read[Device][folder]) {
-                for (uint64_t c = _Entry(tree, folder)->firstChild; c != kNone; c = _Entry(tree, c)->nextSibling)
-                    folders.push_back(c);
-            }
-        }
-        if (wasFull && m_keptFiles < kKeptFiles)
-            m_work.notify_all();
-    }
-    // Waits until both trees are whole; false when the analysis is canceled first.
-    bool waitForAll(const std::atomic<bool> &cancel)
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_finishing = true; // what is read now is only checked for failures: no bound
-        lock.unlock();
-        m_work.notify_all();
-        lock.lock();
-        return waitUntil(
-            lock, cancel, [this] { return m_tasks.empty() && m_busy == 0; }, Source, kNone);
-    }
-    // Why the reading of a tree stopped at a folder, or null; after waitForAll().
-    QString treeFailure(Side side, uint64_t node) const { return m_treeFailures[side].value(node); }
-    bool treeFailed(Side side) const { return !m_treeFailures[side].isEmpty(); }
-
-private:
-    static constexpr int kThreads = 16;
-    static constexpr std::size_t kKeptFiles = 8192;
-    static constexpr std::chrono::milliseconds kCancelCheck {100};
-    struct Task {
-        Side side;
-        uint64_t node;
-        QString path;
-        bool isBackupFolder;
-        std::vector<uint32_t> order; // the place in the comparison's order: positions from the top
-    };
-    // The readers take the task that comes first in the comparison's order: a heap on this.
-    static bool later(const Task &a, const Task &b) { return a.order > b.order; }
-    void addTask(Task task)
-    {
-        m_tasks.push_back(std::move(task));
-        std::push_heap(m_tasks.begin(), m_tasks.end(), later);
-    }
-
-    static std::size_t kept(const ListedFolder &listed)
-    {
-        return 1 + listed.sourceFiles.size() + listed.deviceFiles.size();
-    }
-
-    void grow(Side side)
-    {
-        const std::size_t count = m_trees[side]->count();
-        m_read[side].resize(count);
-        if (side == Device)
-            m_unwanted.resize(count);
-    }
-
-    void release(std::unique_lock<std::mutex> &lock, const ListedFolder &listed)
-    {
-        const bool wasFull = m_keptFiles >= kKeptFiles;
-        m_keptFiles -= kept(listed);
-        if (wasFull && m_keptFiles < kKeptFiles) {
-            lock.unlock();
-            m_work.notify_all();
-            lock.lock();
-        }
-    }
-
-    template <typename Ready>
-    bool waitUntil(
-        std::unique_lock<std::mutex> &lock, const std::atomic<bool> &cancel, Ready ready, Side side, uint64_t node)
-    {
-        ++m_waiting;
-        while (!ready()) {
-            if (cancel.load(std::memory_order_relaxed)) {
-                --m_waiting;
-                return false;
-            }
-            // A folder that no reader has begun is read here: the readers may be paused, or
-            // busy with folders the comparison needs later. With no reader at all, every folder.
-            auto wanted = m_tasks.end();
-            if (node != kNone)
-                wanted = std::find_if(m_tasks.begin(), m_tasks.end(),
-                    [&](const Task &task) { return task.node == node && task.side == side; });
-            if (wanted == m_tasks.end() && m_threads.empty() && !m_tasks.empty())
-                wanted = m_tasks.begin();
-            if (wanted != m_tasks.end()) {
-                Task task = std::move(*wanted);
-                m_tasks.erase(wanted);
-                std::make_heap(m_tasks.begin(), m_tasks.end(), later);
-                ++m_busy;
-                lock.unlock();
-                read(task);
-                lock.lock();
-            } else {
-                m_progress.wait_for(lock, kCancelCheck);
-            }
-        }
-        --m_waiting;
-        return true;
-    }
-
-    void run()
-    {
-        for (;;) {
-            Task task;
-            {
-                std::unique_lock<std::mutex> lock(m_mutex);
-                m_work.wait(
-                    lock, [this] { return m_stop || (!m_tasks.empty() && (m_keptFiles < kKeptFiles || m_finishing)); });
-                if (m_stop)
-                    return;
-                std::pop_heap(m_tasks.begin(), m_tasks.end(), later);
-                task = std::move(m_tasks.back());
-                m_tasks.pop_back();
-                ++m_busy;
-            }
-            read(task);
-        }
-    }
-
-    void read(const Task &task)
-    {
-        AnalysisContext context = m_context;
-        BUAnalysisReport result; // this reading's own cancel flag
-        context.result = &result;
-        auto listed = std::make_unique<ListedFolder>();
-        std::vector<FoundFolder> subfolders;
-        uint32_t otherItems = 0;
-        std::vector<Task> children;
-        try {
-            _ReadFolder(context, task.path, task.side == Device, task.isBackupFolder, *listed, subfolders, &otherItems);
-            // Both trees are read in about the order the comparison follows: a folder's subtree
-            // before its next sibling's, siblings in the order of their names, and a mirror folder at
-            // about the time of its source folder (the top level's, at its backup folder's). The
-            // order and the paths are found before the lock: every reader and the comparison wait on it.
-            const std::vector<std::size_t> byName = _NameOrder(
-                subfolders.size(), [&subfolders](std::size_t i) -> const QString & { return subfolders[i].name; });
-            for (std::size_t rank = 0; rank < byName.size(); ++rank) {
-                const std::size_t i = byName[rank];
-                // node: the place in the listing until the tree entry is known
-                Task child {task.side, i, _Child(task.path, subfolders[i].name), false, task.order};
-                uint32_t position = uint32_t(rank);
-                if (task.side == Device && task.node == 0) {
-                    position = uint32_t(m_backupFolderNames.size() + 1 + rank);
-                    for (qsizetype f = 0; f < m_backupFolderNames.size(); ++f) {
-                        if (CaseInsensitiveCompare(m_backupFolderNames[f], subfolders[i].name) == KSOrderedSame) {
-                            position = uint32_t(f + 1);
-                            break;
-                        }
-                    }
-                    child.order.clear();
-                }
-                child.order.push_back(position);
-                children.push_back(std::move(child));
-            }
-        } catch (const std::bad_alloc &) {
-            listed->treeFailed = true;
-            listed->treeReason = kMemoryReason;
-            subfolders.clear();
-            children.clear();
-        }
-        std::size_t added = 0;
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            FolderTree &tree = *m_trees[task.side];
-            uint64_t previous = kNone;
-            for (const FoundFolder &folder : subfolders) {
-                FolderEntry entry {task.node, kNone, kNone, kNone, folder.stats};
-                const uint64_t index
-                    = tree.count() < EntryLink::kMaxEntries ? tree.add(entry, folder.name) : KSNotFound;
-                if (index == KSNotFound) {
-                    listed->treeFailed = true;
-                    listed->treeReason = kMemoryReason;
-                    break;
-                }
-                if (previous == kNone)
-                    _Entry(tree, task.node)->firstChild = index;
-                else
-                    _Entry(tree, previous)->nextSibling = index;
-                previous = index;
-                ++added;
-            }
-            _Entry(tree, task.node)->files += otherItems;
-            const uint64_t first = tree.count() - added;
-            for (Task &child : children) {
-                if (child.node >= added)
-                    continue; // not in the tree: no memory for it
-                child.node += first;
-                addTask(std::move(child));
-            }
-            grow(task.side);
-            if (listed->treeFailed)
-                m_treeFailures[task.side].insert(task.node, listed->treeReason);
-            if (task.side == Device && m_unwanted[task.node]) {
-                for (std::size_t i = 0; i < added; ++i)
-                    m_unwanted[tree.count() - added + i] = true;
-            } else {
-                m_keptFiles += kept(*listed);
-                m_listed[task.side].emplace(task.node, std::move(listed));
-            }
-            m_read[task.side][task.node] = true;
-            --m_busy;
-        }
-        if (added > 1)
-            m_work.notify_all();
-        else if (added == 1)
-            m_work.notify_one();
-        if (m_waiting > 0)
-            m_progress.notify_all();
-    }
-
-    AnalysisContext m_context;
-    FolderTree *m_trees[2];
-    std::mutex m_mutex;
-    std::condition_variable m_work; // for the readers: folders to read, or stop
-    std::condition_variable m_progress; // for the comparison: a folder was read
-    std::vector<Task> m_tasks; // folders to read, a heap
-    QStringList m_backupFolderNames; // the last names of the backup folders: their mirrors' names
-    int m_busy = 0; // folders being read
-    std::size_t m_keptFiles = 0; // folders and files read and not yet taken
-    bool m_finishing = false; // the comparison is done
-    std::atomic<int> m_waiting {0};
-    std::vector<bool> m_read[2]; // by tree entry
-    // By tree entry, until taken: the few thousand folders waiting, not a slot for every folder.
-    std::unordered_map<uint64_t, std::unique_ptr<ListedFolder>> m_listed[2];
-    std::vector<bool> m_unwanted; // by device tree entry
-    QHash<uint64_t, QString> m_treeFailures[2]; // by entry
-    std::atomic<bool> m_stop {false};
-    std::vector<std::thread> m_threads;
-};
 
 } // namespace BUAnalysis

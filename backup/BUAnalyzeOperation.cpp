@@ -2,10 +2,12 @@
 
 #include "backup/BUAnalysisTrees.h"
 #include "backup/BUDeviceRoot.h"
+#include "backup/BUDevices.h"
 #include "backup/BUFileCopier.h"
 #include "backup/BUFileStats.h"
 #include "backup/BUFolderReading.h"
 #include "backup/BUTransaction.h"
+#include "backup/BUTreeReader.h"
 #include "keelson/FormatString.h"
 #include "keelson/KSKernel.h"
 #include "keelson/KSStrings.h"
@@ -26,19 +28,64 @@
 
 using namespace BUAnalysis;
 
+QHash<QString, QString> g_caseConflicts;
+
 namespace {
 
-// The file of that name without regard to case, or null.
+// The device file of that name (without regard to case where the folder ignores it), or null.
 DeviceFile *_FindDeviceFile(ListedFolder &device, QStringView name)
 {
     DeviceFileList &files = device.deviceFiles;
-    const auto found
-        = std::lower_bound(files.begin(), files.end(), name, [&device](const DeviceFile &file, QStringView wanted) {
-              return CaseInsensitiveCompare(device.nameOf(file), wanted) == KSOrderedAscending;
-          });
-    if (found == files.end() || CaseInsensitiveCompare(device.nameOf(*found), name) != KSOrderedSame)
+    const bool ignoresCase = device.ignoresCase;
+    const auto found = std::lower_bound(
+        files.begin(), files.end(), name, [&device, ignoresCase](const DeviceFile &file, QStringView wanted) {
+            return _NameBefore(device.nameOf(file), wanted, ignoresCase);
+        });
+    if (found == files.end() || !_SameName(device.nameOf(*found), name, ignoresCase))
         return nullptr;
     return &*found;
+}
+
+// Items of one source folder that a device folder ignoring case cannot hold beside another: by
+// source tree entry for folders, by position among the folder's source files for files (empty when
+// none), each with the reason its Copy fails.
+struct CaseConflicts {
+    std::unordered_map<uint64_t, QString> folders;
+    std::vector<QString> files;
+};
+
+// Where the device folder ignores case, the first item of a name (subfolders first, then files,
+// each in listing order) is mirrored; every later one whose name differs from it only in case is a
+// conflict. Nothing is then replaced by its namesake from run to run.
+void _FindCaseConflicts(
+    const std::vector<std::pair<uint64_t, QString>> &subfolders, const ListedFolder *source, CaseConflicts *conflicts)
+{
+    QHash<QString, QString> first; // folded name -> the first name
+    auto conflict = [&first](QStringView name) {
+        const QString key = CaseFoldedString(name);
+        const auto found = first.constFind(key);
+        if (found == first.cend()) {
+            first.insert(key, name.toString());
+            return QString();
+        }
+        return FormatString(
+            "The device ignores case, so \"%@\" and \"%@\" can't both be kept on it.", *found, name.toString());
+    };
+    for (const auto &[node, name] : subfolders) {
+        QString reason = conflict(name);
+        if (!reason.isNull())
+            conflicts->folders.emplace(node, std::move(reason));
+    }
+    if (!source)
+        return;
+    for (std::size_t i = 0; i < source->sourceFiles.size(); ++i) {
+        QString reason = conflict(source->nameOf(source->sourceFiles[i]));
+        if (reason.isNull())
+            continue;
+        if (conflicts->files.empty())
+            conflicts->files.resize(source->sourceFiles.size());
+        conflicts->files[i] = std::move(reason);
+    }
 }
 
 bool _ShouldUpdateAttributes(const AnalysisContext &context, const FileStats &source, const FileStats &device)
@@ -113,7 +160,8 @@ void _ReadFolderDigest(AnalysisContext &context, const QString &path, bool devic
 // places: by source tree entry, the place its files' transactions share, if any; a folder's own
 // transaction shares it too (the same path and root) rather than keep its path again.
 bool _RecordFolders(AnalysisContext &context, FolderTree &tree, FolderTree &otherTree, bool deviceSide,
-    const std::vector<BUTransaction::PlaceRef> &places = {})
+    const std::vector<BUTransaction::PlaceRef> &places = {},
+    const std::unordered_map<uint64_t, QString> &conflicts = {})
 {
     auto folderTransaction = [&places](uint64_t index, const QString &path, const QString &rootPath) {
         BUTransaction transaction
@@ -141,6 +189,9 @@ bool _RecordFolders(AnalysisContext &context, FolderTree &tree, FolderTree &othe
             if (deviceSide) {
                 transaction.setAction(BUTransaction::kDelete);
                 descend = false; // only the topmost unmatched device folder is deleted
+            } else if (const auto conflict = conflicts.find(index); conflict != conflicts.end()) {
+                g_caseConflicts.insert(path, conflict->second);
+                descend = false; // nothing of it can be kept
             }
             g_transactions.append(transaction);
         } else if (!deviceSide && CaseInsensitiveCompare(PathExtension(name), u"nib") != KSOrderedSame) {
@@ -159,6 +210,31 @@ bool _RecordFolders(AnalysisContext &context, FolderTree &tree, FolderTree &othe
         if (!_NextFolder(tree, &index, &path, descend))
             return true;
     }
+}
+
+// Whether an open folder is the device's root or lies below it, whatever path reached it: its
+// folders are climbed through ".." up to the root of the whole tree.
+bool _LiesInside(int folderFd, const BUDeviceRoot &device)
+{
+    int current = ::dup(folderFd);
+    for (int level = 0; current >= 0 && level < 100000; ++level) {
+        BUItemProperties properties, parent;
+        const bool found = ReadItemProperties(current, "", &properties, nullptr);
+        if (found && device.isRootFolder(properties)) {
+            ::close(current);
+            return true;
+        }
+        const int up = ::openat(current, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        const bool top = up < 0 || !found || !ReadItemProperties(up, "", &parent, nullptr)
+            || (parent.device == properties.device && parent.inode == properties.inode);
+        ::close(current);
+        current = up;
+        if (top)
+            break;
+    }
+    if (current >= 0)
+        ::close(current);
+    return false;
 }
 
 // What the mirrors hold and how much of it the Delete transactions remove, so that the window can
@@ -211,29 +287,42 @@ private:
     int m_fd = -1;
 };
 
-// Matches the subfolders of a source folder with those of its device folder: without regard to
-// case, the first listed device folder winning; many folders get a table of the folded names that
-// answers the same.
-void _MatchSubfolders(FolderTree &sourceTree, uint64_t s, FolderTree &deviceTree, uint64_t d)
+// Matches the subfolders of a matched source folder with those of its device folder: by exact
+// name where the device folder keeps case; without regard to case where it ignores it, the first
+// listed device folder winning. Source folders in conflict stay unmatched. Many folders get a table
+// of the names (folded where case is ignored) that answers the same.
+void _MatchFolders(FolderTree &sourceTree, uint64_t s, FolderTree &deviceTree, uint64_t d, bool ignoresCase,
+    const CaseConflicts &conflicts)
 {
+    _Entry(sourceTree, s)->match = d;
+    _Entry(deviceTree, d)->match = s;
     int deviceChildren = 0;
     for (uint64_t e = _Entry(deviceTree, d)->firstChild; e != kNone; e = _Entry(deviceTree, e)->nextSibling)
         ++deviceChildren;
+    const bool table = deviceChildren > 16;
     QHash<QString, uint64_t> folded;
-    if (deviceChildren > 16) {
+    QHash<QStringView, uint64_t> exact; // the names stay where the tree keeps them
+    if (table) {
         for (uint64_t e = _Entry(deviceTree, d)->firstChild; e != kNone; e = _Entry(deviceTree, e)->nextSibling) {
+            if (!ignoresCase) {
+                exact.insert(_Name(deviceTree, e), e);
+                continue;
+            }
             const QString key = CaseFoldedString(_Name(deviceTree, e));
             if (!folded.contains(key))
-                folded.insert(key, e);
+                folded.insert(key, e); // the first one listed stays
         }
     }
     for (uint64_t c = _Entry(sourceTree, s)->firstChild; c != kNone; c = _Entry(sourceTree, c)->nextSibling) {
+        if (conflicts.folders.count(c) != 0)
+            continue;
+        const QStringView name = _Name(sourceTree, c);
         uint64_t partner = kNone;
-        if (deviceChildren > 16) {
-            partner = folded.value(CaseFoldedString(_Name(sourceTree, c)), kNone);
+        if (table) {
+            partner = ignoresCase ? folded.value(CaseFoldedString(name), kNone) : exact.value(name, kNone);
         } else {
             for (uint64_t e = _Entry(deviceTree, d)->firstChild; e != kNone; e = _Entry(deviceTree, e)->nextSibling) {
-                if (CaseInsensitiveCompare(_Name(sourceTree, c), _Name(deviceTree, e)) == KSOrderedSame) {
+                if (_SameName(name, _Name(deviceTree, e), ignoresCase)) {
                     partner = e;
                     break;
                 }
@@ -249,18 +338,21 @@ void _MatchSubfolders(FolderTree &sourceTree, uint64_t s, FolderTree &deviceTree
 // The file transactions of one source folder against its device folder's files (null when it
 // has no device folder); the device files that no source file matched are left unseen.
 bool _RecordFilesInFolder(AnalysisContext &context, const QString &folder, const QString &rootPath, bool isBackupFolder,
-    const ListedFolder &source, ListedFolder *device, const QString &deviceFolder, BUTransaction::PlaceRef &place)
+    const ListedFolder &source, ListedFolder *device, const QString &deviceFolder, const CaseConflicts &conflicts,
+    BUTransaction::PlaceRef &place)
 {
     FolderOpenedOnDemand sourceFolder(context, folder, false, isBackupFolder);
     FolderOpenedOnDemand deviceFolderOpened(context, deviceFolder, true, false);
-    for (const SourceFile &file : source.sourceFiles) {
+    for (std::size_t i = 0; i < source.sourceFiles.size(); ++i) {
+        const SourceFile &file = source.sourceFiles[i];
         const QStringView name = source.nameOf(file);
         if (_CancelAnalysis(context))
             return false;
         FileStats stats = file.stats;
         uint32_t action = BUTransaction::kCopy;
         bool counted = true;
-        DeviceFile *deviceFile = device ? _FindDeviceFile(*device, name) : nullptr;
+        const bool conflict = !conflicts.files.empty() && !conflicts.files[i].isNull();
+        DeviceFile *deviceFile = device && !conflict ? _FindDeviceFile(*device, name) : nullptr;
         if (deviceFile) {
             FileStats *deviceStats = &deviceFile->stats;
             deviceStats->seen = true;
@@ -283,6 +375,10 @@ bool _RecordFilesInFolder(AnalysisContext &context, const QString &folder, const
         BUTransaction transaction(place, file.nameStart, file.nameLength);
         transaction.setAction(action);
         transaction.setReplacesItem(deviceFile != nullptr);
+        if (conflict) {
+            g_caseConflicts.insert(transaction.path(), conflicts.files[i]);
+            counted = false; // it fails without copying
+        }
         if (counted) {
             g_totalBytes += double(stats.size);
             transaction.setFileSize(double(stats.size));
@@ -338,6 +434,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
     g_totalBytes = 0;
     g_finishedTransactions = 0;
     g_failedTransactions = 0;
+    g_caseConflicts.clear();
 
     BUAnalysisReport result;
     result.target = m_targetName;
@@ -348,6 +445,19 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
         return result;
     };
     const bool deviceOpen = device.open(m_targetName, nullptr);
+    // Named on the command line, a device mounted read-only is still found; nothing could be
+    // written to it.
+    if (deviceOpen) {
+        const std::optional<BUMountEntry> mount = MountEntryForDevice(m_targetName);
+        if (mount && mount->readOnly) {
+            context.reason = QStringLiteral("it is mounted read-only");
+            return fail();
+        }
+    }
+    QStringList mirrorNames;
+    for (const QString &folder : std::as_const(m_backupFolders))
+        mirrorNames.append(LastPathComponent(folder));
+    context.mirrorNames = &mirrorNames;
     if (deviceOpen && device.backupIsRunning()) {
         result.error = FormatString("Another backup of the device \"%@\" is running.", m_targetName);
         return result;
@@ -368,19 +478,28 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
         const int fd = ::open(FileNameToBytes(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         BUItemProperties properties;
         FileStats stats;
-        if (fd >= 0 && ReadItemProperties(fd, "", &properties, nullptr))
+        const bool read = fd >= 0 && ReadItemProperties(fd, "", &properties, nullptr);
+        if (read)
             _GetFileStats(properties, &stats);
         entry.stats = stats;
+        const bool onDevice = read && deviceOpen && _LiesInside(fd, device);
         if (fd >= 0)
             ::close(fd);
+        // A folder on the device itself would only be "backed up" onto itself.
+        if (onDevice) {
+            context.reason = FormatString(
+                "the backup folder \"%@\" is on that device itself, and a backup must be kept apart from its original",
+                folder);
+            return fail();
+        }
         if (sourceTree->add(entry, folder) == KSNotFound)
             return fail();
     }
     if (_CancelAnalysis(context))
         return fail();
 
-    // Extra items: the top level holds the mirrors of the backup folders and dot-names, nothing
-    // else. The names must match exactly here, unlike the matching below.
+    // Extra items: the top level holds the mirrors of the backup folders, dot-names and the file
+    // system's own items, nothing else. The names must match exactly here.
     const int rootFd = deviceOpen ? device.openFolder(QString(), false, nullptr) : -1;
     if (rootFd < 0) {
         context.reason = QStringLiteral("I can't examine the contents of the disk");
@@ -392,16 +511,14 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
         const char *name;
         unsigned char type;
         while (listing.next(&name, &type)) {
-            if (name[0] == '.')
-                continue;
             const QString itemName = FileNameFromBytes(QByteArrayView(name));
+            const bool mirror = mirrorNames.contains(itemName);
+            if (!mirror && (name[0] == '.' || IsFileSystemItemName(itemName)))
+                continue;
             BUItemProperties properties;
             const bool isFolder
                 = ReadItemProperties(listing.fd(), name, &properties, nullptr) && properties.isDirectory();
-            const bool expected = isFolder
-                && std::any_of(m_backupFolders.cbegin(), m_backupFolders.cend(),
-                    [&](const QString &folder) { return LastPathComponent(folder) == itemName; });
-            if (!expected)
+            if (!(mirror && isFolder))
                 extra.append(itemName);
         }
         if (listing.errorNumber != 0) {
@@ -412,7 +529,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
             std::sort(extra.begin(), extra.end(),
                 [](const QString &a, const QString &b) { return CaseInsensitiveCompare(a, b) == KSOrderedAscending; });
             result.extra = extra;
-            context.reason.clear();
+            context.reason = QStringLiteral("its top level holds items that are not mirrors of the backup folders");
             return fail();
         }
     }
@@ -431,15 +548,46 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
         _CancelAnalysis(context);
         return fail();
     };
-    // The mirror of a backup folder: the first top-level device folder of its name.
+    // The mirror of a backup folder: the top-level device folder of exactly its name (no other
+    // is read). Where the device ignores case, backup folders whose names differ from an earlier
+    // one's only in case have none.
     if (!reader.waitFor(TreeReader::Device, 0, m_cancelAnalysis))
         return cancelled();
+    const std::unique_ptr<ListedFolder> topLevel = reader.take(TreeReader::Device, 0); // its files are no mirror's
+    const bool topIgnoresCase = topLevel && topLevel->ignoresCase;
+    CaseConflicts topConflicts;
     {
         const auto lock = reader.lock();
+        if (topIgnoresCase) {
+            std::vector<std::pair<uint64_t, QString>> backupFolders;
+            QStringList distinct;
+            for (uint64_t i = 1; i <= folderCount; ++i) {
+                const QString name = LastPathComponent(_Name(*sourceTree, i));
+                if (!distinct.contains(name)) { // folders of one name share their mirror
+                    distinct.append(name);
+                    backupFolders.emplace_back(i, name);
+                }
+            }
+            _FindCaseConflicts(backupFolders, nullptr, &topConflicts);
+            // A later folder of a conflicting name conflicts too.
+            std::vector<std::pair<uint64_t, QString>> later;
+            for (uint64_t i = 1; i <= folderCount; ++i) {
+                const QString name = LastPathComponent(_Name(*sourceTree, i));
+                for (const auto &[node, reason] : std::as_const(topConflicts.folders)) {
+                    if (node != i && LastPathComponent(_Name(*sourceTree, node)) == name) {
+                        later.emplace_back(i, reason);
+                        break;
+                    }
+                }
+            }
+            topConflicts.folders.insert(later.begin(), later.end());
+        }
         for (uint64_t i = 1; i <= folderCount; ++i) {
+            if (topConflicts.folders.count(i) != 0)
+                continue;
             const QString name = LastPathComponent(_Name(*sourceTree, i));
             for (uint64_t e = _Entry(*deviceTree, 0)->firstChild; e != kNone; e = _Entry(*deviceTree, e)->nextSibling) {
-                if (CaseInsensitiveCompare(name, _Name(*deviceTree, e)) == KSOrderedSame) {
+                if (name == _Name(*deviceTree, e)) {
                     _Entry(*sourceTree, i)->match = e;
                     _Entry(*deviceTree, e)->match = i;
                     break;
@@ -451,7 +599,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
                 reader.unwanted(e);
         }
     }
-    reader.take(TreeReader::Device, 0); // the top level's files are no mirror's
+    std::unordered_map<uint64_t, QString> folderConflicts = std::move(topConflicts.folders);
 
     QString filesFailure; // reported when the trees themselves were read without one
     // The source tree in order, each folder's subfolders in the order of their names, as the
@@ -459,18 +607,22 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
     struct Visit {
         uint64_t node;
         QString path;
+        bool ignoresCase; // where its mirror is or will be
     };
     std::vector<Visit> toVisit;
     std::vector<BUTransaction::PlaceRef> folderPlaces; // by source tree entry, where files were recorded
     {
         const auto lock = reader.lock();
-        for (uint64_t i = folderCount; i >= 1; --i)
-            toVisit.push_back({i, _Name(*sourceTree, i).toString()});
+        for (uint64_t i = folderCount; i >= 1; --i) {
+            if (folderConflicts.count(i) == 0)
+                toVisit.push_back({i, _Name(*sourceTree, i).toString(), topIgnoresCase});
+        }
     }
     QString rootPath;
     while (!toVisit.empty()) {
         const uint64_t index = toVisit.back().node;
         const QString path = std::move(toVisit.back().path);
+        bool ignoresCase = toVisit.back().ignoresCase;
         toVisit.pop_back();
         if (_CancelAnalysis(context))
             return fail();
@@ -487,10 +639,6 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
             for (uint64_t c = entry.firstChild; c != kNone; c = _Entry(*sourceTree, c)->nextSibling)
                 subfolders.emplace_back(c, _Name(*sourceTree, c).toString());
         }
-        const std::vector<std::size_t> byName = _NameOrder(
-            subfolders.size(), [&subfolders](std::size_t i) -> const QString & { return subfolders[i].second; });
-        for (auto i = byName.rbegin(); i != byName.rend(); ++i)
-            toVisit.push_back({subfolders[*i].first, _Child(path, subfolders[*i].second)});
         if (entry.parent == 0)
             rootPath = _ParentPath(path);
         std::unique_ptr<ListedFolder> deviceFolder;
@@ -500,18 +648,12 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
                 return cancelled();
             {
                 const auto lock = reader.lock();
-                _MatchSubfolders(*sourceTree, index, *deviceTree, entry.match);
-                for (uint64_t e = _Entry(*deviceTree, entry.match)->firstChild; e != kNone;
-                     e = _Entry(*deviceTree, e)->nextSibling) {
-                    if (_Entry(*deviceTree, e)->match == kNone)
-                        reader.unwanted(e); // deleted whole
-                }
                 devicePath = _DeviceFolderPath(*deviceTree, entry.match);
             }
             deviceFolder = reader.take(TreeReader::Device, entry.match);
             if (!deviceFolder) {
-                // Taken by an earlier source folder of the same name but for case, or let go when
-                // that folder's subfolders did not match it: read again.
+                // Taken by an earlier backup folder of the same name, or let go when that folder's
+                // subfolders did not match it: read again.
                 deviceFolder = std::make_unique<ListedFolder>();
                 std::vector<FoundFolder> subfolders;
                 uint32_t otherItems = 0;
@@ -523,14 +665,35 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
             } else if (deviceFolder->treeFailed) {
                 break;
             }
-            if (deviceFolder->filesFailed) {
-                filesFailure = deviceFolder->filesReason;
-                break;
+            ignoresCase = deviceFolder->ignoresCase;
+        }
+        CaseConflicts conflicts;
+        if (ignoresCase) {
+            _FindCaseConflicts(subfolders, source.get(), &conflicts);
+            folderConflicts.insert(conflicts.folders.begin(), conflicts.folders.end());
+        }
+        if (entry.match != kNone) {
+            const auto lock = reader.lock();
+            _MatchFolders(*sourceTree, index, *deviceTree, entry.match, ignoresCase, conflicts);
+            for (uint64_t e = _Entry(*deviceTree, entry.match)->firstChild; e != kNone;
+                 e = _Entry(*deviceTree, e)->nextSibling) {
+                if (_Entry(*deviceTree, e)->match == kNone)
+                    reader.unwanted(e); // deleted whole
             }
+        }
+        const std::vector<std::size_t> byName = _NameOrder(
+            subfolders.size(), [&subfolders](std::size_t i) -> const QString & { return subfolders[i].second; });
+        for (auto i = byName.rbegin(); i != byName.rend(); ++i) {
+            if (conflicts.folders.count(subfolders[*i].first) == 0)
+                toVisit.push_back({subfolders[*i].first, _Child(path, subfolders[*i].second), ignoresCase});
+        }
+        if (deviceFolder && deviceFolder->filesFailed) {
+            filesFailure = deviceFolder->filesReason;
+            break;
         }
         BUTransaction::PlaceRef place; // made with the first transaction
         if (!_RecordFilesInFolder(
-                context, path, rootPath, entry.parent == 0, *source, deviceFolder.get(), devicePath, place))
+                context, path, rootPath, entry.parent == 0, *source, deviceFolder.get(), devicePath, conflicts, place))
             return fail();
         if (place) {
             if (folderPlaces.size() <= index)
@@ -578,7 +741,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
         return fail();
     }
 
-    if (!_RecordFolders(context, *sourceTree, *deviceTree, false, folderPlaces)
+    if (!_RecordFolders(context, *sourceTree, *deviceTree, false, folderPlaces, folderConflicts)
         || !_RecordFolders(context, *deviceTree, *sourceTree, true))
         return fail();
     folderPlaces = {};

@@ -12,9 +12,15 @@
 #include "backup/BUIgnoreRule.h"
 #include "keelson/KSAsyncOperation.h"
 
+#include <QHash>
 #include <QStringList>
 
 #include <atomic>
+
+// Copies that the device cannot hold beside an item of the same name but for case (a device that
+// ignores case): the source path, and the reason its transaction fails instead of replacing the
+// other item. Filled by the analysis with g_transactions, read by the backup that carries them out.
+extern QHash<QString, QString> g_caseConflicts;
 
 class BUAnalyzeOperation : public KSAsyncOperation {
 public:

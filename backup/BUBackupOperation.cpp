@@ -1,5 +1,7 @@
 #include "backup/BUBackupOperation.h"
 
+#include "backup/BUAnalyzeOperation.h"
+
 #include "backup/BUDeviceRoot.h"
 #include "backup/BUDevices.h"
 #include "backup/BUFileCopier.h"
@@ -31,6 +33,7 @@
 namespace {
 
 const QString kInternalError = QStringLiteral("Internal logic error");
+constexpr uint32_t kAlreadyFailed = 3; // beside the three actions
 constexpr qint64 kReportInterval = 40; // milliseconds between bundles of progress reports
 
 // RAII for a descriptor.
@@ -173,9 +176,9 @@ private:
     {
         const int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
         const QByteArray name = FileNameToBytes(path);
-        int fd = ::open(name.constData(), flags | O_NOATIME);
+        int fd = OpenLongPath(AT_FDCWD, name.constData(), flags | O_NOATIME);
         if (fd < 0 && errno == EPERM)
-            fd = ::open(name.constData(), flags);
+            fd = OpenLongPath(AT_FDCWD, name.constData(), flags);
         if (fd < 0)
             return;
         struct stat status;
@@ -293,27 +296,40 @@ int _OpenSourceFolder(const QByteArray &path, const QString &root)
     while (prefix.endsWith('/'))
         prefix.chop(1);
     if (path == prefix || (prefix.isEmpty() && path == "/"))
-        return ::open(path.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+        return OpenLongPath(AT_FDCWD, path.constData(), O_PATH | O_DIRECTORY);
     if (root.isEmpty() || !path.startsWith(prefix + '/') || path.size() <= prefix.size() + 1) {
         errno = EINVAL;
         return -1;
     }
-    const qsizetype slash = path.indexOf('/', prefix.size() + 1);
-    const QByteArray folder = slash < 0 ? path : path.left(slash);
-    const int fd = ::open(folder.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0 || slash < 0)
-        return fd;
+    qsizetype slash = path.indexOf('/', prefix.size() + 1);
+    int fd = OpenLongPath(AT_FDCWD, (slash < 0 ? path : path.left(slash)).constData(), O_PATH | O_DIRECTORY);
     open_how how = {};
     how.flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
-    long below = -1;
-    // EAGAIN: a rename raced with the lookup; the kernel asks for a retry.
-    for (int attempt = 0; attempt < 8 && (attempt == 0 || errno == EAGAIN); ++attempt)
-        below = ::syscall(SYS_openat2, fd, path.constData() + slash + 1, &how, sizeof how);
-    const int saved = errno;
-    ::close(fd);
-    errno = saved;
-    return int(below);
+    // The rest a part of at most kPathPart bytes at a time, each below the last.
+    while (fd >= 0 && slash >= 0) {
+        const qsizetype start = slash + 1;
+        qsizetype end = path.size();
+        if (end - start >= qsizetype(kPathPart)) {
+            end = path.lastIndexOf('/', start + qsizetype(kPathPart) - 1);
+            if (end <= start) {
+                ::close(fd);
+                errno = ENAMETOOLONG;
+                return -1;
+            }
+        }
+        const QByteArray part = path.mid(start, end - start);
+        long below = -1;
+        // EAGAIN: a rename raced with the lookup; the kernel asks for a retry.
+        for (int attempt = 0; attempt < 8 && (attempt == 0 || errno == EAGAIN); ++attempt)
+            below = ::syscall(SYS_openat2, fd, part.constData(), &how, sizeof how);
+        const int saved = errno;
+        ::close(fd);
+        errno = saved;
+        fd = int(below);
+        slash = end < path.size() ? end : -1;
+    }
+    return fd;
 }
 
 // A path that reaches an item through the open folder holding it, without resolving the
@@ -453,7 +469,7 @@ QString _TargetFilePath(const BUTransaction &transaction, const QString &deviceR
 {
     const QString &path = transaction.path();
     const QString &root = transaction.rootPath();
-    if (!root.isNull() && path.startsWith(root) && !path.startsWith(deviceRoot)) {
+    if (!root.isNull() && PathIsInside(path, root) && !PathIsInside(path, deviceRoot)) {
         qsizetype start = root.size();
         while (start < path.size() && path[start] == u'/')
             ++start;
@@ -511,7 +527,7 @@ QString _UpdateItem(BackupRun &run, const BUTransaction &transaction, QString *f
         return _ErrorStringFromError(run, error, QString());
     const QString relative = run.device.relativePath(devicePath);
     QByteArray name;
-    const int parentFd = run.deviceParent(relative, &name, true, &error);
+    const int parentFd = run.deviceParent(relative, &name, run.device.kind().ignoresCase, &error);
     if (parentFd < 0)
         return _ErrorStringFromError(run, BUError::deviceWrite(error.code), devicePath);
     // The analysis matched names without regard to case: the device item may be spelled
@@ -560,7 +576,7 @@ QString _CopyFolder(BackupRun &run, const BUTransaction &transaction, QString *f
     const QString relative = run.device.relativePath(devicePath);
     BUError error;
     QByteArray name;
-    const int parentFd = run.deviceParent(relative, &name, true, &error);
+    const int parentFd = run.deviceParent(relative, &name, run.device.kind().ignoresCase, &error);
     _OpenUpForChange(run, parentFd, relative);
     bool made = parentFd >= 0 && ::mkdirat(parentFd, name.constData(), 0777) == 0;
     if (!made && parentFd >= 0 && errno == EEXIST) {
@@ -608,7 +624,7 @@ QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fat
     const QString relative = run.device.relativePath(devicePath);
     QByteArray name;
     BUError error;
-    const int parentFd = run.deviceParent(relative, &name, true, &error);
+    const int parentFd = run.deviceParent(relative, &name, run.device.kind().ignoresCase, &error);
     if (parentFd < 0 && CocoaDomainErrorCode(error) != kNoSuchFileError)
         return _ErrorStringFromError(run, error, devicePath);
     if (parentFd >= 0) {
@@ -920,7 +936,12 @@ bool BUBackupOperation::performOperation()
         run.row = uint32_t(i);
         QString text;
         lastWasFileCopy = false;
-        switch (transaction.action()) {
+        // A copy that the device can't hold beside its namesake fails without touching either.
+        if (transaction.action() == BUTransaction::kCopy && !g_caseConflicts.isEmpty())
+            text = g_caseConflicts.value(transaction.path());
+        switch (text.isNull() ? transaction.action() : kAlreadyFailed) {
+        case kAlreadyFailed:
+            break;
         case BUTransaction::kUpdate:
             text = _UpdateItem(run, transaction, &fatal);
             break;

@@ -4,7 +4,9 @@
 #include "keelson/KSLog.h"
 #include "keelson/KSStrings.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -14,11 +16,53 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
+int _OpenBeneathOnce(int folderFd, const char *relative, int flags);
+
+// A path longer than one open takes (PATH_MAX) is opened a part at a time, each part beneath the
+// folder the last one opened, so that depth is limited by nothing but the file system; at most two
+// descriptors are open at once.
 int _OpenBeneath(int folderFd, const char *relative, int flags)
+{
+    constexpr std::size_t kPart = 2048;
+    std::size_t length = std::strlen(relative);
+    int base = folderFd;
+    auto closeBase = [&base, folderFd] {
+        if (base != folderFd) {
+            const int saved = errno;
+            ::close(base);
+            errno = saved;
+        }
+    };
+    while (length >= kPart) {
+        std::size_t cut = kPart - 1;
+        while (cut > 0 && relative[cut] != '/')
+            --cut;
+        if (cut == 0) {
+            closeBase();
+            errno = ENAMETOOLONG;
+            return -1;
+        }
+        const QByteArray part(relative, qsizetype(cut));
+        const int next = _OpenBeneathOnce(base, part.constData(), O_PATH | O_DIRECTORY);
+        closeBase();
+        if (next < 0)
+            return -1;
+        base = next;
+        relative += cut + 1;
+        length -= cut + 1;
+    }
+    const int fd = _OpenBeneathOnce(base, relative, flags);
+    closeBase();
+    return fd;
+}
+
+int _OpenBeneathOnce(int folderFd, const char *relative, int flags)
 {
     open_how how = {};
     how.flags = uint64_t(flags | O_CLOEXEC | O_NOFOLLOW);
@@ -243,60 +287,130 @@ QByteArray NameIgnoringCase(int folderFd, const QByteArray &wanted, bool folder)
 
 bool RemoveItemAt(int folderFd, const char *name, BUError *error)
 {
-    auto fail = [error](const BUError &value) {
+    auto failWith = [error](const BUError &value) {
         if (error)
             *error = value;
         return false;
     };
+    auto fail = [&failWith](int errorNumber) { return failWith(BUError::posix(errorNumber)); };
     // Unlinking asks nothing of the item itself, so nothing of it is changed first: an old copy
     // may share its inode with names outside the device (a snapshot of hard links), whose modes
-    // and flags are not the device's to change.
-    if (::unlinkat(folderFd, name, 0) == 0)
-        return true;
-    int unlinkError = errno;
-    if (unlinkError == EACCES && _OpenUpFolder(folderFd)) {
-        if (::unlinkat(folderFd, name, 0) == 0)
+    // and flags are not the device's to change. What stands in the way is cleared: a folder its
+    // owner may not change is opened up, and an immutable or append-only item loses the flag.
+    auto unlinkItem = [](int parentFd, const char *child) {
+        if (::unlinkat(parentFd, child, 0) == 0)
             return true;
-        unlinkError = errno;
-    }
-    if (unlinkError != EISDIR && unlinkError != EPERM)
-        return fail(BUError::posix(unlinkError));
-    struct statx status;
-    if (::statx(folderFd, name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_TYPE | STATX_MODE, &status) != 0)
-        return fail(BUError::posix(errno));
-    if (status.stx_attributes & STATX_ATTR_MOUNT_ROOT)
-        return fail(BUError::otherFileSystem());
-    const bool flagged = status.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND);
-    if (!S_ISDIR(status.stx_mode)) {
-        // An immutable or append-only item can only go once the flag is cleared (best effort).
-        if (!flagged)
-            return fail(BUError::posix(unlinkError));
-        ClearImmutableFlags(folderFd, name);
-        return ::unlinkat(folderFd, name, 0) == 0 || fail(BUError::posix(errno));
-    }
-    // A folder is the device's own (no other name shares it): it is cleared of its flags and
-    // opened up to its owner, so that what it holds can go.
-    if (flagged)
-        ClearImmutableFlags(folderFd, name);
-    int fd = OpenItemAt(folderFd, name, O_RDONLY | O_DIRECTORY);
-    if (fd < 0 && errno == EACCES
-        && ::fchmodat(folderFd, name, (status.stx_mode & 07777) | S_IRWXU, AT_SYMLINK_NOFOLLOW) == 0)
-        fd = OpenItemAt(folderFd, name, O_RDONLY | O_DIRECTORY);
-    if (fd < 0)
-        return fail(_FolderError(errno));
-    _OpenUpFolder(fd);
-    QList<QByteArray> names;
-    bool ok = _ListFolder(fd, &names);
-    if (!ok)
-        ok = fail(BUError::posix(errno));
-    for (const QByteArray &child : std::as_const(names)) {
-        if (!(ok = RemoveItemAt(fd, child.constData(), error)))
-            break;
-    }
-    ::close(fd);
-    if (!ok)
+        if (errno == EACCES && _OpenUpFolder(parentFd) && ::unlinkat(parentFd, child, 0) == 0)
+            return true;
+        if (errno != EPERM)
+            return false;
+        struct statx status;
+        if (::statx(parentFd, child, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_TYPE, &status) != 0
+            || S_ISDIR(status.stx_mode) || !(status.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND))) {
+            errno = EPERM;
+            return false;
+        }
+        ClearImmutableFlags(parentFd, child);
+        return ::unlinkat(parentFd, child, 0) == 0;
+    };
+    if (unlinkItem(folderFd, name))
+        return true;
+    if (errno != EISDIR && errno != EPERM)
+        return fail(errno);
+    // A folder: walked down and back up holding only the folder being emptied, whatever the depth.
+    // Going up goes through "..", and each parent must be the folder that was come from.
+    struct Level {
+        QByteArray name; // in its parent
+        dev_t device;
+        ino_t inode;
+        QList<QByteArray> names; // what it held when listed, the next to remove first
+    };
+    std::vector<Level> levels;
+    int current = -1;
+    auto enter = [&](int parentFd, const QByteArray &child, int unlinkError) {
+        // Another file system mounted here is never entered. A folder is the device's own (no
+        // other name shares it): it loses its flags and is opened up to its owner, so that what it
+        // holds can go.
+        struct statx before;
+        if (::statx(
+                parentFd, child.constData(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_TYPE | STATX_MODE, &before)
+            != 0)
+            return fail(errno);
+        if (before.stx_attributes & STATX_ATTR_MOUNT_ROOT)
+            return failWith(BUError::otherFileSystem());
+        if (!S_ISDIR(before.stx_mode))
+            return fail(unlinkError);
+        if (before.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND))
+            ClearImmutableFlags(parentFd, child.constData());
+        int fd = OpenItemAt(parentFd, child.constData(), O_RDONLY | O_DIRECTORY);
+        if (fd < 0 && errno == EACCES
+            && ::fchmodat(parentFd, child.constData(), (before.stx_mode & 07777) | S_IRWXU, AT_SYMLINK_NOFOLLOW) == 0)
+            fd = OpenItemAt(parentFd, child.constData(), O_RDONLY | O_DIRECTORY);
+        if (fd < 0)
+            return failWith(_FolderError(errno == ENOTDIR ? unlinkError : errno));
+        _OpenUpFolder(fd);
+        struct statx status;
+        if (::statx(fd, "", AT_EMPTY_PATH, STATX_TYPE | STATX_INO, &status) != 0) {
+            const int saved = errno;
+            ::close(fd);
+            return fail(saved);
+        }
+        Level level {child, makedev(status.stx_dev_major, status.stx_dev_minor), ino_t(status.stx_ino), {}};
+        if (!_ListFolder(fd, &level.names)) {
+            const int saved = errno;
+            ::close(fd);
+            return fail(saved);
+        }
+        std::reverse(level.names.begin(), level.names.end());
+        if (current >= 0 && current != folderFd)
+            ::close(current);
+        current = fd;
+        levels.push_back(std::move(level));
+        return true;
+    };
+    auto finish = [&](bool ok) {
+        if (current >= 0)
+            ::close(current);
+        return ok;
+    };
+    if (!enter(folderFd, QByteArray(name), errno))
         return false;
-    return ::unlinkat(folderFd, name, AT_REMOVEDIR) == 0 || fail(BUError::posix(errno));
+    while (!levels.empty()) {
+        Level &level = levels.back();
+        if (!level.names.isEmpty()) {
+            const QByteArray child = level.names.takeLast();
+            if (unlinkItem(current, child.constData()))
+                continue;
+            if (errno != EISDIR && errno != EPERM)
+                return finish(fail(errno));
+            const int fd = current;
+            current = -1; // enter() leaves it open as the parent: closed below
+            const bool entered = enter(fd, child, errno);
+            ::close(fd);
+            if (!entered)
+                return finish(false);
+            continue;
+        }
+        // Empty: climb to its parent and remove it there.
+        const QByteArray emptied = level.name;
+        levels.pop_back();
+        int parent = folderFd;
+        if (!levels.empty()) {
+            parent = ::openat(current, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            struct stat status;
+            if (parent < 0 || ::fstat(parent, &status) != 0 || status.st_dev != levels.back().device
+                || status.st_ino != levels.back().inode) {
+                if (parent >= 0)
+                    ::close(parent);
+                return finish(fail(ESTALE)); // moved while it was being removed
+            }
+        }
+        ::close(current);
+        current = parent == folderFd ? -1 : parent;
+        if (::unlinkat(parent, emptied.constData(), AT_REMOVEDIR) != 0)
+            return finish(fail(errno));
+    }
+    return finish(true);
 }
 
 void GiveUserFilePermissions(int folderFd, const char *name, const QString &path)

@@ -223,6 +223,8 @@ BUVolumeKind VolumeKindForFileSystem(const QString &fileSystemType)
     BUVolumeKind kind;
     kind.holdsOwnership = !limited.contains(fileSystemType);
     kind.twoSecondTimes = twoSeconds.contains(fileSystemType);
+    kind.ignoresCase = limited.contains(fileSystemType) && fileSystemType != u"ntfs";
+    kind.mayFoldCase = fileSystemType == u"ext4" || fileSystemType == u"f2fs";
     kind.reservesSpaceCheaply = fileSystemType != u"tmpfs" && fileSystemType != u"ramfs";
     return kind;
 }

@@ -77,6 +77,10 @@ void ReadAttributeDigest(int folderFd, const char *name, FileStats *stats);
 struct BUVolumeKind {
     bool holdsOwnership = true; // modes, owners and extended attributes
     bool twoSecondTimes = false; // content times kept in 2-second steps
+    // Names that differ only in case are one name: items are matched without regard to case.
+    bool ignoresCase = false;
+    // Folders may be made to ignore case one by one (the casefold flag).
+    bool mayFoldCase = false;
     // Space reserved ahead (fallocate) is only marked as such. Memory file systems fill it with
     // zeroed pages instead, which costs as much as writing the data a second time.
     bool reservesSpaceCheaply = true;

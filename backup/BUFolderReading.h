@@ -7,9 +7,11 @@
 #include "keelson/KSStrings.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <string>
 #include <sys/syscall.h>
 #include <system_error>
 #include <thread>
@@ -26,6 +28,50 @@ template <typename Work> bool StartHelperThread(std::thread &thread, Work &&work
     } catch (const std::system_error &) {
         return false;
     }
+}
+
+// The length of path that one open takes at most: a longer path is opened a part at a time.
+inline constexpr std::size_t kPathPart = 2048;
+
+// Opens a path of any length (beyond PATH_MAX), a part of at most kPathPart bytes at a time, each
+// part below the folder that the last one opened; at most two descriptors are open at once. The
+// parts before the last are folders, followed as an open of the whole path would follow them.
+inline int OpenLongPath(int folderFd, const char *path, int flags)
+{
+    std::size_t length = std::strlen(path);
+    int base = folderFd;
+    while (length >= kPathPart) {
+        std::size_t cut = kPathPart - 1;
+        while (cut > 0 && path[cut] != '/')
+            --cut;
+        if (cut == 0) {
+            if (base != folderFd)
+                ::close(base);
+            errno = ENAMETOOLONG; // one name longer than a part: no file system has one
+            return -1;
+        }
+        const std::string part(path, cut);
+        const int next = ::openat(base, part.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+        const int saved = errno;
+        if (base != folderFd)
+            ::close(base);
+        if (next < 0) {
+            errno = saved;
+            return -1;
+        }
+        base = next;
+        while (path[cut] == '/')
+            ++cut;
+        path += cut;
+        length -= cut;
+    }
+    const int fd = ::openat(base, path, flags | O_CLOEXEC);
+    if (base != folderFd) {
+        const int saved = errno;
+        ::close(base);
+        errno = saved;
+    }
+    return fd;
 }
 
 // A folder's entries in listing order, read from an open descriptor that it owns.

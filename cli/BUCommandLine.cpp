@@ -47,9 +47,28 @@ const Command kCommands[] = {
         "                                holds is refused unless --yes is given.\n"
         "                                Exit status: 0 done, 1 some actions failed, 2 error, 3 the\n"
         "                                device holds other items at its top level, 130 canceled.\n"},
+    {"help", RunHelpCommand,
+        "  help                          List the topics of the manual.\n"
+        "  help TOPIC                    Show the first topic whose name begins with TOPIC (any case).\n"
+        "  help --search WORDS           List the topics that hold all the words, with the line that\n"
+        "                                holds them. Exit status 2 when nothing matches. With\n"
+        "                                --file PATH, read another help package.\n"
+        "  help --check PATH [--json]    Load a help package (a .TWwrite folder) or a single help file as\n"
+        "                                the help window does; print its topic outline and counts, or\n"
+        "                                with --json the whole loaded document. Exit status 2 when it\n"
+        "                                cannot be read (\"Can't read help file: REASON\" on stderr).\n"},
+    {"check-updates", RunCheckUpdatesCommand,
+        "  check-updates [--json]        Ask the Tannerwick downloads page whether a newer version exists.\n"
+        "                                Exit status: 0 this is the newest, 10 an update exists, 2 the\n"
+        "                                check failed.\n"},
+    {"news", RunNewsCommand,
+        "  news [--json]                 Print the Tannerwick news not shown before, and remember it as\n"
+        "                                shown. Exit status: 0 done, 2 the check failed.\n"},
 };
 
-void PrintHelp(std::FILE *stream)
+} // namespace
+
+QString CommandLineHelp()
 {
     QString text
         = QStringLiteral("Usage: tanner-backup COMMAND [ARGUMENTS]\n"
@@ -69,10 +88,8 @@ void PrintHelp(std::FILE *stream)
                            "2 starts with, 3 ends with. Matching ignores case.\n"
                            "\n"
                            "Settings are kept in $XDG_CONFIG_HOME/Tannerwick/Tanner Backup.conf.");
-    PrintLine(stream, text);
+    return text;
 }
-
-} // namespace
 
 void PrintLine(std::FILE *stream, const QString &text)
 {
@@ -103,9 +120,8 @@ int RunCommandLine(int argc, char **argv)
             invocation.args.append(arg);
     }
 
-    if (invocation.command.isEmpty() || invocation.command == u"--help" || invocation.command == u"-h"
-        || invocation.command == u"help") {
-        PrintHelp(stdout);
+    if (invocation.command.isEmpty() || invocation.command == u"--help" || invocation.command == u"-h") {
+        PrintLine(stdout, CommandLineHelp());
         return kExitOk;
     }
     if (invocation.command == u"--version") {
@@ -113,6 +129,8 @@ int RunCommandLine(int argc, char **argv)
         PrintLine(stdout, g_appName + u' ' + g_appVersionString);
         return kExitOk;
     }
+    if (invocation.command == u"__complete")
+        return RunCompleteCommand(invocation);
     const Command *found = nullptr;
     for (const Command &command : kCommands) {
         if (invocation.command == QLatin1String(command.name))

@@ -10,6 +10,10 @@
 // Runs `tanner-backup ARGS...`; returns the process exit status.
 int RunCommandLine(int argc, char **argv);
 
+// The text of `tanner-backup --help`: every command's usage and what it does. The manual page and
+// the shell completion are made from it, so they list the same commands.
+QString CommandLineHelp();
+
 // Writes a line as the bytes it stands for (names outside UTF-8 come out as they are on disk).
 void PrintLine(std::FILE *stream, const QString &text);
 // An error for the user on stderr: "tanner-backup: MESSAGE", and the explanation when given.
@@ -31,3 +35,11 @@ int RunDevicesCommand(const BUCommandArgs &invocation);
 int RunLogsCommand(const BUCommandArgs &invocation);
 int RunAnalyzeCommand(const BUCommandArgs &invocation);
 int RunBackupCommand(const BUCommandArgs &invocation);
+int RunHelpCommand(const BUCommandArgs &invocation);
+int RunCheckUpdatesCommand(const BUCommandArgs &invocation);
+int RunNewsCommand(const BUCommandArgs &invocation);
+// Hidden: `__complete [WORD...]` prints what may follow the words typed so far, one a line (used
+// by the bash completion).
+int RunCompleteCommand(const BUCommandArgs &invocation);
+// help without --check: the topics of the application's help (cli/HelpTopicCommands.cpp).
+int RunHelpTopicsCommand(const BUCommandArgs &invocation);

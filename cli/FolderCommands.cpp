@@ -3,14 +3,34 @@
 #include "keelson/KSStrings.h"
 
 #include <QDir>
-#include <QFileInfo>
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <sys/stat.h>
 
 namespace {
+
+// Folder paths are names like any other: bytes that need not be UTF-8 ("Caf\xe9"), never re-encoded.
+bool _IsFolder(const QString &path)
+{
+    struct stat status;
+    return ::stat(FileNameToBytes(path).constData(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// The real folder, links resolved; null when it cannot be found.
+QString _CanonicalPath(const QString &path)
+{
+    char resolved[PATH_MAX];
+    if (!::realpath(FileNameToBytes(path).constData(), resolved))
+        return QString();
+    return FileNameFromBytes(QByteArrayView(resolved, qsizetype(std::strlen(resolved))));
+}
 
 int ListFolders()
 {
     for (const QString &folder : std::as_const(BUAppController::sharedInstance().backupFolders())) {
-        if (QFileInfo(folder).isDir())
+        if (_IsFolder(folder))
             PrintLine(stdout, folder);
         else
             PrintLine(stdout, folder + QStringLiteral("\t(missing)"));
@@ -27,15 +47,14 @@ int AddFolders(const QStringList &paths)
     int status = kExitOk;
     QStringList accepted;
     for (const QString &path : paths) {
-        const QFileInfo info(path);
-        if (!info.isDir()) {
+        if (!_IsFolder(path)) {
             PrintError(
                 QStringLiteral("Can't add a backup folder."), QStringLiteral("\"%1\" is not a folder.").arg(path));
             status = kExitFailed;
             continue;
         }
         // Like the folder chooser: links resolved, the real folder is what gets backed up.
-        const QString canonical = info.canonicalFilePath();
+        const QString canonical = _CanonicalPath(path);
         if (canonical == u"/") {
             PrintError(QStringLiteral("Can't add a backup folder."),
                 QStringLiteral("The root folder has no name to mirror on the backup device."));

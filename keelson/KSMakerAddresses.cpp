@@ -34,3 +34,13 @@ QString WebsiteHostName()
 {
     return QUrl(HomePageUrl()).host();
 }
+
+QString DownloadsPageUrl()
+{
+    return Setting("ks.downloadsPage", "https://www.tannerwick.com/downloads");
+}
+
+QString NewsPageUrl()
+{
+    return Setting("ks.newsPage", "https://www.tannerwick.com/news");
+}

@@ -9,3 +9,5 @@ QString SupportMailAddress(); // "ks.supportAddress"
 QString HomePageUrl(); // "ks.homePage"
 QString DonationPageUrl(); // "ks.donationPage"
 QString WebsiteHostName(); // the host of the home page
+QString DownloadsPageUrl(); // "ks.downloadsPage": the listing the update check scans
+QString NewsPageUrl(); // "ks.newsPage"

@@ -174,6 +174,15 @@ QString DeletingPathExtension(QStringView name)
     return dot < 0 ? last : last.first(dot);
 }
 
+bool PathIsInside(QStringView path, QStringView folder)
+{
+    while (folder.size() > 1 && folder.endsWith(u'/'))
+        folder.chop(1);
+    if (!path.startsWith(folder))
+        return false;
+    return path.size() == folder.size() || folder.endsWith(u'/') || path[folder.size()] == u'/';
+}
+
 QString FileNameFromBytes(QByteArrayView bytes)
 {
     const auto *data = reinterpret_cast<const unsigned char *>(bytes.data());
@@ -187,16 +196,24 @@ QString FileNameFromBytes(QByteArrayView bytes)
     QString out;
     out.reserve(size);
     out.append(QString::fromLatin1(bytes.data(), i));
+    // Decoded here rather than by QString::fromUtf8, which drops U+FEFF at the start of a run as
+    // a byte-order mark: a name is text, never a stream with a mark.
     while (i < size) {
-        const qsizetype runStart = i;
-        int length;
-        while (i < size && (length = ValidUtf8Length(data, i, size)) > 0)
-            i += length;
-        if (i > runStart)
-            out.append(QString::fromUtf8(bytes.data() + runStart, i - runStart));
-        if (i < size) {
+        const int length = ValidUtf8Length(data, i, size);
+        if (length == 0) {
             out.append(QChar(char16_t(0xDC80 + (data[i] - 0x80))));
             ++i;
+            continue;
+        }
+        char32_t code = length == 1 ? data[i] : data[i] & (0x7F >> length);
+        for (int k = 1; k < length; ++k)
+            code = (code << 6) | (data[i + k] & 0x3F);
+        i += length;
+        if (code < 0x10000) {
+            out.append(QChar(char16_t(code)));
+        } else {
+            out.append(QChar(QChar::highSurrogate(code)));
+            out.append(QChar(QChar::lowSurrogate(code)));
         }
     }
     return out;

@@ -40,6 +40,9 @@ int TypeOfChar(char16_t unit);
 
 // Path pieces, as the rule matching and the folder list see them.
 QString LastPathComponent(QStringView path);
+// Whether path is folder or lies below it, by whole components: "/media/B2/x" is not inside
+// "/media/B". Both are absolute paths without "." or ".." components.
+bool PathIsInside(QStringView path, QStringView folder);
 // Text after the last "." of the last path component; empty when there is none.
 QString PathExtension(QStringView name);
 // The name without "." + PathExtension; the name itself when it has no dot.

@@ -720,6 +720,11 @@ qint64 KSXmlDecoder::integerAttributeForTag(const QString &name) const
     return _IntegerReading(m_attributes.value(name));
 }
 
+qint64 KSXmlDecoder::integerReading(QStringView s)
+{
+    return _IntegerReading(s);
+}
+
 qint64 KSXmlDecoder::integerValue() const
 {
     return _IntegerReading(m_value);

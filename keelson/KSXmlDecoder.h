@@ -73,6 +73,9 @@ public:
     // Index of the first entry of `values` equal to `string` ignoring case; 0 when the string is
     // empty, the table is empty or nothing matches (tables put their default first).
     static int decodeValue(QStringView string, std::span<const QStringView> values);
+    // The platform's integer reading of a text: leading white space, an optional sign, decimal
+    // digits up to the first other unit; saturates on overflow; 0 when there are no digits.
+    static qint64 integerReading(QStringView s);
 
     // Advances to the next tag; false at the end of the document or on an error.
     bool getNextTag();

@@ -5,7 +5,8 @@ set -eu
 PACKAGES="cmake ninja-build g++ pkg-config
 qt6-base-dev qt6-base-dev-tools qt6-speech-dev libgl-dev libgtest-dev
 clang libclang-rt-14-dev clang-format
-util-linux mount e2fsprogs rsync time python3 xvfb xauth dbus-x11 fusefat exfat-fuse exfatprogs dosfstools attr"
+util-linux mount e2fsprogs rsync time python3 xvfb xauth dbus-x11 fusefat exfat-fuse exfatprogs dosfstools attr
+lintian desktop-file-utils appstream man-db"
 
 missing=""
 for package in $PACKAGES; do

@@ -1,6 +1,7 @@
 #!/bin/sh
 # Builds and runs the whole test suite: a normal build, the format check, and a second build
-# under AddressSanitizer and UndefinedBehaviorSanitizer.
+# under AddressSanitizer and UndefinedBehaviorSanitizer; in CI (CI set) also the Debian package
+# (scripts/package-test.sh).
 set -eu
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -23,4 +24,8 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:ha
     LSAN_OPTIONS=suppressions="$PWD/tests/lsan.supp":print_suppressions=0 \
     ctest --test-dir build-sanitize --output-on-failure -j "$jobs" --timeout 900
 scripts/fuzz.sh 60
+if [ -n "${CI:-}" ]; then
+    echo "== the Debian package"
+    scripts/package-test.sh
+fi
 echo "== all tests passed"

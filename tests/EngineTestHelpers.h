@@ -16,12 +16,17 @@
 #include <QDir>
 #include <QEventLoop>
 #include <QFile>
+#include <QProcess>
 #include <QTimer>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <functional>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <iostream>
+#include <map>
 
 namespace tanner::test {
 
@@ -86,6 +91,88 @@ inline QStringList TreeState(const QString &root)
     };
     walk(QByteArray());
     return lines;
+}
+
+// How a mirror differs from its source, walked relative to open folders (so that depth is no limit),
+// names as bytes: each line a relative path and what is wrong. Names beginning with "." take no
+// part on either side (the sources' are never backed up, the device's are the program's own), nor
+// do the source's links and other special items, which are never copied.
+inline QStringList MirrorDifferences(int sourceFd, int mirrorFd, const QByteArray &at = {})
+{
+    struct Item {
+        unsigned char type;
+    };
+    auto list = [](int fd, bool specialsToo) {
+        std::map<QByteArray, Item> items;
+        DIR *folder = ::fdopendir(::dup(fd));
+        if (!folder)
+            return items;
+        while (const dirent *entry = ::readdir(folder)) {
+            if (entry->d_name[0] == '.')
+                continue;
+            struct stat status = {};
+            ::fstatat(fd, entry->d_name, &status, AT_SYMLINK_NOFOLLOW);
+            const unsigned char type = S_ISDIR(status.st_mode) ? DT_DIR : S_ISREG(status.st_mode) ? DT_REG : DT_UNKNOWN;
+            if (type != DT_UNKNOWN || specialsToo)
+                items.emplace(QByteArray(entry->d_name), Item {type});
+        }
+        ::closedir(folder);
+        return items;
+    };
+    auto content = [](int fd, const QByteArray &name) {
+        QByteArray data;
+        const int file = ::openat(fd, name.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+        if (file < 0)
+            return QByteArray("<unreadable>");
+        char buffer[65536];
+        for (ssize_t n; (n = ::read(file, buffer, sizeof buffer)) > 0;)
+            data.append(buffer, n);
+        ::close(file);
+        return data;
+    };
+    QStringList differences;
+    const auto source = list(sourceFd, false);
+    const auto mirror = list(mirrorFd, true);
+    for (const auto &[name, item] : mirror) {
+        if (source.find(name) == source.end())
+            differences.append(FileNameFromBytes(at + name) + QStringLiteral(": only on the device"));
+    }
+    for (const auto &[name, item] : source) {
+        const QString path = FileNameFromBytes(at + name);
+        const auto found = mirror.find(name);
+        if (found == mirror.end()) {
+            differences.append(path + QStringLiteral(": missing on the device"));
+        } else if (found->second.type != item.type) {
+            differences.append(path + QStringLiteral(": of another type"));
+        } else if (item.type == DT_REG) {
+            if (content(sourceFd, name) != content(mirrorFd, name))
+                differences.append(path + QStringLiteral(": other content"));
+        } else {
+            const int s = ::openat(sourceFd, name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+            const int m = ::openat(mirrorFd, name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+            if (s < 0 || m < 0)
+                differences.append(path + QStringLiteral(": cannot be opened"));
+            else
+                differences += MirrorDifferences(s, m, at + name + '/');
+            if (s >= 0)
+                ::close(s);
+            if (m >= 0)
+                ::close(m);
+        }
+    }
+    return differences;
+}
+
+inline QStringList MirrorDifferences(const QString &source, const QString &mirror)
+{
+    const int s = ::open(FileNameToBytes(source).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int m = ::open(FileNameToBytes(mirror).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    QStringList differences = s >= 0 && m >= 0 ? MirrorDifferences(s, m) : QStringList {QStringLiteral("no folder")};
+    if (s >= 0)
+        ::close(s);
+    if (m >= 0)
+        ::close(m);
+    return differences;
 }
 
 // Records the reports of a backup run on the queue, as the window would receive them.
@@ -156,6 +243,44 @@ protected:
         ASSERT_TRUE(MountTmpfs(m_device, sizeBytes, options));
         m_mounted.prepend(m_device);
     }
+    // Mounts the device as a file system of a kind: "tmpfs", "ext4", "ext4-casefold" (every
+    // folder made on it folds case), "fusefat" or "exfat-fuse". False (with the reason printed)
+    // when that kind cannot be made or mounted here.
+    bool mountDeviceOfKind(const QString &kind)
+    {
+        const QString image = m_images.path() + QStringLiteral("/device.img");
+        bool mounted = false;
+        if (kind == u"tmpfs")
+            mounted = MountTmpfs(m_device, 64 << 20);
+        else if (kind == u"ext4")
+            mounted = MountExt4Image(image, 32, m_device);
+        else if (kind == u"ext4-casefold")
+            mounted = MountExt4Image(image, 32, m_device, {QStringLiteral("-O"), QStringLiteral("casefold")});
+        else
+            mounted = MountFuseImage(kind, image, 32, m_device);
+        if (!mounted) {
+            std::cout << "[  SKIPPED ] " << kind.toStdString() << ": cannot make or mount it here\n";
+            return false;
+        }
+        m_mounted.prepend(m_device);
+        if (kind == u"ext4-casefold") {
+            QDir().rmdir(device(QStringLiteral("lost+found"))); // only an empty folder takes the flag
+            QProcess chattr;
+            chattr.start(QStringLiteral("chattr"), {QStringLiteral("+F"), m_device});
+            if (!chattr.waitForFinished() || chattr.exitCode() != 0) {
+                std::cout << "[  SKIPPED ] ext4-casefold: the root folder cannot be made to fold case\n";
+                return false;
+            }
+        }
+        return true;
+    }
+    void unmountDevice()
+    {
+        for (const QString &mounted : std::as_const(m_mounted))
+            QProcess::execute(QStringLiteral("umount"), {mounted});
+        m_mounted.clear();
+        QFile::remove(m_images.path() + QStringLiteral("/device.img"));
+    }
     QString device(const QString &relative = {}) const
     {
         return relative.isEmpty() ? m_device : m_device + u'/' + relative;
@@ -191,8 +316,46 @@ protected:
     }
     void backup(RecordingReceiver &receiver) { receiver.runBackup(QStringLiteral("Dev"), {m_source}); }
 
+    // Analyses and backs up the folders, expecting success; then the device mirrors each folder
+    // byte for byte and a second analysis lists nothing.
+    void backupAndExpectMirror(QStringList folders = {})
+    {
+        if (folders.isEmpty())
+            folders = {m_source};
+        ClearTransactions();
+        BUAnalyzeOperation analysis(QStringLiteral("Dev"), nullptr, folders, {}, {});
+        const BUAnalysisReport report = analysis.analyze();
+        ASSERT_FALSE(report.error.has_value()) << report.error->toStdString();
+        SortTransactions(g_transactions);
+        RecordingReceiver receiver;
+        receiver.runBackup(QStringLiteral("Dev"), folders);
+        ASSERT_TRUE(receiver.complete.has_value());
+        EXPECT_FALSE(receiver.complete->error.has_value()) << receiver.complete->error->toStdString();
+        EXPECT_EQ(g_failedTransactions, 0) << failures(receiver).toStdString();
+        for (const QString &folder : std::as_const(folders))
+            EXPECT_EQ(MirrorDifferences(folder, device(LastPathComponent(folder))), QStringList())
+                << folder.toStdString();
+        ClearTransactions();
+        BUAnalyzeOperation again(QStringLiteral("Dev"), nullptr, folders, {}, {});
+        const BUAnalysisReport second = again.analyze();
+        EXPECT_FALSE(second.error.has_value());
+        EXPECT_EQ(transactionLines(), QStringList()) << "a second analysis lists nothing";
+    }
+    static QString failures(const RecordingReceiver &receiver)
+    {
+        QString text;
+        for (const BUBackupStatusReport &status : receiver.statuses) {
+            for (auto it = status.trans.cbegin(); it != status.trans.cend(); ++it) {
+                if (!it.value().isEmpty())
+                    text += g_transactions.at(it.key()).path() + QStringLiteral(": ") + it.value() + u'\n';
+            }
+        }
+        return text;
+    }
+
     QTemporaryDir m_volumes;
     QTemporaryDir m_sources;
+    QTemporaryDir m_images;
     QString m_device;
     QString m_source;
     QStringList m_mounted;

@@ -1,5 +1,5 @@
 // The Help menu's commands: logs to the clipboard and into a mail, the contact link, the About
-// box, and what the window does when a volume is mounted while it is open.
+// box (with the application's icon), and what the window does when a volume is mounted while it is open.
 #include "keelson/KSKernel.h"
 #include "keelson/KSLogger.h"
 #include "keelson/KSMakerAddresses.h"
@@ -8,6 +8,7 @@
 #include "keelson/gui/KSWorkspace.h"
 #include "tests/support/GuiTestSupport.h"
 #include "tests/support/TestSupport.h"
+#include "ui/BUDesktopApplication.h"
 
 #include <QClipboard>
 #include <QDialog>
@@ -96,4 +97,28 @@ TEST_F(HelpMenu, ContactLinkAndAboutBox)
     });
     KSActionHandler::sharedInstance().showAbout(nullptr);
     EXPECT_EQ(aboutLine, QStringLiteral("Manual backup for paranoid control freaks."));
+}
+
+TEST_F(HelpMenu, TheAboutBoxShowsTheApplicationsIcon)
+{
+    // The icon is built into the window's code in every size a desktop asks for.
+    const QIcon icon = ApplicationIcon();
+    for (int size : {16, 32, 64, 256})
+        EXPECT_EQ(icon.pixmap(size).size(), QSize(size, size)) << size;
+    const QImage expected = icon.pixmap(64).toImage();
+    ASSERT_FALSE(expected.isNull());
+    const QIcon previous = QApplication::windowIcon();
+    QApplication::setWindowIcon(icon);
+    QImage shown;
+    QTimer::singleShot(0, [&] {
+        for (QWidget *w : QApplication::topLevelWidgets()) {
+            if (w->objectName() == QStringLiteral("aboutDialog") && w->isVisible()) {
+                shown = w->findChild<QLabel *>(QStringLiteral("aboutIconLabel"))->pixmap().toImage();
+                static_cast<QDialog *>(w)->accept();
+            }
+        }
+    });
+    KSActionHandler::sharedInstance().showAbout(nullptr);
+    QApplication::setWindowIcon(previous);
+    EXPECT_EQ(shown.convertToFormat(QImage::Format_ARGB32), expected.convertToFormat(QImage::Format_ARGB32));
 }

@@ -71,6 +71,56 @@ TEST(FileNameCodec, EveryByteStringRoundTrips)
     }
 }
 
+// Every byte sequence of up to three bytes in the places a name holds it (alone, after text, after
+// a stray byte), and four-byte sequences over the bounds of their ranges: each comes back byte for
+// byte, and valid UTF-8 decodes to its characters, U+FEFF (EF BB BF) included wherever it stands.
+TEST(FileNameCodec, EveryShortSequenceRoundTripsAndDecodesAsItsCharacters)
+{
+    auto check = [](const QByteArray &bytes) {
+        const QString name = FileNameFromBytes(bytes);
+        if (FileNameToBytes(name) != bytes) {
+            ADD_FAILURE() << bytes.toHex().toStdString();
+            return false;
+        }
+        // Valid UTF-8 after an ASCII letter: QString::fromUtf8 decodes it faithfully there.
+        const QByteArray prefixed = "a" + bytes;
+        if (QString::fromUtf8(prefixed).toUtf8() == prefixed
+            && FileNameFromBytes(prefixed) != QString::fromUtf8(prefixed)) {
+            ADD_FAILURE() << "decoded as other characters: " << bytes.toHex().toStdString();
+            return false;
+        }
+        return true;
+    };
+    for (int a = 1; a < 256; ++a) {
+        for (int b = 0; b < 256; ++b) {
+            QByteArray bytes(1, char(a));
+            if (b > 0)
+                bytes.append(char(b));
+            for (const QByteArray &context : {bytes, "x" + bytes + "y", "\xff" + bytes})
+                ASSERT_TRUE(check(context));
+        }
+    }
+    for (int a = 0xC0; a < 256; ++a) {
+        for (int b = 1; b < 256; ++b) {
+            for (int c = 1; c < 256; ++c) {
+                const char bytes[] = {char(a), char(b), char(c)};
+                ASSERT_TRUE(check(QByteArray(bytes, 3)));
+            }
+        }
+    }
+    const int bounds[] = {0x01, 0x7F, 0x80, 0x8F, 0x90, 0x9F, 0xA0, 0xBF, 0xC0, 0xFF};
+    for (int a = 0xF0; a <= 0xF5; ++a)
+        for (int b : bounds)
+            for (int c : bounds)
+                for (int d : bounds) {
+                    const char bytes[] = {char(a), char(b), char(c), char(d)};
+                    ASSERT_TRUE(check(QByteArray(bytes, 4)));
+                }
+    EXPECT_EQ(FileNameFromBytes("\xef\xbb\xbf"), QString(QChar(0xFEFF)));
+    EXPECT_EQ(FileNameFromBytes("x\xef\xbb\xbfy\xe9\xef\xbb\xbf"),
+        QStringLiteral("x\uFEFFy") + QChar(char16_t(0xDCE9)) + QChar(0xFEFF));
+}
+
 TEST(PathPieces, ExtensionAndLastComponent)
 {
     EXPECT_EQ(PathExtension(u"report.plist.tmp"), QStringLiteral("tmp"));

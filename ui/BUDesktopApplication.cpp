@@ -5,12 +5,19 @@
 #include "keelson/KSLog.h"
 #include "keelson/KSLogger.h"
 #include "keelson/KSSignalWatcher.h"
+#include "keelson/KSUserDefaults.h"
 #include "keelson/gui/KSAlert.h"
+#include "keelson/gui/KSAppUpdater.h"
+#include "keelson/gui/KSNewsUpdater.h"
+#include "ui/BUSingleInstance.h"
 #include "ui/BUWindowController.h"
 
 #include <QApplication>
+#include <QIcon>
 #include <QPalette>
 #include <QTimer>
+
+#include <cstdio>
 
 namespace {
 
@@ -23,6 +30,14 @@ void UpdateDarkMode()
 
 } // namespace
 
+QIcon ApplicationIcon()
+{
+    QIcon icon;
+    for (int size : {16, 22, 24, 32, 48, 64, 128, 256, 512})
+        icon.addFile(QStringLiteral(":/icons/%1x%1/com.tannerwick.backup.png").arg(size), QSize(size, size));
+    return icon;
+}
+
 int RunDesktopApplication(int argc, char **argv)
 {
     QApplication application(argc, argv);
@@ -30,6 +45,28 @@ int RunDesktopApplication(int argc, char **argv)
     QApplication::setApplicationName(QStringLiteral("Tanner Backup"));
     QApplication::setApplicationDisplayName(QStringLiteral("Tanner Backup"));
     QApplication::setDesktopFileName(QStringLiteral("com.tannerwick.backup"));
+    QApplication::setWindowIcon(ApplicationIcon());
+
+    // A second start brings the open window to the front and ends, leaving the state alone.
+    BUSingleInstance instance(UserDefaultsPath());
+    BUWindowController *shownWindow = nullptr;
+    switch (instance.start([&shownWindow] {
+        if (!shownWindow)
+            return;
+        shownWindow->setWindowState(shownWindow->windowState() & ~Qt::WindowMinimized);
+        shownWindow->show();
+        shownWindow->raise();
+        shownWindow->activateWindow();
+    })) {
+    case BUSingleInstance::Start::AlreadyRunning:
+        std::printf("Tanner Backup is already open; its window was brought to the front.\n");
+        return 0;
+    case BUSingleInstance::Start::Unguarded:
+        LogString("Can't watch for a second start of the application: %@", instance.error());
+        break;
+    case BUSingleInstance::Start::First:
+        break;
+    }
 
     BUAppController &controller = BUAppController::sharedInstance();
     controller.applicationWillFinishLaunching();
@@ -42,7 +79,12 @@ int RunDesktopApplication(int argc, char **argv)
     QObject::connect(&KSSignalWatcher::sharedInstance(), &KSSignalWatcher::signalReceived, &application,
         [] { QApplication::quit(); });
 
+    controller.startAutoChecksHook = [] {
+        KSAppUpdater::sharedInstance().startAutoCheck();
+        KSNewsUpdater::sharedInstance().startAutoCheck();
+    };
     BUWindowController window;
+    shownWindow = &window;
     controller.applicationDidFinishLaunching();
     window.show();
     window.raise();
@@ -50,6 +92,7 @@ int RunDesktopApplication(int argc, char **argv)
     QTimer::singleShot(100, &window, [&window] { window.updateRuleList(0); });
 
     const int status = QApplication::exec();
+    shownWindow = nullptr;
     window.cancel();
     if (!controller.applicationWillTerminate()) {
         LogString("%@", controller.saveError());

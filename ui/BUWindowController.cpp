@@ -156,6 +156,8 @@ void BUWindowController::connectActions()
     connect(ui->copyLogsAction, &QAction::triggered, this, [&handler] { handler.copyLogs(); });
     connect(ui->emailLogsAction, &QAction::triggered, this, [&handler] { handler.emailLogs(); });
     connect(ui->contactAction, &QAction::triggered, this, [&handler] { handler.contactTannerwick(false); });
+    connect(ui->checkUpdatesAction, &QAction::triggered, this, [&handler] { handler.checkUpdates(); });
+    connect(ui->newsAction, &QAction::triggered, this, [&handler] { handler.checkNewsUpdates(); });
     connect(ui->visitWebsiteAction, &QAction::triggered, this, [&handler] { handler.visitWebsite(); });
     connect(ui->donationsAction, &QAction::triggered, this, [&handler] { handler.donations(); });
     connect(ui->aboutAction, &QAction::triggered, this, [this, &handler] { handler.showAbout(this); });
@@ -307,7 +309,7 @@ void BUWindowController::validateMenuItems()
     ui->addDefaultsAction->setEnabled(!running);
     const bool modalUp = KSAlert::isAlertActive() || QApplication::activeModalWidget() != nullptr;
     for (QAction *action : {ui->copyLogsAction, ui->emailLogsAction, ui->contactAction, ui->donationsAction,
-             ui->aboutAction, ui->nextWindowAction})
+             ui->aboutAction, ui->nextWindowAction, ui->checkUpdatesAction, ui->newsAction})
         action->setEnabled(!modalUp);
 }
 

@@ -6,6 +6,8 @@
 #include "keelson/KSLogger.h"
 #include "keelson/KSMakerAddresses.h"
 #include "keelson/gui/KSAlert.h"
+#include "keelson/gui/KSAppUpdater.h"
+#include "keelson/gui/KSNewsUpdater.h"
 #include "keelson/gui/KSWorkspace.h"
 
 #include <QApplication>
@@ -37,6 +39,16 @@ QString KSActionHandler::MailLink(const QString &address, const QString &subject
 {
     return QStringLiteral("mailto:") + address + QStringLiteral("?subject=") + Encoded(subject)
         + QStringLiteral("&body=") + Encoded(body);
+}
+
+void KSActionHandler::checkUpdates()
+{
+    KSAppUpdater::sharedInstance().displayUpdateDialog();
+}
+
+void KSActionHandler::checkNewsUpdates()
+{
+    KSNewsUpdater::sharedInstance().displayUpdateDialog();
 }
 
 void KSActionHandler::copyLogs()
@@ -98,7 +110,9 @@ void KSActionHandler::showAbout(QWidget *parent)
     about.setWindowTitle(FormatString("About %@", g_appName));
     auto *layout = new QVBoxLayout(&about);
     auto *icon = new QLabel(&about);
-    icon->setPixmap(about.style()->standardIcon(QStyle::SP_DriveHDIcon).pixmap(64));
+    icon->setObjectName(QStringLiteral("aboutIconLabel"));
+    const QIcon appIcon = QApplication::windowIcon();
+    icon->setPixmap((appIcon.isNull() ? about.style()->standardIcon(QStyle::SP_DriveHDIcon) : appIcon).pixmap(64));
     icon->setAlignment(Qt::AlignHCenter);
     auto *name = new QLabel(FormatString("<b>%@</b>", g_appName), &about);
     name->setAlignment(Qt::AlignHCenter);

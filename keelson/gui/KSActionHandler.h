@@ -16,6 +16,9 @@ public:
     void emailLogs();
     // A problem report when isProblem, else a question or comment.
     void contactTannerwick(bool isProblem);
+    // The update and news dialogs.
+    void checkUpdates();
+    void checkNewsUpdates();
     void visitWebsite();
     void donations();
     void showAbout(QWidget *parent);

@@ -70,16 +70,43 @@ bool LazyUnmount(const QString &path)
     return ::umount2(target.constData(), MNT_DETACH) == 0;
 }
 
-bool MountExt4Image(const QString &imagePath, int sizeMiB, const QString &mountPoint)
+bool MountExt4Image(const QString &imagePath, int sizeMiB, const QString &mountPoint, const QStringList &mkfsOptions)
 {
     QFile image(imagePath);
     if (!image.open(QIODevice::WriteOnly) || !image.resize(qint64(sizeMiB) * 1024 * 1024))
         return false;
     image.close();
-    if (!RunTool(QStringLiteral("mkfs.ext4"), {QStringLiteral("-q"), QStringLiteral("-F"), imagePath}))
+    if (!RunTool(QStringLiteral("mkfs.ext4"),
+            QStringList {QStringLiteral("-q"), QStringLiteral("-F")} + mkfsOptions + QStringList {imagePath}))
         return false;
     QDir().mkpath(mountPoint);
     return RunTool(QStringLiteral("mount"), {QStringLiteral("-o"), QStringLiteral("loop"), imagePath, mountPoint});
+}
+
+bool MountFuseImage(const QString &kind, const QString &imagePath, int sizeMiB, const QString &mountPoint)
+{
+    QFile image(imagePath);
+    if (!image.open(QIODevice::WriteOnly) || !image.resize(qint64(sizeMiB) * 1024 * 1024))
+        return false;
+    image.close();
+    QDir().mkpath(mountPoint);
+    if (kind == u"fusefat") {
+        return RunTool(QStringLiteral("mkfs.vfat"), {imagePath})
+            && RunTool(QStringLiteral("fusefat"), {QStringLiteral("-o"), QStringLiteral("rw+"), imagePath, mountPoint});
+    }
+    if (kind == u"exfat-fuse") {
+        // The loop device stays attached until the image is unmounted and the kernel lets it go.
+        QProcess losetup;
+        losetup.start(QStringLiteral("losetup"), {QStringLiteral("-f"), QStringLiteral("--show"), imagePath});
+        if (!losetup.waitForFinished(60000) || losetup.exitCode() != 0)
+            return false;
+        const QString loop = QString::fromLocal8Bit(losetup.readAllStandardOutput()).trimmed();
+        const bool mounted = RunTool(QStringLiteral("mkfs.exfat"), {loop})
+            && RunTool(QStringLiteral("mount.exfat-fuse"), {loop, mountPoint});
+        RunTool(QStringLiteral("losetup"), {QStringLiteral("-d"), loop}); // detached once unmounted
+        return mounted;
+    }
+    return false;
 }
 
 void WriteTree(const QString &root, const Tree &tree)
@@ -155,6 +182,34 @@ ProcessResult RunTanner(const QStringList &args, const QProcessEnvironment &envi
     QProcess process;
     process.setProcessEnvironment(environment);
     process.start(QStringLiteral(TANNER_BINARY), args);
+    ProcessResult result;
+    if (!process.waitForFinished(timeoutMs)) {
+        process.kill();
+        process.waitForFinished();
+        result.err = "timed out";
+        return result;
+    }
+    result.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    result.out = process.readAllStandardOutput();
+    result.err = process.readAllStandardError();
+    return result;
+}
+
+ProcessResult RunTannerWithBytes(const QList<QByteArray> &args, const QProcessEnvironment &environment, int timeoutMs)
+{
+    // The arguments pass through a shell's printf, whose octal escapes carry any byte.
+    QString script = QStringLiteral("exec \"$TANNER\"");
+    for (const QByteArray &arg : args) {
+        QString escaped;
+        for (const char c : arg)
+            escaped += QStringLiteral("\\%1").arg(uint(uchar(c)), 3, 8, QLatin1Char('0'));
+        script += QStringLiteral(" \"$(printf '%1')\"").arg(escaped);
+    }
+    QProcessEnvironment withBinary = environment;
+    withBinary.insert(QStringLiteral("TANNER"), QStringLiteral(TANNER_BINARY));
+    QProcess process;
+    process.setProcessEnvironment(withBinary);
+    process.start(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), script});
     ProcessResult result;
     if (!process.waitForFinished(timeoutMs)) {
         process.kill();

@@ -41,7 +41,12 @@ bool RemountReadOnly(const QString &path);
 bool BindMount(const QString &from, const QString &to);
 bool LazyUnmount(const QString &path);
 // Creates an ext4 image of the given size, attaches it to a loop device and mounts it.
-bool MountExt4Image(const QString &imagePath, int sizeMiB, const QString &mountPoint);
+// mkfsOptions are given to mkfs.ext4 ("-O", "casefold").
+bool MountExt4Image(
+    const QString &imagePath, int sizeMiB, const QString &mountPoint, const QStringList &mkfsOptions = {});
+// Makes a FAT or exFAT image and mounts it with its FUSE driver: kind "fusefat" (type
+// fuse.fusefat) or "exfat-fuse" (fuseblk). False when the tools are missing or refuse.
+bool MountFuseImage(const QString &kind, const QString &imagePath, int sizeMiB, const QString &mountPoint);
 
 // A fixture tree written as data: relative path -> content. A path ending in "/" is a folder.
 using Tree = QMap<QString, QByteArray>;
@@ -72,5 +77,8 @@ struct ProcessResult {
 };
 // Runs the built tanner-backup with the arguments and environment; waits up to timeoutMs.
 ProcessResult RunTanner(const QStringList &args, const QProcessEnvironment &environment, int timeoutMs = 60000);
+// The same with arguments given as bytes, which need not be UTF-8 (QProcess would re-encode them).
+ProcessResult RunTannerWithBytes(
+    const QList<QByteArray> &args, const QProcessEnvironment &environment, int timeoutMs = 60000);
 
 } // namespace tanner::test

@@ -1,0 +1,194 @@
+// Every message the program shows a person, in one place: alerts and their explanations, the
+// reasons of failed transactions, status lines, dialog texts and prompts, and the command line's
+// errors. Each is written as the code fills it in: "%@", "%d", "%,lld" and "%1" stand for the
+// values, "###" for the device name of the extra-items dialog's designed text.
+//
+// The manual's "Messages" part explains every one of them (what it means, what to do), and
+// tests/user_messages_test.cpp checks that it does and that no message of the code is missing
+// here. Header only and plain C strings, so that any layer may use it.
+#pragma once
+
+// X(name, text) for each message.
+#define BU_USER_MESSAGES(X)                                                                                            \
+    /* Alerts of the main window and their explanations. */                                                            \
+    X(kBackupCanceledAlert, "Backup to %@ canceled.")                                                                  \
+    X(kCanceledBeforeChanges, "The backup was canceled before any changes were made to the target device.")            \
+    X(kBackupFailed, "Backup to %@ failed.")                                                                           \
+    X(kCantBackupBecause, "I can't backup to \"%@\" because %@.")                                                      \
+    X(kNotEnoughMemory, "there's not enough memory. Perhaps your source folders are too complex")                      \
+    X(kCantExamineDisk, "I can't examine the contents of the disk")                                                    \
+    X(kCantExamineFolder, "I can't examine the contents of the folder \"%@\" -- %@")                                   \
+    X(kCantExamineProperties, "I can't examine the properties of \"%@\" -- %@")                                        \
+    X(kReasonReadOnly, "it is mounted read-only")                                                                      \
+    X(kReasonExtraItems, "its top level holds items that are not mirrors of the backup folders")                       \
+    X(kReasonFolderOnDevice,                                                                                           \
+        "the backup folder \"%@\" is on that device itself, and a backup must be kept apart from its original")        \
+    X(kAnotherBackupRunning, "Another backup of the device \"%@\" is running.")                                        \
+    X(kSeriousError, "The backup was stopped because a serious error occurred. %@")                                    \
+    X(kDeviceEjected, "The device \"%@\" has been ejected.")                                                           \
+    X(kFileNotCreated, "%@.\n\nThe file \"%@\" could not be created.")                                                 \
+    X(kDeviceFull, "The device is full")                                                                               \
+    X(kDeviceReadOnly, "The device is read-only")                                                                      \
+    X(kFileNoLongerExists, "The file no longer exists")                                                                \
+    X(kNoPermissionToCreate, "You don't have permission to create the file")                                           \
+    X(kFolderNotCreated, "%@\n\nThe folder \"%@\" could not be created.")                                              \
+    X(kDataNotWritten, "%@.\n\nThe data could not be written to the device \"%@\".")                                   \
+    X(kLargeDeletion, "This backup would delete %,lld of the %,lld items on \"%@\".")                                  \
+    X(kLargeDeletionExplanation,                                                                                       \
+        "That is half or more of what the backup device holds. It happens when a backup folder was emptied or "        \
+        "renamed, or lies on a disk that is not mounted. Check the transactions before you go on.")                    \
+    X(kLargeDeletionTurnOff, " You can turn this question off in the Edit menu.")                                      \
+    X(kLargeDeletionReview,                                                                                            \
+        " Review keeps the list of transactions in the window. You can turn this question off in the Edit menu.")      \
+    X(kNotEnoughSpace,                                                                                                 \
+        "The backup needs %@ on the device \"%@\", which has only %@ free. Nothing was changed on the device.")        \
+    X(kStopAndQuit, "A backup to \"%@\" is running. Stop it and quit?")                                                \
+    X(kStopAndQuitExplanation,                                                                                         \
+        "What was copied so far stays on the device. The window closes once the backup has stopped.")                  \
+    X(kStopAndQuitButton, "Stop and Quit")                                                                             \
+    X(kKeepRunningButton, "Keep Running")                                                                              \
+    X(kCantOpenAddress, "I can't open %@.")                                                                            \
+    X(kNoBrowser, "No web browser is set up to open it. Please open the address in your browser.")                     \
+    X(kCantShowInFileManager, "I can't show \"%@\" in a file manager.")                                                \
+    X(kNoFileManager, "No file manager is set up to open folders on this computer.")                                   \
+    X(kCantEmailCopyLogsMenu,                                                                                          \
+        "I can't send email to Tannerwick. Please copy the logs instead (Copy Logs in the Help menu) and email them "  \
+        "to %@.")                                                                                                      \
+    X(kCantAddFolder, "Can't add a backup folder.")                                                                    \
+    X(kFolderNameTaken,                                                                                                \
+        "A folder named \"%@\" is already in the backup list. You can't have two folders with the same name on the "   \
+        "backup device.")                                                                                              \
+    X(kNoLogInformation, "No log information.")                                                                        \
+    X(kNoLogsFound, "I could not find any crash reports or log entries for %@.")                                       \
+    X(kContactFailed, "Contact failed.")                                                                               \
+    X(kCantEmailCopyLogs,                                                                                              \
+        "I can't send email to Tannerwick. Please copy the logs instead (hold down the option key) and email them "    \
+        "to %@.")                                                                                                      \
+    X(kCantEmailVisitWebsite, "I can't send email to Tannerwick. Please visit our website, %@, or send email to %@.")  \
+    X(kDontShowAgain, "Don't show this message again")                                                                 \
+    /* The extra-items dialog (its text is in resources/ExtraStuffDialog.ui) and the command line's. */                \
+    X(kExtraItemsTitle, "Unexpected Items on the Backup Device")                                                       \
+    X(kExtraItemsDialog,                                                                                               \
+        "The backup device \"###\" holds the items listed below at its top level. They are not mirrors of your "       \
+        "backup folders, so I will not back up to this device: a backup makes the device an exact mirror of your "     \
+        "folders, and I never delete anything I did not put there.\n\nMove these items into a folder of their own "    \
+        "elsewhere, remove them, or add the folders they mirror to your backup folders. Then start the backup "        \
+        "again.")                                                                                                      \
+    X(kExtraItemsWarning,                                                                                              \
+        "The backup device \"###\" holds items at its top level that are not mirrors of your backup folders. The "     \
+        "top level of a backup device may hold only the folders that mirror your backup folders, so that a backup "    \
+        "never deletes something that is not a copy of your files. Move these items elsewhere or remove them, then "   \
+        "start the backup again:")                                                                                     \
+    /* Reasons of failed transactions that are the program's own (the others are the system's). */                     \
+    X(kCaseCollision, "The device ignores case, so \"%@\" and \"%@\" can't both be kept on it.")                       \
+    X(kOtherFileSystem,                                                                                                \
+        "Another file system is mounted at this place on the device, and the backup does not enter it")                \
+    X(kFileChangedWhileCopied, "The file changed while it was copied")                                                 \
+    X(kAttributeNotKept, "The device can't keep the attribute \"%1\" (%2)")                                            \
+    X(kNotRegularFile, "It is not a regular file")                                                                     \
+    X(kUnknownError, "An unknown error occurred.")                                                                     \
+    X(kInternalError, "Internal logic error")                                                                          \
+    /* Status lines, and the device list's job column. */                                                              \
+    X(kAnalyzing, "Analyzing...")                                                                                      \
+    X(kAnalysisComplete, "Analysis complete")                                                                          \
+    X(kAnalysisCompleteCount, "Analysis complete: %,lld %@, %@ to copy")                                               \
+    X(kNotTried, ", %,lld not tried")                                                                                  \
+    X(kLogsCopied, "The logs are on the clipboard")                                                                    \
+    X(kHintFolders, "Add the folders to back up: choose Add under the list of backup folders.")                        \
+    X(kHintDevice, "Pick the backup device in the list on the left.")                                                  \
+    X(kUpToDate, "The backup device is up to date")                                                                    \
+    X(kRateAndTimeLeft, "%@ per second, %@ left")                                                                      \
+    X(kLessThanAMinute, "less than a minute")                                                                          \
+    X(kAboutAMinute, "about a minute")                                                                                 \
+    X(kAboutMinutes, "about %d minutes")                                                                               \
+    X(kAboutHours, "about %d h %02d min")                                                                              \
+    X(kCanceling, "Canceling...")                                                                                      \
+    X(kBackupSucceeded, "Backup succeeded")                                                                            \
+    X(kOneActionFailed, "1 backup action failed")                                                                      \
+    X(kActionsFailed, "%d backup actions failed")                                                                      \
+    X(kBackupCanceled, "Backup canceled")                                                                              \
+    X(kDeviceAnalyzing, "Analyzing")                                                                                   \
+    X(kDeviceInProgress, "In progress")                                                                                \
+    /* Prompts of the file choosers. */                                                                                \
+    X(kChooseBackupFolders, "Select one or more folders to backup")                                                    \
+    X(kChooseFolderExample, "Select a folder as an example to be ignored")                                             \
+    X(kChooseFileExample, "Select a file as an example to be ignored")                                                 \
+    X(kChooseExtensionExample, "Select a file as an example of an extension to be ignored")                            \
+    /* The command line. */                                                                                            \
+    X(kUnknownCommand, "unknown command \"%1\"; try tanner-backup --help")                                             \
+    X(kFoldersAddNeedsFolder, "folders add needs at least one folder")                                                 \
+    X(kNotAFolder, "\"%1\" is not a folder.")                                                                          \
+    X(kRootFolderHasNoName, "The root folder has no name to mirror on the backup device.")                             \
+    X(kFoldersRemoveNeedsOne, "folders remove needs one folder name or path")                                          \
+    X(kNoSuchBackupFolder, "There is no backup folder \"%1\".")                                                        \
+    X(kUnknownFoldersCommand, "unknown folders command \"%1\"; try tanner-backup --help")                              \
+    X(kNotARule, "\"%1\" is not a rule.")                                                                              \
+    X(kRuleFormat,                                                                                                     \
+        "A rule is a digit 0 or 1 (1: look at the extension), a digit 0 to 3 (is, contains, starts with, ends with) "  \
+        "and a name, e.g. \"10tmp\".")                                                                                 \
+    X(kRuleCommandNeedsOne, "a rule command needs one rule")                                                           \
+    X(kNoSuchRule, "There is no rule %1.")                                                                             \
+    X(kRulesUsage,                                                                                                     \
+        "rules needs folders, files, add-folder, add-file, remove-folder, remove-file or add-defaults; try "           \
+        "tanner-backup --help")                                                                                        \
+    X(kDevicesUsage, "devices takes no arguments but --watch")                                                         \
+    X(kLogsUsage, "logs takes no arguments")                                                                           \
+    X(kNoBackupFolders, "There are no backup folders.")                                                                \
+    X(kAddFolderHint, "Add one with: tanner-backup folders add PATH")                                                  \
+    X(kAnalyzeUsage, "%@ takes one device name and --json")                                                            \
+    X(kBackupUsage, "%@ takes one device name, --json and --yes")                                                      \
+    X(kNeedsDevice, "%@ needs the name of a device (see: tanner-backup devices)")                                      \
+    X(kAnalysisSummary, "%,d actions, %@ to copy")                                                                     \
+    X(kLargeDeletionYes, " Run the backup again with --yes to go ahead, or look first with: tanner-backup analyze ")   \
+    X(kSettingsNotRead, "The settings file %@ could not be read, so it was not overwritten.")                          \
+    X(kSettingsNotSaved, "Can't save the settings to %@.")                                                             \
+    X(kFolderNotFound, " (not found)")                                                                                 \
+    X(kWindowCantOpen,                                                                                                 \
+        "tanner-backup: the window can't be opened -- its part \"%s\" could not be loaded: %s.\nCommands still work: " \
+        "tanner-backup --help\n")                                                                                      \
+    X(kWindowPartMissing, "it is missing")                                                                             \
+    /* Update and news checks. */                                                                                      \
+    X(kUpdateCheckFailed, "The update check failed.")                                                                  \
+    X(kNewsCheckFailed, "The news check failed.")                                                                      \
+    X(kNewestVersion, "%1 %2 is the newest version.")                                                                  \
+    X(kUpdateAvailable, "%1 %2 is available (this is %3): %4")                                                         \
+    X(kNoNews, "The news page holds no news.")                                                                         \
+    X(kNoNewsSince, "There is no news since %1.")                                                                      \
+    X(kTakesOnlyJson, "%1 takes only --json")                                                                          \
+    X(kNoDownloadFolder, "I can't find or create the download folder.")                                                \
+    X(kCantWriteDownload, "I can't write the downloaded file.")                                                        \
+    X(kDownloadCanceled, "The download was canceled.")                                                                 \
+    X(kServerTimeout, "The server did not answer in time.")                                                            \
+    X(kCheckNowButton, "Check Now")                                                                                    \
+    /* Help. */                                                                                                        \
+    X(kNoTopicBegins, "No topic begins with \"%1\".")                                                                  \
+    X(kNoTopicHolds, "No topic holds all of \"%1\".")                                                                  \
+    X(kSeeTheTopics, "See the topics with: tanner-backup help")                                                        \
+    X(kHelpUsage, "help takes a topic, --search WORDS, --file PATH or --check PATH [--json]")                          \
+    X(kHelpCheckUsage, "usage: tanner-backup help --check PATH [--json]")                                              \
+    X(kHelpEngineNotReady, "The help engine could not be set up.")                                                     \
+    X(kCantReadHelpFile, "Can't read help file: %@")                                                                   \
+    X(kDocumentDamaged, "The document has been damaged.")                                                              \
+    X(kLaterVersion,                                                                                                   \
+        "This file was created by a later version of Tanner Write. Please visit our website to upgrade the app.")      \
+    X(kNoMemoryForText, "I can't allocate memory for the document's text.")                                            \
+    X(kNotXml, "I don't understand the file format")                                                                   \
+    X(kInvalidXml, "this is not a valid XML file (offset 0x%x)")                                                       \
+    X(kMalformedCdata, "malformed CDATA at offset 0x%x")
+
+namespace BUUserMessages {
+
+#define BU_USER_MESSAGE_CONSTANT(name, text) inline constexpr char name[] = text;
+BU_USER_MESSAGES(BU_USER_MESSAGE_CONSTANT)
+#undef BU_USER_MESSAGE_CONSTANT
+
+struct Entry {
+    const char *name;
+    const char *text;
+};
+
+#define BU_USER_MESSAGE_ENTRY(name, text) {#name, text},
+inline constexpr Entry kAll[] = {BU_USER_MESSAGES(BU_USER_MESSAGE_ENTRY)};
+#undef BU_USER_MESSAGE_ENTRY
+
+} // namespace BUUserMessages

@@ -203,8 +203,10 @@ void TreeReader::wakeReaders(int count)
 
 void TreeReader::adapt(bool blocked)
 {
+    // A cold tree answers some readings from blocks that others read: one reading in five that
+    // waits is enough to grow; a warm tree, where hardly one waits, never does.
     if (blocked)
-        ++m_blocked;
+        m_blocked += kBlockedWeight;
     else if (m_blocked > 0)
         --m_blocked;
     if (m_blocked < kBlockedToGrow || m_stop || m_idle > 0 || m_tasks.empty()

@@ -63,8 +63,10 @@ public:
 
 private:
     static constexpr int kMaxThreads = 16;
-    // Readings that waited on the disks, more than those that did not, before one more reader.
-    static constexpr int kBlockedToGrow = 2;
+    // A reading that waited on the disks counts kBlockedWeight, one that did not takes one off;
+    // at kBlockedToGrow, one more reader.
+    static constexpr int kBlockedWeight = 4;
+    static constexpr int kBlockedToGrow = 8;
     static constexpr std::size_t kKeptFiles = 8192;
     static constexpr std::chrono::milliseconds kCancelCheck {100};
     struct Task {
@@ -115,7 +117,7 @@ private:
     int m_busy = 0; // folders being read
     int m_idle = 0; // readers waiting for a task
     int m_signaled = 0; // of those, woken and not yet awake
-    int m_blocked = 0; // readings that waited on the disks, less those that did not (never below 0)
+    int m_blocked = 0; // readings that waited on the disks, weighed against those that did not
     std::size_t m_keptFiles = 0; // folders and files read and not yet taken
     bool m_finishing = false; // the comparison is done
     // What the comparison waits for: a folder (side and entry), the end of the reading (kNone), or

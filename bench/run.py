@@ -21,7 +21,8 @@ anew from its image starts cold): the daily case, with the trees already in the 
 states in one call (--cache cold,warm) give a table each.
 
 The peers: rsync, cp -a (full backups), and rclone sync when the rclone command is installed (the
-benchmark asks apt-get for it once, and otherwise leaves its rows out with the reason printed).
+benchmark asks apt-get for it once, except with --tiny, and otherwise leaves its rows out with the
+reason printed).
 --baseline adds a second tanner-backup, another build, to the same alternating runs.
 
 Memory: the largest process's peak RSS (from the kernel), and the peak of the PSS of all the tool's
@@ -313,10 +314,16 @@ def tanner_env(work, folder):
                 TANNER_VOLUMES_ROOT=os.path.join(work, "volumes"))
 
 
-def rclone_available():
-    """True when rclone can be run; otherwise asks apt-get for it once, and says why it is left out."""
+def rclone_available(install):
+    """True when rclone can be run; otherwise asks apt-get for it once when install is true, and says
+    why it is left out."""
     if shutil.which("rclone"):
         return True
+    if not install:
+        if not getattr(rclone_available, "told", False):
+            rclone_available.told = True
+            print("rclone left out: the rclone command is not installed (--tiny does not install it)", flush=True)
+        return False
     if not getattr(rclone_available, "asked", False):
         rclone_available.asked = True
         print("rclone is not installed: asking apt-get for it", flush=True)
@@ -358,7 +365,7 @@ def run_workload(name, args, work, scale, device_kind):
     tools = {"tanner": [binary, "backup", "BenchDisk"], "rsync": ["rsync", "-a", "--delete", folder + "/", target + "/"]}
     if args.baseline:
         tools["tanner baseline"] = [os.path.abspath(args.baseline), "backup", "BenchDisk"]
-    if rclone_available():
+    if rclone_available(install=not args.tiny):
         # Local to local, no configuration file: the same mirror as the others, empty folders too.
         tools["rclone"] = ["rclone", "sync", "--create-empty-src-dirs", "--config", "/dev/null", "-q",
                            folder + "/", target + "/"]

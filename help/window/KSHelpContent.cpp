@@ -70,9 +70,11 @@ QString KSHelpContent::plainText(quint32 start, quint32 end) const
         return {};
     QTextCursor cursor(text.get());
     cursor.setPosition(map.positionForCp(start));
-    cursor.setPosition(map.positionForCp(end), QTextCursor::KeepAnchor);
+    cursor.setPosition(map.endPositionForCp(end), QTextCursor::KeepAnchor);
     QString plain = cursor.selectedText();
     plain.replace(QChar::ParagraphSeparator, u'\n');
+    plain.replace(QChar(0xFDD0), u'\n'); // a table's beginning and end
+    plain.replace(QChar(0xFDD1), u'\n');
     plain.remove(QChar(0x200B)); // the stand-ins of invisible objects
     return plain;
 }

@@ -579,7 +579,9 @@ void KSVellumaHelpWC::setSelection(quint32 start, quint32 end)
     QTextCursor cursor(ui->scrollView->document());
     const int last = ui->scrollView->document()->characterCount() - 1;
     cursor.setPosition(std::min(m_content->map.positionForCp(start), last));
-    cursor.setPosition(std::min(m_content->map.positionForCp(end), last), QTextCursor::KeepAnchor);
+    cursor.setPosition(
+        std::min(end > start ? m_content->map.endPositionForCp(end) : m_content->map.positionForCp(end), last),
+        QTextCursor::KeepAnchor);
     ui->scrollView->setTextCursor(cursor);
 }
 

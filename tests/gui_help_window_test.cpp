@@ -609,6 +609,13 @@ TEST_F(HelpWindow, ATableIsLaidOutInCellsAndKeepsEveryCp)
         quint32(text.indexOf(u"Name")) - 1);
     const auto one = quint32(text.indexOf(u"One"));
     EXPECT_EQ(content->plainText(one, one + 3), QStringLiteral("One"));
+    // Spoken cell by cell in reading order, the pieces the other way round for a backward selection.
+    const int from = content->map.positionForCp(quint32(text.indexOf(u"Before")));
+    const int to = content->map.positionForCp(content->textLength);
+    EXPECT_EQ(KSSpokenText(*content->text, from, to, false),
+        QStringLiteral("Before. Name Size in bytes One 1 extra After. "));
+    EXPECT_EQ(
+        KSSpokenText(*content->text, from, to, true), QStringLiteral("After. extra 1 One in bytes Size Name Before. "));
 
     // The window finds text in a cell and selects it there.
     KSVellumaHelpWC *window = open(std::move(content), true);

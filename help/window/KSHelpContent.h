@@ -63,6 +63,11 @@ struct KSHelpContent {
     QString plainText(quint32 start, quint32 end) const;
 };
 
+// The text to speak of the positions [start, end) of a laid-out help text: paragraph by paragraph,
+// so that a table is read cell by cell in reading order (the pieces in the opposite order when
+// `backwards`), each non-empty piece followed by a single space, objects left out.
+QString KSSpokenText(const QTextDocument &document, int start, int end, bool backwards);
+
 // Knot types the window tells apart.
 enum KSHelpKnotType : quint32 {
     kHelpKnotBookmark = 2,

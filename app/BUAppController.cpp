@@ -16,6 +16,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QTemporaryDir>
 
 #include <algorithm>
 
@@ -176,6 +177,14 @@ void BUAppController::applicationDidFinishLaunching()
     // The process-wide transaction and error lists belong to the engine and start empty there.
 
     m_settingsPath = UserDefaultsPath();
+    QByteArray original;
+    bool existed = false;
+    {
+        QFile file(m_settingsPath);
+        existed = file.open(QIODevice::ReadOnly);
+        if (existed)
+            original = file.readAll();
+    }
     auto settings = OpenSettingsFile(m_settingsPath);
     switch (settings->status()) {
     case QSettings::NoError:
@@ -184,17 +193,8 @@ void BUAppController::applicationDidFinishLaunching()
         m_keepStoredFile = QFileInfo::exists(m_settingsPath);
         LogString("Can't read the settings file %@; it will not be overwritten.", m_settingsPath);
         break;
-    case QSettings::FormatError: {
-        // Use what can be read, and keep the original beside it for the user to repair.
-        const QString copy = m_settingsPath + QStringLiteral(".damaged");
-        QFile::remove(copy);
-        if (QFile::copy(m_settingsPath, copy))
-            LogString("The settings file %@ is damaged; what could be read is used and the original is kept as %@.",
-                m_settingsPath, copy);
-        else
-            m_keepStoredFile = true;
-        break;
-    }
+    case QSettings::FormatError:
+        break; // what can be read is used; the original is kept aside below
     }
 
     // 2-4. Recent devices, folders, rules, each in their stored order.
@@ -216,6 +216,8 @@ void BUAppController::applicationDidFinishLaunching()
     }
     bool datesPresent = false;
     m_backupDates = ReadIntegerDictionary(*settings, kDatesKey, &datesPresent);
+    if (existed && !m_keepStoredFile)
+        keepDamagedOriginal(*settings, original);
     if (datesPresent) {
         PurgeBackupDates(m_backupDates, m_backupTimes, DayIndexForToday());
     }
@@ -258,6 +260,49 @@ void BUAppController::saveRules(QSettings &settings, const BURuleList &rules, co
     WriteStringList(settings, key, archives);
 }
 
+void BUAppController::writeState(QSettings &settings)
+{
+    saveFolders(settings);
+    saveRules(settings, m_ignoreFiles, kIgnoreFilesKey);
+    saveRules(settings, m_ignoreFolders, kIgnoreFoldersKey);
+    WriteStringList(settings, kRecentKey, m_recentDrives);
+    WriteIntegerDictionary(settings, kDatesKey, m_backupDates);
+    WriteIntegerDictionary(settings, kTimesKey, m_backupTimes);
+}
+
+void BUAppController::keepDamagedOriginal(QSettings &settings, const QByteArray &original)
+{
+    // What the state just read would be written as: every key the file gave, then the state. A
+    // file this program wrote comes out byte for byte the same; one that lost anything does not.
+    bool same = false;
+    if (!original.isEmpty() && settings.status() == QSettings::NoError) {
+        QTemporaryDir folder;
+        const QString path = folder.path() + QStringLiteral("/check.conf");
+        {
+            QSettings rewritten(path, QSettings::IniFormat);
+            const QStringList keys = settings.allKeys();
+            for (const QString &key : keys)
+                rewritten.setValue(key, settings.value(key));
+            writeState(rewritten);
+            rewritten.sync();
+        }
+        QFile file(path);
+        same = folder.isValid() && file.open(QIODevice::ReadOnly) && file.readAll() == original;
+    }
+    if (same)
+        return;
+    const QString copy = m_settingsPath + QStringLiteral(".damaged");
+    QFile::remove(copy);
+    if (QFile::copy(m_settingsPath, copy)) {
+        LogString("The settings file %@ is damaged; what could be read is used and the original is kept as %@.",
+            m_settingsPath, copy);
+    } else {
+        LogString(
+            "The settings file %@ is damaged and can't be copied aside; it will not be overwritten.", m_settingsPath);
+        m_keepStoredFile = true;
+    }
+}
+
 bool BUAppController::applicationWillTerminate()
 {
     m_saveError.clear();
@@ -270,12 +315,7 @@ bool BUAppController::applicationWillTerminate()
         return false;
     }
     auto settings = OpenSettingsFile(m_settingsPath);
-    saveFolders(*settings);
-    saveRules(*settings, m_ignoreFiles, kIgnoreFilesKey);
-    saveRules(*settings, m_ignoreFolders, kIgnoreFoldersKey);
-    WriteStringList(*settings, kRecentKey, m_recentDrives);
-    WriteIntegerDictionary(*settings, kDatesKey, m_backupDates);
-    WriteIntegerDictionary(*settings, kTimesKey, m_backupTimes);
+    writeState(*settings);
     settings->sync();
     if (settings->status() != QSettings::NoError) {
         m_saveError = FormatString("Can't save the settings to %@.", m_settingsPath);

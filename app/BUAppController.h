@@ -49,6 +49,11 @@ public:
 
     void installRules(const QStringList &archives, BURuleList &into, const QString &key);
     void saveRules(QSettings &settings, const BURuleList &rules, const QString &key);
+    // Writes the state into settings (the other keys it holds stay as they are).
+    void writeState(QSettings &settings);
+    // Keeps the original settings file aside as ".damaged" when what was read from it would not
+    // be written back as it is (garbage, a truncated or empty file, values that were dropped).
+    void keepDamagedOriginal(QSettings &settings, const QByteArray &original);
 
     // Adds source folders as the folder chooser does: the same path twice is skipped silently,
     // a second folder of the same name (ignoring case) is refused with an alert text; then the

@@ -269,6 +269,10 @@ void _ReadFolder(AnalysisContext &context, const QString &path, bool deviceSide,
     const int fd = _OpenFolder(context, path, deviceSide, isBackupFolder);
     if (fd < 0) {
         const int errorNumber = errno;
+        // Another file system mounted inside a mirror is not the device's: it is not walked, and
+        // whatever the backup would do inside it fails there with its reason.
+        if (deviceSide && errorNumber == EXDEV)
+            return;
         const bool noPermission = CocoaDomainErrorCode(BUError::posix(errorNumber)) == kReadNoPermissionError;
         if (!noPermission || deviceSide)
             _SetFolderReason(context, path, errorNumber);

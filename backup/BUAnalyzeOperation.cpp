@@ -458,6 +458,10 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
     for (const QString &folder : std::as_const(m_backupFolders))
         mirrorNames.append(LastPathComponent(folder));
     context.mirrorNames = &mirrorNames;
+    if (deviceOpen && device.backupIsRunning()) {
+        result.error = FormatString("Another backup of the device \"%@\" is running.", m_targetName);
+        return result;
+    }
 
     // The source tree: a "/" root, then the backup folders in list order.
     const uint64_t folderCount = uint64_t(m_backupFolders.size());

@@ -22,9 +22,11 @@
 #include <deque>
 #include <fcntl.h>
 #include <limits>
+#include <linux/openat2.h>
 #include <mutex>
 #include <numeric>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -45,9 +47,8 @@ struct Descriptor {
     }
 };
 
-// The last few folders that copies went into, kept open: the files of one folder come one after
-// the other in the list, and each would otherwise resolve its whole path again. Emptied whenever
-// something is deleted, so that nothing is ever written into a folder that a deletion removed.
+// The last few source folders that copies read from, kept open: the files of one folder come one
+// after the other in the list, and each would otherwise resolve its whole path again.
 class FolderCache {
 public:
     FolderCache() = default;
@@ -227,8 +228,9 @@ public:
     DeviceWriteBack(const DeviceWriteBack &) = delete;
     DeviceWriteBack &operator=(const DeviceWriteBack &) = delete;
 
-    // A file of this size was written; small files count for a block and their metadata.
-    void wrote(double bytes)
+    // A file of this size was written by the transaction at row; small files count for a block
+    // and their metadata.
+    void wrote(double bytes, qsizetype row)
     {
         m_pending += std::max(bytes, double(kPerFile));
         if (m_fd < 0 || m_pending < kBatch)
@@ -238,9 +240,17 @@ public:
             if (m_busy)
                 return; // the next batch starts when this one is on the device
             m_busy = true;
+            m_batchEnd = row + 1;
         }
         m_pending = 0;
         m_wake.notify_one();
+    }
+    // The transactions before this row are on the device: a batch that ended after them was
+    // written back without an error, and none came before it.
+    qsizetype durableRows()
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_durable;
     }
 
 private:
@@ -254,9 +264,15 @@ private:
             m_wake.wait(lock, [this] { return m_stop || m_busy; });
             if (m_stop)
                 return;
+            const qsizetype end = m_batchEnd;
             lock.unlock();
-            ::syncfs(m_fd); // errors are the closing syncfs's to report
+            // The errors are the closing syncfs's to report; this one only says how far the
+            // device is known to hold what was written.
+            const bool written = ::syncfs(m_fd) == 0;
             lock.lock();
+            m_failed = m_failed || !written;
+            if (!m_failed)
+                m_durable = end;
             m_busy = false;
         }
     }
@@ -267,8 +283,62 @@ private:
     std::condition_variable m_wake;
     bool m_busy = false;
     bool m_stop = false;
+    bool m_failed = false;
+    qsizetype m_batchEnd = 0;
+    qsizetype m_durable = 0;
     std::thread m_thread;
 };
+
+// Opens a source folder below the folder `root` holds (the parent of its backup folder): the backup
+// folder by its path, the rest without following a link.
+int _OpenSourceFolder(const QByteArray &path, const QString &root)
+{
+    QByteArray prefix = FileNameToBytes(root);
+    while (prefix.endsWith('/'))
+        prefix.chop(1);
+    if (path == prefix || (prefix.isEmpty() && path == "/"))
+        return OpenLongPath(AT_FDCWD, path.constData(), O_PATH | O_DIRECTORY);
+    if (root.isEmpty() || !path.startsWith(prefix + '/') || path.size() <= prefix.size() + 1) {
+        errno = EINVAL;
+        return -1;
+    }
+    qsizetype slash = path.indexOf('/', prefix.size() + 1);
+    int fd = OpenLongPath(AT_FDCWD, (slash < 0 ? path : path.left(slash)).constData(), O_PATH | O_DIRECTORY);
+    open_how how = {};
+    how.flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    // The rest a part of at most kPathPart bytes at a time, each below the last.
+    while (fd >= 0 && slash >= 0) {
+        const qsizetype start = slash + 1;
+        qsizetype end = path.size();
+        if (end - start >= qsizetype(kPathPart)) {
+            end = path.lastIndexOf('/', start + qsizetype(kPathPart) - 1);
+            if (end <= start) {
+                ::close(fd);
+                errno = ENAMETOOLONG;
+                return -1;
+            }
+        }
+        const QByteArray part = path.mid(start, end - start);
+        long below = -1;
+        // EAGAIN: a rename raced with the lookup; the kernel asks for a retry.
+        for (int attempt = 0; attempt < 8 && (attempt == 0 || errno == EAGAIN); ++attempt)
+            below = ::syscall(SYS_openat2, fd, part.constData(), &how, sizeof how);
+        const int saved = errno;
+        ::close(fd);
+        errno = saved;
+        fd = int(below);
+        slash = end < path.size() ? end : -1;
+    }
+    return fd;
+}
+
+// A path that reaches an item through the open folder holding it, without resolving the
+// folder's path again: the kernel takes the descriptor's folder itself.
+QByteArray _PathThrough(int folderFd, const QByteArray &name)
+{
+    return "/proc/self/fd/" + QByteArray::number(folderFd) + '/' + name;
+}
 
 struct BackupRun;
 // The device path of a transaction's item relative to the device root; null when it has none.
@@ -291,34 +361,42 @@ struct BackupRun {
     const QStringList *backupFolders;
     TouchedFolders touchedFolders; // the device folders whose contents or attributes changed
     QString lastTouched; // the last folder a copy touched: the next file's is usually the same
-    FolderCache deviceFolders; // by path relative to the device root
+    int deviceFolder = -1; // the folder of the current transaction's item
+    QStringList marked; // mirror folders holding the mark of this run
+    QStringList interrupted; // mirror folders that a killed run left marked
     FolderCache sourceFolders; // by absolute path
 
-    // The folder holding a device path's last component, and that component; the descriptor
-    // belongs to the cache.
+    ~BackupRun()
+    {
+        if (deviceFolder >= 0)
+            ::close(deviceFolder);
+    }
+
+    // The folder holding a device path's last component, and that component; the descriptor is
+    // the run's until the next call. Resolved again for every item: a folder kept open from one
+    // copy to the next may have been moved out of the device since (through another mount of its
+    // file system), and nothing may land there.
     int deviceParent(const QString &relative, QByteArray *name, bool caseFallback, BUError *error)
     {
-        const QByteArray bytes = FileNameToBytes(relative);
-        const qsizetype slash = bytes.lastIndexOf('/');
-        const QByteArray key = slash < 0 ? QByteArray() : bytes.left(slash);
-        *name = bytes.mid(slash + 1);
-        const int held = deviceFolders.find(key, caseFallback);
-        if (held >= 0)
-            return held;
-        QByteArray ignored;
-        return deviceFolders.keep(key, caseFallback, device.openParent(relative, &ignored, caseFallback, error));
+        if (deviceFolder >= 0)
+            ::close(deviceFolder);
+        deviceFolder = device.openParent(relative, name, caseFallback, error);
+        return deviceFolder;
     }
-    // The source folder holding an absolute path's last component (reached as open() would reach
-    // it), and that component; -1 with errno on failure.
-    int sourceParent(const QByteArray &path, QByteArray *name)
+    // The source folder holding a source item's last component, and that component; -1 with
+    // errno on failure. The backup folder is reached as the user chose it (perhaps through a
+    // link); nothing below it is a link followed, so an item swapped for one since the analysis
+    // leads nowhere else.
+    int sourceParent(const BUTransaction &transaction, QByteArray *name)
     {
+        const QByteArray path = FileNameToBytes(transaction.path());
         const qsizetype slash = path.lastIndexOf('/');
         const QByteArray key = slash <= 0 ? QByteArrayLiteral("/") : path.left(slash);
         *name = path.mid(slash + 1);
         const int held = sourceFolders.find(key, false);
         if (held >= 0)
             return held;
-        return sourceFolders.keep(key, false, OpenLongPath(AT_FDCWD, key.constData(), O_PATH | O_DIRECTORY));
+        return sourceFolders.keep(key, false, _OpenSourceFolder(key, transaction.rootPath()));
     }
 };
 
@@ -348,6 +426,18 @@ void _TouchParentOfFile(BackupRun &run, const QString &relative)
         return;
     run.lastTouched = relative.left(slash);
     _TouchFolder(run, run.lastTouched, true);
+}
+
+// Gives the owner write access to a device folder the current transaction is about to change (the
+// mirror of a read-only source folder, for a user who is not root); the folder is recorded as
+// changed, so the end of the run gives it its source's mode back.
+void _OpenUpForChange(BackupRun &run, int folderFd, const QString &relative)
+{
+    struct stat status;
+    if (folderFd < 0 || RunningAsRoot() || ::fstat(folderFd, &status) != 0 || (status.st_mode & S_IRWXU) == S_IRWXU)
+        return;
+    if (::fchmod(folderFd, (status.st_mode & 07777) | S_IRWXU) == 0)
+        _TouchFolder(run, _ParentOf(relative), true);
 }
 
 QString _ErrorForUnmountedVolume(BackupRun &run, const QString &path)
@@ -415,19 +505,14 @@ void _SetFullPermissionsAt(int parentFd, const QByteArray &name, const QString &
     }
 }
 
-void _SetFullPermissions(BackupRun &run, const QString &devicePath, bool inside, bool caseFallback)
-{
-    const QString relative = run.device.relativePath(devicePath);
-    if (relative.isNull())
-        return;
-    QByteArray name;
-    const Descriptor parent {run.device.openParent(relative, &name, caseFallback, nullptr)};
-    _SetFullPermissionsAt(parent.fd, name, devicePath, inside);
-}
-
 // Gives the device copy of a transaction's source item the source's attributes; the text is ""
 // or the reason it failed.
-QString _UpdateItem(BackupRun &run, const BUTransaction &transaction)
+QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fatal, bool replace = false);
+
+// Gives the device copy of a transaction's source item the source's attributes; the text is ""
+// or the reason it failed. A file that has other names (hard links, perhaps outside the device)
+// is replaced by a fresh copy instead: a change to it would show through every name.
+QString _UpdateItem(BackupRun &run, const BUTransaction &transaction, QString *fatal)
 {
     QString text;
     const QString devicePath = _TargetFilePath(transaction, run.device.path(), &text);
@@ -435,7 +520,11 @@ QString _UpdateItem(BackupRun &run, const BUTransaction &transaction)
         return text;
     BUItemAttributes attributes;
     BUError error;
-    if (!ReadItemAttributesAtPath(FileNameToBytes(transaction.path()), &attributes, &error))
+    QByteArray sourceName;
+    const int sourceFd = run.sourceParent(transaction, &sourceName);
+    if (sourceFd < 0)
+        return _ErrorStringFromError(run, BUError::sourceRead(errno), QString());
+    if (!ReadItemAttributesAtPath(_PathThrough(sourceFd, sourceName), &attributes, &error))
         return _ErrorStringFromError(run, error, QString());
     const QString relative = run.device.relativePath(devicePath);
     QByteArray name;
@@ -445,16 +534,22 @@ QString _UpdateItem(BackupRun &run, const BUTransaction &transaction)
     // The analysis matched names without regard to case: the device item may be spelled
     // differently from the source.
     struct stat status;
-    if (::fstatat(parentFd, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT) {
+    bool found = ::fstatat(parentFd, name.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (!found && errno == ENOENT) {
         const QByteArray listed = NameIgnoringCase(parentFd, name, transaction.isFolder());
-        if (!listed.isEmpty())
+        if (!listed.isEmpty()) {
             name = listed;
+            found = ::fstatat(parentFd, name.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+        }
+    }
+    if (found && !transaction.isFolder() && S_ISREG(status.st_mode) && status.st_nlink > 1) {
+        const QString copied = _CopyFile(run, transaction, fatal, true);
+        return copied;
     }
     // Only the item itself: the modes of what is inside a folder are its own attributes, and a
     // pass over them would leave every copy inside with modes that differ from the sources.
     _SetFullPermissionsAt(parentFd, name, devicePath, false);
-    const Descriptor item {
-        ::openat(parentFd, name.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
+    const Descriptor item {OpenItemAt(parentFd, name.constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY)};
     if (item.fd < 0)
         return _ErrorStringFromError(run, BUError::deviceWrite(errno), devicePath);
     uint32_t extraMode = 0;
@@ -470,6 +565,8 @@ QString _UpdateItem(BackupRun &run, const BUTransaction &transaction)
     return QString();
 }
 
+void _MarkMirror(BackupRun &run, int rootFd, const QString &mirror);
+
 QString _CopyFolder(BackupRun &run, const BUTransaction &transaction, QString *fatal)
 {
     const QString devicePath = _TargetFilePath(transaction, run.device.path(), nullptr);
@@ -481,33 +578,46 @@ QString _CopyFolder(BackupRun &run, const BUTransaction &transaction, QString *f
     BUError error;
     QByteArray name;
     const int parentFd = run.deviceParent(relative, &name, run.device.kind().ignoresCase, &error);
-    if (parentFd >= 0 && ::mkdirat(parentFd, name.constData(), 0777) == 0) {
+    _OpenUpForChange(run, parentFd, relative);
+    bool made = parentFd >= 0 && ::mkdirat(parentFd, name.constData(), 0777) == 0;
+    if (!made && parentFd >= 0 && errno == EEXIST) {
+        // A link, a FIFO or a device node where the source has a folder goes, as it would where
+        // a file belongs; a folder made there since the analysis is used as it is.
+        struct stat status;
+        if (::fstatat(parentFd, name.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode))
+            return _UpdateItem(run, transaction, fatal);
+        made = RemoveItemAt(parentFd, name.constData(), &error) && ::mkdirat(parentFd, name.constData(), 0777) == 0;
+        if (!made && error.isError() && CocoaDomainErrorCode(error) != kNoSuchFileError)
+            errno = error.code;
+    }
+    if (made) {
         _TouchFolder(run, _ParentOf(relative), true);
-        _UpdateItem(run, transaction);
-        return QString();
+        if (!relative.contains(u'/'))
+            _MarkMirror(run, parentFd, relative); // a new mirror
+        return _UpdateItem(run, transaction, fatal);
     }
     error = BUError::deviceWrite(parentFd >= 0 ? errno : error.code);
     const QString text = _ErrorStringFromError(run, error, devicePath);
-    *fatal = FormatString("%@\n\nThe folder \"%@\" could not be created.", text, devicePath);
+    // Another file system in the way stops only what would go into it.
+    if (error.failureReason != BUError::otherFileSystem().failureReason)
+        *fatal = FormatString("%@\n\nThe folder \"%@\" could not be created.", text, devicePath);
     return text;
 }
 
 // Removes what is at the name before a copy takes it, which frees its space before the new data
-// arrives; it and all it holds get write access and lose the immutable flags. Where there is none
-// nothing is removed: Linux refuses even that on a read-only file system. False, with the error,
-// when something is there and stays.
-bool _RemoveOldCopy(int parentFd, const QByteArray &name, const QString &devicePath, BUError *error)
+// arrives. Where there is none nothing is removed: Linux refuses even that on a read-only file
+// system. False, with the error, when something is there and stays.
+bool _RemoveOldCopy(int parentFd, const QByteArray &name, BUError *error)
 {
     struct stat old;
     if (::fstatat(parentFd, name.constData(), &old, AT_SYMLINK_NOFOLLOW) != 0) {
         *error = BUError::posix(errno);
         return CocoaDomainErrorCode(*error) == kNoSuchFileError;
     }
-    _SetFullPermissionsAt(parentFd, name, devicePath, true);
     return RemoveItemAt(parentFd, name.constData(), error) || CocoaDomainErrorCode(*error) == kNoSuchFileError;
 }
 
-QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fatal)
+QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fatal, bool replace)
 {
     const QString devicePath = _TargetFilePath(transaction, run.device.path(), nullptr);
     if (devicePath.isEmpty())
@@ -519,12 +629,13 @@ QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fat
     if (parentFd < 0 && CocoaDomainErrorCode(error) != kNoSuchFileError)
         return _ErrorStringFromError(run, error, devicePath);
     if (parentFd >= 0) {
+        _OpenUpForChange(run, parentFd, relative);
         BUError removeError;
-        if (transaction.replacesItem() && !_RemoveOldCopy(parentFd, name, devicePath, &removeError))
+        if ((replace || transaction.replacesItem()) && !_RemoveOldCopy(parentFd, name, &removeError))
             return _ErrorStringFromError(run, removeError, devicePath);
-        for (bool removedOld = transaction.replacesItem();; removedOld = true) {
+        for (bool removedOld = replace || transaction.replacesItem();; removedOld = true) {
             QByteArray sourceName;
-            const int sourceFd = run.sourceParent(FileNameToBytes(transaction.path()), &sourceName);
+            const int sourceFd = run.sourceParent(transaction, &sourceName);
             if (sourceFd < 0) {
                 error = BUError::sourceRead(errno);
                 break;
@@ -537,7 +648,7 @@ QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fat
             // an old copy does. The copy never replaces anything on its own.
             if (removedOld || CocoaDomainErrorCode(error) != kFileExistsError)
                 break;
-            if (!_RemoveOldCopy(parentFd, name, devicePath, &removeError))
+            if (!_RemoveOldCopy(parentFd, name, &removeError))
                 return _ErrorStringFromError(run, removeError, devicePath);
         }
     } else {
@@ -578,12 +689,17 @@ QString _DeleteItem(BackupRun &run, const BUTransaction &transaction)
     const QString relative = run.device.relativePath(transaction.path());
     if (relative.isNull())
         return kInternalError;
-    // A folder that a copy still holds open may be the one that goes.
-    run.deviceFolders.clear();
-    _SetFullPermissions(run, transaction.path(), true, false);
+    // The mark a killed run left: this run's own mark has taken its place, and the mirror's
+    // folders get their attributes back at the end.
+    const qsizetype slash = relative.indexOf(u'/');
+    if (slash > 0 && relative.mid(slash + 1) == QLatin1String(kRunMarkName)) {
+        run.interrupted.append(relative.left(slash));
+        return QString();
+    }
     QByteArray name;
     BUError error;
     const Descriptor parent {run.device.openParent(relative, &name, false, &error)};
+    _OpenUpForChange(run, parent.fd, relative);
     if (parent.fd < 0 || !RemoveItemAt(parent.fd, name.constData(), &error))
         return _ErrorStringFromError(run, error, transaction.path());
     _TouchFolder(run, _ParentOf(relative), true);
@@ -594,13 +710,16 @@ QString _DeleteItem(BackupRun &run, const BUTransaction &transaction)
 // component is the mirror's exact name at the top of the device, then each further component as
 // the device spells it or, where the source has no such folder, as the analysis matched it:
 // without regard to case, the first listed winning.
-QString _SourceOfMirror(const BackupRun &run, const QString &relative)
+QString _SourceOfMirror(const BackupRun &run, const QString &relative, QString *root)
 {
     const QStringList components = relative.split(u'/');
     QByteArray path;
     for (const QString &folder : *run.backupFolders) {
         if (LastPathComponent(folder) == components[0]) {
             path = FileNameToBytes(folder);
+            *root = _ParentOf(folder);
+            if (root->isEmpty())
+                *root = QStringLiteral("/");
             break;
         }
     }
@@ -616,6 +735,71 @@ QString _SourceOfMirror(const BackupRun &run, const QString &relative)
         path += '/' + name;
     }
     return FileNameFromBytes(path);
+}
+
+// The backup folder a mirror at the top of the device stands for; null when none.
+QString _BackupFolderOf(const BackupRun &run, const QString &mirror)
+{
+    for (const QString &folder : *run.backupFolders) {
+        if (LastPathComponent(folder) == mirror)
+            return folder;
+    }
+    return QString();
+}
+
+// Puts the mark of a run in progress into the mirror folder of that name in the device root.
+void _MarkMirror(BackupRun &run, int rootFd, const QString &mirror)
+{
+    const Descriptor fd {OpenItemAt(rootFd, FileNameToBytes(mirror).constData(), O_RDONLY | O_DIRECTORY)};
+    const Descriptor mark {
+        fd.fd < 0 ? -1 : ::openat(fd.fd, kRunMarkName, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600)};
+    if (mark.fd >= 0 && !run.marked.contains(mirror))
+        run.marked.append(mirror);
+}
+
+// Marks every mirror folder there is before anything changes; a mirror the run makes is marked as
+// it is made.
+void _MarkRun(BackupRun &run)
+{
+    for (const QString &folder : *run.backupFolders)
+        _MarkMirror(run, run.device.fd(), LastPathComponent(folder));
+}
+
+// After a killed run: every folder of its mirrors gets its source's attributes. Then the marks of
+// this run go, and each mirror folder gets its own attributes last.
+void _UnmarkRun(BackupRun &run)
+{
+    auto sourceAttributes = [](const QString &folder, const QByteArray &below, BUItemAttributes *attributes) {
+        QString root = _ParentOf(folder);
+        if (root.isEmpty())
+            root = QStringLiteral("/");
+        const QByteArray path = below.isEmpty() ? FileNameToBytes(folder) : FileNameToBytes(folder) + '/' + below;
+        const Descriptor source {_OpenSourceFolder(path, root)};
+        return source.fd >= 0 && ReadItemAttributesAtPath(_PathThrough(source.fd, "."), attributes, nullptr);
+    };
+    for (const QString &mirror : std::as_const(run.interrupted)) {
+        const QString folder = _BackupFolderOf(run, mirror);
+        const Descriptor fd {folder.isNull() ? -1 : run.device.openFolder(mirror, false, nullptr)};
+        if (fd.fd >= 0) {
+            RestoreMirrorTree(
+                fd.fd,
+                [&](const QByteArray &below, BUItemAttributes *attributes) {
+                    return sourceAttributes(folder, below, attributes);
+                },
+                run.device.kind());
+        }
+    }
+    for (const QString &mirror : std::as_const(run.marked)) {
+        const QString folder = _BackupFolderOf(run, mirror);
+        const Descriptor fd {run.device.openFolder(mirror, false, nullptr)};
+        if (fd.fd < 0 || ::unlinkat(fd.fd, kRunMarkName, 0) != 0)
+            continue;
+        BUItemAttributes attributes;
+        BUError error;
+        if (sourceAttributes(folder, QByteArray(), &attributes)
+            && !WriteItemAttributes(fd.fd, attributes, run.device.kind(), 0, &error))
+            LogString("Can't set the attributes of %@. %@", run.device.path() + u'/' + mirror, error.failureReason);
+    }
 }
 
 // Gives every folder the run changed its source's mode and times, as the last step: creating and
@@ -634,17 +818,17 @@ void _RestoreFolderAttributes(BackupRun &run)
         folders.begin(), folders.end(), [&depths](uint32_t a, uint32_t b) { return depths[a] > depths[b]; });
     depths = {};
     for (const uint32_t index : folders) {
-        const QString sourceRoot
-            = touched.rootKnown(index) ? run.transactions.at(touched.row(index)).rootPath() : QString();
+        QString sourceRoot = touched.rootKnown(index) ? run.transactions.at(touched.row(index)).rootPath() : QString();
         const QString relative = touched.path(index);
-        const QString source = sourceRoot.isNull() ? _SourceOfMirror(run, relative)
+        const QString source = sourceRoot.isNull() ? _SourceOfMirror(run, relative, &sourceRoot)
             : sourceRoot.endsWith(u'/')            ? sourceRoot + relative
                                                    : sourceRoot + u'/' + relative;
-        const QByteArray sourceBytes = FileNameToBytes(source);
+        if (source.isEmpty())
+            continue;
+        // Reached as the copies reached their sources: no link below the backup folder followed.
+        const Descriptor sourceFolder {_OpenSourceFolder(FileNameToBytes(source), sourceRoot)};
         BUItemAttributes attributes;
-        struct stat status;
-        if (source.isEmpty() || ::lstat(sourceBytes.constData(), &status) != 0 || !S_ISDIR(status.st_mode)
-            || !ReadItemAttributesAtPath(sourceBytes, &attributes, nullptr))
+        if (sourceFolder.fd < 0 || !ReadItemAttributesAtPath(_PathThrough(sourceFolder.fd, "."), &attributes, nullptr))
             continue;
         const Descriptor fd {run.device.openFolder(relative, true, nullptr)};
         BUError error;
@@ -672,6 +856,16 @@ bool BUBackupOperation::performOperation()
     BackupRun run(m_transactions);
     run.backupFolders = &m_backupFolders;
     run.device.open(m_targetName, nullptr); // a failure shows as an ejected device below
+    // One backup of a device at a time, whichever window or command started it: two would race
+    // for the same names.
+    if (run.device.fd() >= 0 && !run.device.lockForBackup()) {
+        BUBackupCompleteReport refused;
+        refused.target = m_targetName;
+        refused.error = FormatString("Another backup of the device \"%@\" is running.", m_targetName);
+        PostToReceiver(m_controller, [refused](BUEngineReceiver *r) { r->backupComplete(refused); });
+        return true;
+    }
+    _MarkRun(run);
 
     BUBackupStatusReport status;
     int batchCount = 0;
@@ -714,6 +908,7 @@ bool BUBackupOperation::performOperation()
             flush();
     };
 
+    std::vector<uint32_t> done; // the rows reported done, in order
     SourcePrefetcher prefetcher(m_transactions);
     DeviceWriteBack writeBack(run.device.fd());
     for (qsizetype i = 0; i < m_transactions.size(); ++i) {
@@ -751,7 +946,7 @@ bool BUBackupOperation::performOperation()
         case kAlreadyFailed:
             break;
         case BUTransaction::kUpdate:
-            text = _UpdateItem(run, transaction);
+            text = _UpdateItem(run, transaction, &fatal);
             break;
         case BUTransaction::kDelete:
             text = _DeleteItem(run, transaction);
@@ -764,7 +959,7 @@ bool BUBackupOperation::performOperation()
                 if (run.copier.stoppedByCancel())
                     break; // cut short by Cancel: not carried out, so not reported
                 status.copied += transaction.fileSize();
-                writeBack.wrote(transaction.fileSize());
+                writeBack.wrote(transaction.fileSize(), i);
                 lastWasFileCopy = true;
             }
             break;
@@ -772,6 +967,8 @@ bool BUBackupOperation::performOperation()
         if (transaction.action() == BUTransaction::kCopy && run.copier.stoppedByCancel())
             break;
         status.trans.insert(i, text);
+        if (text.isEmpty())
+            done.push_back(uint32_t(i));
         ++batchCount;
     }
     if (!status.trans.isEmpty())
@@ -780,10 +977,21 @@ bool BUBackupOperation::performOperation()
 
     if (run.device.fd() >= 0 && run.device.isStillMounted()) {
         _RestoreFolderAttributes(run);
-        // Everything on the device before the run counts as done.
-        if (::syncfs(run.device.fd()) != 0 && fatal.isEmpty())
-            fatal = FormatString(
-                "%@.\n\nThe data could not be written to the device \"%@\".", SystemErrorText(errno), m_targetName);
+        _UnmarkRun(run);
+        // What the device does not hold once it is flushed is not done: every transaction
+        // reported done since the last batch known to be written back fails with the reason.
+        if (::syncfs(run.device.fd()) != 0) {
+            const QString reason = SystemErrorText(errno);
+            if (fatal.isEmpty())
+                fatal
+                    = FormatString("%@.\n\nThe data could not be written to the device \"%@\".", reason, m_targetName);
+            const qsizetype durable = writeBack.durableRows();
+            BUBackupStatusReport unwritten;
+            for (auto row = std::lower_bound(done.cbegin(), done.cend(), uint32_t(durable)); row != done.cend(); ++row)
+                unwritten.trans.insert(*row, reason);
+            if (!unwritten.trans.isEmpty())
+                PostToReceiver(m_controller, [unwritten](BUEngineReceiver *r) { r->backupStatus(unwritten); });
+        }
     }
 
     BUBackupCompleteReport complete;

@@ -12,6 +12,7 @@
 #include <linux/fs.h>
 #include <linux/openat2.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -65,7 +66,9 @@ int _OpenBeneathOnce(int folderFd, const char *relative, int flags)
 {
     open_how how = {};
     how.flags = uint64_t(flags | O_CLOEXEC | O_NOFOLLOW);
-    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    // RESOLVE_NO_XDEV: the device ends at its own file system; another one mounted inside a
+    // mirror folder is never a way in.
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS | RESOLVE_NO_XDEV;
     for (int attempt = 0;; ++attempt) {
         const long fd = ::syscall(SYS_openat2, folderFd, relative, &how, sizeof how);
         // EAGAIN: a rename raced with the lookup; the kernel asks for a retry.
@@ -105,6 +108,22 @@ int _OpenFolderIgnoringCase(int folderFd, const QByteArray &wanted)
         return -1;
     }
     return _OpenBeneath(folderFd, name.constData(), O_RDONLY | O_DIRECTORY);
+}
+
+BUError _FolderError(int errorNumber)
+{
+    return errorNumber == EXDEV ? BUError::otherFileSystem() : BUError::posix(errorNumber);
+}
+
+// Gives the owner of a device folder full access when it lacks it (a mirror of a read-only or
+// mode-000 source folder, for a user who is not root); the end of the run gives the folder its
+// source's mode back. False when nothing changed.
+bool _OpenUpFolder(int fd)
+{
+    struct stat status;
+    if (::fstat(fd, &status) != 0 || !S_ISDIR(status.st_mode) || (status.st_mode & S_IRWXU) == S_IRWXU)
+        return false;
+    return ::fchmod(fd, (status.st_mode & 07777) | S_IRWXU) == 0;
 }
 
 uint64_t _MountId(int fd, const char *path)
@@ -194,7 +213,7 @@ int BUDeviceRoot::openFolder(const QString &relative, bool caseFallback, BUError
         }
     }
     if (fd < 0 && error)
-        *error = BUError::posix(errno);
+        *error = _FolderError(errno);
     return fd;
 }
 
@@ -208,6 +227,23 @@ int BUDeviceRoot::openParent(const QString &relative, QByteArray *name, bool cas
         return -1;
     }
     return openFolder(slash < 0 ? QString() : relative.left(slash), caseFallback, error);
+}
+
+bool BUDeviceRoot::lockForBackup()
+{
+    // A file system without locks (some FUSE ones) cannot tell: the backup goes on.
+    return m_fd >= 0 && (::flock(m_fd, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK);
+}
+
+bool BUDeviceRoot::backupIsRunning() const
+{
+    // A lock through an open file of its own, which the root's lock would not conflict with.
+    const int fd = m_fd >= 0 ? ::openat(m_fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
+    if (fd < 0)
+        return false;
+    const bool held = ::flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    ::close(fd);
+    return held;
 }
 
 bool BUDeviceRoot::isStillMounted()
@@ -251,12 +287,33 @@ QByteArray NameIgnoringCase(int folderFd, const QByteArray &wanted, bool folder)
 
 bool RemoveItemAt(int folderFd, const char *name, BUError *error)
 {
-    auto fail = [error](int errorNumber) {
+    auto failWith = [error](const BUError &value) {
         if (error)
-            *error = BUError::posix(errorNumber);
+            *error = value;
         return false;
     };
-    if (::unlinkat(folderFd, name, 0) == 0)
+    auto fail = [&failWith](int errorNumber) { return failWith(BUError::posix(errorNumber)); };
+    // Unlinking asks nothing of the item itself, so nothing of it is changed first: an old copy
+    // may share its inode with names outside the device (a snapshot of hard links), whose modes
+    // and flags are not the device's to change. What stands in the way is cleared: a folder its
+    // owner may not change is opened up, and an immutable or append-only item loses the flag.
+    auto unlinkItem = [](int parentFd, const char *child) {
+        if (::unlinkat(parentFd, child, 0) == 0)
+            return true;
+        if (errno == EACCES && _OpenUpFolder(parentFd) && ::unlinkat(parentFd, child, 0) == 0)
+            return true;
+        if (errno != EPERM)
+            return false;
+        struct statx status;
+        if (::statx(parentFd, child, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_TYPE, &status) != 0
+            || S_ISDIR(status.stx_mode) || !(status.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND))) {
+            errno = EPERM;
+            return false;
+        }
+        ClearImmutableFlags(parentFd, child);
+        return ::unlinkat(parentFd, child, 0) == 0;
+    };
+    if (unlinkItem(folderFd, name))
         return true;
     if (errno != EISDIR && errno != EPERM)
         return fail(errno);
@@ -271,13 +328,30 @@ bool RemoveItemAt(int folderFd, const char *name, BUError *error)
     std::vector<Level> levels;
     int current = -1;
     auto enter = [&](int parentFd, const QByteArray &child, int unlinkError) {
-        const int fd = ::openat(parentFd, child.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        // Another file system mounted here is never entered. A folder is the device's own (no
+        // other name shares it): it loses its flags and is opened up to its owner, so that what it
+        // holds can go.
+        struct statx before;
+        if (::statx(
+                parentFd, child.constData(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_TYPE | STATX_MODE, &before)
+            != 0)
+            return fail(errno);
+        if (before.stx_attributes & STATX_ATTR_MOUNT_ROOT)
+            return failWith(BUError::otherFileSystem());
+        if (!S_ISDIR(before.stx_mode))
+            return fail(unlinkError);
+        if (before.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND))
+            ClearImmutableFlags(parentFd, child.constData());
+        int fd = OpenItemAt(parentFd, child.constData(), O_RDONLY | O_DIRECTORY);
+        if (fd < 0 && errno == EACCES
+            && ::fchmodat(parentFd, child.constData(), (before.stx_mode & 07777) | S_IRWXU, AT_SYMLINK_NOFOLLOW) == 0)
+            fd = OpenItemAt(parentFd, child.constData(), O_RDONLY | O_DIRECTORY);
         if (fd < 0)
-            return fail(errno == ENOTDIR ? unlinkError : errno);
+            return failWith(_FolderError(errno == ENOTDIR ? unlinkError : errno));
+        _OpenUpFolder(fd);
         struct statx status;
-        const int read = ::statx(fd, "", AT_EMPTY_PATH, STATX_TYPE | STATX_INO, &status);
-        if (read != 0 || (status.stx_attributes & STATX_ATTR_MOUNT_ROOT)) {
-            const int saved = read != 0 ? errno : EBUSY; // EBUSY: another file system is mounted here
+        if (::statx(fd, "", AT_EMPTY_PATH, STATX_TYPE | STATX_INO, &status) != 0) {
+            const int saved = errno;
             ::close(fd);
             return fail(saved);
         }
@@ -305,7 +379,7 @@ bool RemoveItemAt(int folderFd, const char *name, BUError *error)
         Level &level = levels.back();
         if (!level.names.isEmpty()) {
             const QByteArray child = level.names.takeLast();
-            if (::unlinkat(current, child.constData(), 0) == 0)
+            if (unlinkItem(current, child.constData()))
                 continue;
             if (errno != EISDIR && errno != EPERM)
                 return finish(fail(errno));
@@ -347,8 +421,9 @@ void GiveUserFilePermissions(int folderFd, const char *name, const QString &path
     const bool read
         = ::statx(folderFd, name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_TYPE | STATX_MODE, &status) == 0;
     if (read) {
-        // Another file system mounted inside the device is none of the device's business.
-        if (status.stx_attributes & STATX_ATTR_MOUNT_ROOT)
+        // Another file system mounted inside the device is none of the device's business, and an
+        // inode with other names may be seen through them, outside the device.
+        if ((status.stx_attributes & STATX_ATTR_MOUNT_ROOT) || (!S_ISDIR(status.stx_mode) && status.stx_nlink > 1))
             return;
         permissions = status.stx_mode & 07777;
         directory = S_ISDIR(status.stx_mode);
@@ -364,7 +439,7 @@ void GiveUserFilePermissions(int folderFd, const char *name, const QString &path
     }
     if (!directory)
         return;
-    const int fd = ::openat(folderFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    const int fd = OpenItemAt(folderFd, name, O_RDONLY | O_DIRECTORY);
     if (fd < 0)
         return;
     QList<QByteArray> names;
@@ -382,7 +457,7 @@ void ClearImmutableFlags(int folderFd, const char *name)
         return;
     if (!S_ISREG(status.stx_mode) && !S_ISDIR(status.stx_mode))
         return;
-    const int fd = ::openat(folderFd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    const int fd = OpenItemAt(folderFd, name, O_RDONLY | O_NONBLOCK);
     if (fd < 0)
         return;
     int flags = 0;
@@ -391,4 +466,12 @@ void ClearImmutableFlags(int folderFd, const char *name)
         ::ioctl(fd, FS_IOC_SETFLAGS, &flags); // needs CAP_LINUX_IMMUTABLE; best effort
     }
     ::close(fd);
+}
+
+int OpenItemAt(int folderFd, const char *name, int flags)
+{
+    // A path of the caller's own (a test's temporary folder) is taken as it is.
+    if (folderFd == AT_FDCWD)
+        return ::openat(folderFd, name, flags | O_NOFOLLOW | O_CLOEXEC);
+    return _OpenBeneath(folderFd, name, flags);
 }

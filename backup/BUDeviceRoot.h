@@ -45,6 +45,12 @@ public:
     // Opens the folder that holds a relative path's last component and gives that component.
     int openParent(const QString &relative, QByteArray *name, bool caseFallback, BUError *error) const;
 
+    // Takes the device for one backup: false when another backup of it, in this process or
+    // another, holds it (an advisory lock on the root folder, let go when the root is closed).
+    bool lockForBackup();
+    // Whether some backup holds the device now.
+    bool backupIsRunning() const;
+
     // Whether the device is still mounted where it was opened and still a backup device. The mount
     // table is read again only when the kernel reports that it changed since the last call.
     bool isStillMounted();
@@ -67,12 +73,18 @@ private:
 // The first name listed in a folder that equals `wanted` without regard to case and is a folder
 // (or a regular file); empty when there is none. Links never match.
 QByteArray NameIgnoringCase(int folderFd, const QByteArray &wanted, bool folder);
+// Opens an item of a folder without following a link and without entering another file system.
+int OpenItemAt(int folderFd, const char *name, int flags);
 // Removes an item and, for a folder, everything inside it, never following a link and never
-// entering another file system mounted inside (EBUSY).
+// entering another file system mounted inside. The item itself is never changed before it is
+// unlinked (it may have other names); what stands in the way is cleared as far as possible: the
+// immutable and append-only flags of what cannot go otherwise, and a folder its owner cannot list
+// or change is opened up to the owner.
 bool RemoveItemAt(int folderFd, const char *name, BUError *error);
 // Adds read and write for owner, group and others (0666) to an item that lacks any of them and,
-// for a folder, to everything inside it, the last listed first. Failures are logged with the
-// device path and skipped.
+// for a folder, to everything inside it, the last listed first; never to a file with other names
+// (hard links), whose other names would change too. Failures are logged with the device path and
+// skipped.
 void GiveUserFilePermissions(int folderFd, const char *name, const QString &path);
 // Clears the immutable and append-only flags of an item, when it has one (best effort).
 void ClearImmutableFlags(int folderFd, const char *name);

@@ -43,9 +43,22 @@ BUError BUError::deviceWrite(int errorNumber)
         return cocoa(kNoSuchFileError, errorNumber);
     case EEXIST:
         return cocoa(kFileExistsError, errorNumber);
+    case EXDEV:
+        return {BUErrorDomain::Cocoa, kWriteUnknownError, otherFileSystem().failureReason};
     default:
         return cocoa(kWriteUnknownError, errorNumber);
     }
+}
+
+BUError BUError::otherFileSystem()
+{
+    return {BUErrorDomain::Posix, EXDEV,
+        QStringLiteral("Another file system is mounted at this place on the device, and the backup does not enter it")};
+}
+
+BUError BUError::sourceChanged()
+{
+    return {BUErrorDomain::Cocoa, kReadUnknownError, QStringLiteral("The file changed while it was copied")};
 }
 
 QString SystemErrorText(int errorNumber)

@@ -33,8 +33,14 @@ struct BUError {
     // 256 anything else.
     static BUError sourceRead(int errorNumber);
     // A failure to write to the device, in the Cocoa file domain: 513 no permission, 640 full,
-    // 642 read-only or gone, 4 folder missing, 516 exists, 512 anything else.
+    // 642 read-only or gone, 4 folder missing, 516 exists, 512 anything else (another file
+    // system in the way with otherFileSystem's reason).
     static BUError deviceWrite(int errorNumber);
+    // What would enter another file system mounted inside the device (EXDEV, with a reason that
+    // says so).
+    static BUError otherFileSystem();
+    // A source file that changed while it was copied (256, with a reason that says so).
+    static BUError sourceChanged();
     bool isError() const { return domain != BUErrorDomain::None; }
 };
 

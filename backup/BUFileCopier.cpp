@@ -184,6 +184,19 @@ ssize_t BUFileCopier::transfer(int in, int out, std::size_t length, bool *readFa
     }
 }
 
+bool BUFileCopier::skipHole(int in, int out, int64_t *position, int64_t *end)
+{
+    const off_t data = ::lseek(in, *position, SEEK_DATA);
+    if (data < 0)
+        return false; // ENXIO: no data after the position
+    const off_t hole = ::lseek(in, data, SEEK_HOLE);
+    if (hole < 0 || ::lseek(in, data, SEEK_SET) < 0 || ::lseek(out, data, SEEK_SET) < 0)
+        return false;
+    *position = data;
+    *end = std::min<int64_t>(*end, hole);
+    return true;
+}
+
 bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, int folderFd, const QByteArray &name,
     const BUVolumeKind &kind, BUError *error)
 {
@@ -256,18 +269,19 @@ bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, in
     // Reserving the space of a big file first finds a full device before its data is written; a
     // small one finds it at its first write just as soon, and so does a big one where reserving
     // would cost a second write (the write fails with the same error, and the copy is discarded).
-    bool reserved = false;
-    if (large && kind.reservesSpaceCheaply) {
-        reserved = ::fallocate(out, 0, 0, status.st_size) == 0;
-        if (!reserved && (errno == ENOSPC || errno == EDQUOT || errno == EFBIG)) {
-            *error = _WriteError(errno);
-            return discard();
-        }
+    // A sparse file (a disk image, a database) keeps its holes: only its data is written, and
+    // nothing is reserved for the holes.
+    const bool sparse = status.st_blocks * 512 < status.st_size;
+    if (large && kind.reservesSpaceCheaply && !sparse && ::fallocate(out, 0, 0, status.st_size) != 0
+        && (errno == ENOSPC || errno == EDQUOT || errno == EFBIG)) {
+        *error = _WriteError(errno);
+        return discard();
     }
 
-    // The size read at the start is what is copied, with the times read at the start: a file
-    // that grows meanwhile is newer than its copy and is copied again by the next backup.
+    // The size read at the start is what is copied, with the times read at the start; the source
+    // is checked against them at the end.
     bool streaming = status.st_size >= kWindowSize;
+    // written: the position reached in both files, holes included.
     int64_t written = 0, windowStart = 0, previousStart = -1;
     while (written < status.st_size) {
         if (written > 0 && deviceGone && deviceGone()) {
@@ -279,7 +293,16 @@ bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, in
             *error = BUError::cocoa(kUserCancelledError, ECANCELED);
             return discard();
         }
-        const std::size_t chunk = std::size_t(std::min<int64_t>(status.st_size - written, kWindowSize));
+        int64_t end = status.st_size;
+        if (sparse && !skipHole(in, out, &written, &end)) {
+            if (errno != ENXIO) {
+                *error = _ReadError(errno);
+                return discard();
+            }
+            written = status.st_size; // nothing but a hole up to the end
+            break;
+        }
+        const std::size_t chunk = std::size_t(std::min<int64_t>(end - written, kWindowSize));
         bool readFailed;
         const ssize_t count = transfer(in, out, chunk, &readFailed);
         if (count < 0) {
@@ -309,18 +332,31 @@ bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, in
         }
     }
     known->second = m_method;
+    if (sparse && ::ftruncate(out, status.st_size) != 0) {
+        *error = _WriteError(errno); // a hole at the end
+        return discard();
+    }
     if (streaming) {
         const int64_t start = previousStart >= 0 ? previousStart : 0;
         if (written > start && !waitForWriteBack(out, in, start, written - start, &streaming, error))
             return discard();
     }
-    if (reserved && written < status.st_size && ::ftruncate(out, written) != 0) {
-        *error = _WriteError(errno); // the source shrank: drop the reserved tail
+    // A file written to while it was read gives a copy that is neither its old nor its new
+    // content, and whose times could pass it as up to date: it is not kept.
+    struct stat after;
+    if (::fstat(in, &after) != 0) {
+        *error = _ReadError(errno);
+        return discard();
+    }
+    if (written != status.st_size || after.st_size != status.st_size || after.st_mtim.tv_sec != status.st_mtim.tv_sec
+        || after.st_mtim.tv_nsec != status.st_mtim.tv_nsec || after.st_ctim.tv_sec != status.st_ctim.tv_sec
+        || after.st_ctim.tv_nsec != status.st_ctim.tv_nsec) {
+        *error = BUError::sourceChanged();
         return discard();
     }
     BUError attributeError;
     if (!WriteItemAttributes(out, attributes, kind, 0, &attributeError, true)) {
-        *error = _WriteError(attributeError.code);
+        *error = attributeError.domain == BUErrorDomain::Cocoa ? attributeError : _WriteError(attributeError.code);
         return discard();
     }
     ::close(in);

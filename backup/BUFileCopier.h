@@ -54,6 +54,9 @@ private:
     // the buffer.
     enum class Method { RangeCopy, Splice, ReadWrite };
 
+    // Moves both files' positions past a hole of the source to its next data, whose end it
+    // gives in *end (when nearer); false with errno (ENXIO: only a hole is left).
+    static bool skipHole(int in, int out, int64_t *position, int64_t *end);
     bool waitForWriteBack(int out, int in, int64_t start, int64_t length, bool *streaming, BUError *error);
     // Moves up to `length` bytes from the current position of `in` to that of `out`, falling back
     // to the next method where one is refused. The count, 0 at the end of the source, or -1 with

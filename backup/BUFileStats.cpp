@@ -297,6 +297,14 @@ bool WriteItemAttributes(int fd, const BUItemAttributes &attributes, const BUVol
                 if (::fsetxattr(fd, name.constData(), value.constData(), std::size_t(value.size()), 0) != 0) {
                     if (errno == ENOTSUP || errno == EOPNOTSUPP)
                         break;
+                    // An attribute too big for what the file system keeps beside a file is a
+                    // failure of this item alone, named, not a full device.
+                    if ((errno == ENOSPC || errno == E2BIG || errno == ERANGE || errno == EDQUOT) && error) {
+                        *error = {BUErrorDomain::Cocoa, kWriteUnknownError,
+                            QStringLiteral("The device can't keep the attribute \"%1\" (%2)")
+                                .arg(QString::fromUtf8(name), SystemErrorText(errno))};
+                        return false;
+                    }
                     return fail(errno);
                 }
             }

@@ -1,9 +1,17 @@
 #include "backup/BUTouchedFolders.h"
 
+#include "backup/BUDeviceRoot.h"
+#include "keelson/KSLog.h"
+#include "keelson/KSStrings.h"
+
 #include <QHashFunctions>
 
 #include <algorithm>
 #include <bit>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -55,4 +63,48 @@ void TouchedFolders::rehash(std::size_t count)
             slot = (slot + 1) & mask;
         m_slots[slot] = uint32_t(i + 1);
     }
+}
+
+void RestoreMirrorTree(int mirrorFd,
+    const std::function<bool(const QByteArray &, BUItemAttributes *)> &sourceAttributes, const BUVolumeKind &kind)
+{
+    const int listed = ::openat(mirrorFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR *folder = listed >= 0 ? ::fdopendir(listed) : nullptr;
+    if (!folder) {
+        if (listed >= 0)
+            ::close(listed);
+        return;
+    }
+    std::vector<QByteArray> subfolders;
+    while (const dirent *entry = ::readdir(folder)) {
+        if (entry->d_name[0] != '.' && (entry->d_type == DT_DIR || entry->d_type == DT_UNKNOWN))
+            subfolders.emplace_back(entry->d_name);
+    }
+    ::closedir(folder);
+    std::function<void(int, const QByteArray &)> restore = [&](int parentFd, const QByteArray &relative) {
+        const QByteArray name = relative.mid(relative.lastIndexOf('/') + 1);
+        const int fd = OpenItemAt(parentFd, name.constData(), O_RDONLY | O_DIRECTORY);
+        if (fd < 0)
+            return; // a link, a file, another file system
+        const int inner = ::openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (DIR *list = inner >= 0 ? ::fdopendir(inner) : nullptr) {
+            std::vector<QByteArray> names;
+            while (const dirent *entry = ::readdir(list)) {
+                if (entry->d_name[0] != '.' && (entry->d_type == DT_DIR || entry->d_type == DT_UNKNOWN))
+                    names.emplace_back(entry->d_name);
+            }
+            ::closedir(list);
+            for (const QByteArray &child : names)
+                restore(fd, relative + '/' + child);
+        } else if (inner >= 0) {
+            ::close(inner);
+        }
+        BUItemAttributes attributes;
+        BUError error;
+        if (sourceAttributes(relative, &attributes) && !WriteItemAttributes(fd, attributes, kind, 0, &error))
+            LogString("Can't set the attributes of %@. %@", FileNameFromBytes(relative), error.failureReason);
+        ::close(fd);
+    };
+    for (const QByteArray &name : subfolders)
+        restore(mirrorFd, name);
 }

@@ -2,6 +2,9 @@
 // modes and times at the end of the run. Used by the backup alone, on its own thread.
 #pragma once
 
+#include "backup/BUFileStats.h"
+
+#include <QByteArray>
 #include <QString>
 #include <QStringView>
 
@@ -42,3 +45,15 @@ private:
     std::vector<Folder> m_folders;
     std::vector<uint32_t> m_slots; // a folder's index + 1; 0 is free. A power of two, at most half full
 };
+
+// The mark of a run in progress, kept in each mirror folder while a backup runs. A run killed on
+// the way leaves it behind, with folders whose times and modes are still the run's: the next
+// analysis lists it as a leftover to delete, and the run that deletes it gives every folder of
+// that mirror its source's attributes again.
+inline constexpr char kRunMarkName[] = ".tanner-partial-run";
+
+// Gives every folder below the open mirror folder (not the folder itself), deepest first, the
+// attributes sourceAttributes finds for its path below the mirror ("a/b"); a folder it finds
+// none for keeps its own. Never follows a link nor enters another file system.
+void RestoreMirrorTree(int mirrorFd,
+    const std::function<bool(const QByteArray &, BUItemAttributes *)> &sourceAttributes, const BUVolumeKind &kind);

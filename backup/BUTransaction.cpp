@@ -602,10 +602,13 @@ qsizetype ApplyBackupStatus(const QMap<qsizetype, QString> &trans, double copied
     for (auto it = trans.cbegin(); it != trans.cend(); ++it) {
         if (it.key() < 0 || it.key() >= g_transactions.size())
             continue;
-        g_outcomes.setDone(it.key());
-        ++g_finishedTransactions;
+        // A row reported again (done, then found not to have reached the device) counts once.
+        if (!g_outcomes.isDone(it.key())) {
+            g_outcomes.setDone(it.key());
+            ++g_finishedTransactions;
+        }
         highest = std::max(highest, it.key());
-        if (it.value().isEmpty())
+        if (it.value().isEmpty() || g_outcomes.failed(it.key()))
             continue;
         qsizetype index = g_errors.indexOf(it.value());
         if (index < 0) {

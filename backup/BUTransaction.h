@@ -223,7 +223,9 @@ private:
 // Applies one progress report of the backup to the shared state, as every front end shows it:
 // adds the copied bytes, marks each reported transaction done, counts it finished, and a failed
 // one (non-empty text) also failed, with its error index pointing at its text in g_errors
-// (appended when new). Returns the highest index reported, -1 for none. Main thread.
+// (appended when new). A row reported again as failed after it was reported done (its data did
+// not reach the device) turns failed, counted once. Returns the highest index reported, -1 for
+// none. Main thread.
 qsizetype ApplyBackupStatus(const QMap<qsizetype, QString> &trans, double copied);
 
 // Empties g_transactions and forgets their outcomes and error texts, before a new analysis.

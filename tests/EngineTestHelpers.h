@@ -12,6 +12,7 @@
 #include "tests/support/TestSupport.h"
 
 #include <QCoreApplication>
+#include <QCryptographicHash>
 #include <QDir>
 #include <QEventLoop>
 #include <QFile>
@@ -20,6 +21,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <functional>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -56,6 +58,39 @@ inline mode_t Mode(const QString &path)
     struct stat status = {};
     ::lstat(FileNameToBytes(path).constData(), &status);
     return status.st_mode & 07777;
+}
+
+// Every item below root, links not followed, as "path mode content-digest" lines in name
+// order: what a tree outside the mirrors must still be after a backup.
+inline QStringList TreeState(const QString &root)
+{
+    QStringList lines;
+    const QByteArray base = FileNameToBytes(root);
+    std::function<void(const QByteArray &)> walk = [&](const QByteArray &relative) {
+        const QByteArray path = relative.isEmpty() ? base : base + '/' + relative;
+        struct stat status = {};
+        if (::lstat(path.constData(), &status) != 0)
+            return;
+        QByteArray digest;
+        if (S_ISREG(status.st_mode)) {
+            QFile file(FileNameFromBytes(path));
+            if (file.open(QIODevice::ReadOnly))
+                digest = QCryptographicHash::hash(file.readAll(), QCryptographicHash::Sha1).toHex();
+        }
+        lines.append(QStringLiteral("%1 %2 %3")
+                         .arg(FileNameFromBytes(relative))
+                         .arg(status.st_mode, 0, 8)
+                         .arg(QString::fromLatin1(digest)));
+        if (!S_ISDIR(status.st_mode))
+            return;
+        QStringList names = QDir(FileNameFromBytes(path))
+                                .entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System);
+        names.sort();
+        for (const QString &name : std::as_const(names))
+            walk(relative.isEmpty() ? FileNameToBytes(name) : relative + '/' + FileNameToBytes(name));
+    };
+    walk(QByteArray());
+    return lines;
 }
 
 // How a mirror differs from its source, walked relative to open folders (so that depth is no limit),

@@ -181,3 +181,34 @@ TEST_F(AppState, TerminationSignalsArriveAsQtSignals)
     EXPECT_EQ(received, SIGTERM);
     EXPECT_TRUE(KSSignalWatcher::terminationRequested());
 }
+
+// A file the program wrote is read and written back as it was, with no copy aside; garbage, a
+// truncated file and an empty one are kept aside as they were before anything overwrites them.
+TEST_F(AppState, WhatWouldNotBeWrittenBackIsKeptAside)
+{
+    const QString damaged = home.settingsFile() + QStringLiteral(".damaged");
+    BUAppController &controller = launch();
+    ASSERT_TRUE(controller.applicationWillTerminate());
+    const QByteArray written = fileText();
+    ASSERT_FALSE(written.isEmpty());
+    launch();
+    EXPECT_FALSE(QFile::exists(damaged)) << logged.join(u'\n').toStdString();
+
+    QByteArray garbage(512, '\0');
+    for (qsizetype i = 0; i < garbage.size(); ++i)
+        garbage[i] = char((i * 131 + 7) % 256);
+    const QList<QPair<const char *, QByteArray>> cases
+        = {{"garbage", garbage}, {"truncated", written.left(written.size() / 2)}, {"empty", QByteArray()}};
+    for (const auto &[what, content] : cases) {
+        SCOPED_TRACE(what);
+        QFile::remove(damaged);
+        writeFile(content);
+        launch();
+        QFile copy(damaged);
+        ASSERT_TRUE(copy.open(QIODevice::ReadOnly));
+        EXPECT_EQ(copy.readAll(), content);
+        ASSERT_TRUE(controller.applicationWillTerminate());
+        copy.seek(0);
+        EXPECT_EQ(copy.readAll(), content) << "the copy aside outlives the write";
+    }
+}

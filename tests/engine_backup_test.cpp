@@ -174,7 +174,6 @@ TEST_F(DeviceTest, FatalErrorsStopTheRun)
         qint64 bigSize = 10; // of b.bin
         bool sparse = false; // b.bin is a hole after its first 10 bytes
     };
-    const QString first = device(QStringLiteral("Docs/a.txt"));
     const QString file = device(QStringLiteral("Docs/b.bin"));
     const QList<Case> cases = {
         // Checked before the first change: nothing is written.
@@ -187,12 +186,6 @@ TEST_F(DeviceTest, FatalErrorsStopTheRun)
             4 << 20, true},
         {"source vanished", [this] { QFile::remove(source(QStringLiteral("b.bin"))); },
             QStringLiteral("The file no longer exists.\n\nThe file \"%1\" could not be created.").arg(file)},
-        {"read-only file system inside",
-            [this] {
-                ASSERT_TRUE(MountTmpfs(device(QStringLiteral("Docs")), 0, QStringLiteral("ro")));
-                m_mounted.prepend(device(QStringLiteral("Docs")));
-            },
-            QStringLiteral("The device is read-only.\n\nThe file \"%1\" could not be created.").arg(first)},
         {"device read-only as a whole", [this] { ASSERT_TRUE(RemountReadOnly(device())); },
             QStringLiteral("The device \"Dev\" has been ejected.")},
     };

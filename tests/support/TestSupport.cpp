@@ -57,6 +57,13 @@ bool RemountReadOnly(const QString &path)
     return ::mount(nullptr, target.constData(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0;
 }
 
+bool BindMount(const QString &from, const QString &to)
+{
+    QDir().mkpath(to);
+    return ::mount(QFile::encodeName(from).constData(), QFile::encodeName(to).constData(), nullptr, MS_BIND, nullptr)
+        == 0;
+}
+
 bool LazyUnmount(const QString &path)
 {
     const QByteArray target = QFile::encodeName(path);

@@ -37,6 +37,8 @@ QString MountUnavailableReason();
 // Mounts a tmpfs at `path` (created when missing); sizeBytes 0 means the default size.
 bool MountTmpfs(const QString &path, qint64 sizeBytes = 0, const QString &extraOptions = {});
 bool RemountReadOnly(const QString &path);
+// Mounts the folder `from` again at `to` (created when missing): the same file system seen twice.
+bool BindMount(const QString &from, const QString &to);
 bool LazyUnmount(const QString &path);
 // Creates an ext4 image of the given size, attaches it to a loop device and mounts it.
 // mkfsOptions are given to mkfs.ext4 ("-O", "casefold").

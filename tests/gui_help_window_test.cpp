@@ -574,7 +574,8 @@ TEST_F(HelpWindow, ADocumentShowsEveryCpAtItsOwnPosition)
 
 TEST_F(HelpWindow, ATableIsLaidOutInCellsAndKeepsEveryCp)
 {
-    // Two rows, the second with a third cell; a cell of two paragraphs; text before and after.
+    // Two rows, the second with a third cell; a cell of two paragraphs, one holding a table of its
+    // own (shown as its text in the cell); text before and after.
     const QString path = QStringLiteral(TANNER_TEST_DATA_DIR "/help/Table.TWwrite");
     ASSERT_TRUE(VLSetUpHelpEngine());
     std::unique_ptr<VLDocument> document = VLLoadHelpDocument(path);
@@ -595,6 +596,7 @@ TEST_F(HelpWindow, ATableIsLaidOutInCellsAndKeepsEveryCp)
     };
     EXPECT_EQ(cellOf(QStringLiteral("Before")), std::make_pair(-1, -1));
     EXPECT_EQ(cellOf(QStringLiteral("Name")), std::make_pair(0, 0));
+    EXPECT_EQ(cellOf(QStringLiteral("Deep")), std::make_pair(0, 0));
     EXPECT_EQ(cellOf(QStringLiteral("in bytes")), std::make_pair(0, 1));
     EXPECT_EQ(cellOf(QStringLiteral("One")), std::make_pair(1, 0));
     EXPECT_EQ(cellOf(QStringLiteral("extra")), std::make_pair(1, 2));
@@ -613,9 +615,9 @@ TEST_F(HelpWindow, ATableIsLaidOutInCellsAndKeepsEveryCp)
     const int from = content->map.positionForCp(quint32(text.indexOf(u"Before")));
     const int to = content->map.positionForCp(content->textLength);
     EXPECT_EQ(KSSpokenText(*content->text, from, to, false),
-        QStringLiteral("Before. Name Size in bytes One 1 extra After. "));
-    EXPECT_EQ(
-        KSSpokenText(*content->text, from, to, true), QStringLiteral("After. extra 1 One in bytes Size Name Before. "));
+        QStringLiteral("Before. Name Deep Size in bytes One 1 extra After. "));
+    EXPECT_EQ(KSSpokenText(*content->text, from, to, true),
+        QStringLiteral("After. extra 1 One in bytes Size Name Deep Before. "));
 
     // The window finds text in a cell and selects it there.
     KSVellumaHelpWC *window = open(std::move(content), true);

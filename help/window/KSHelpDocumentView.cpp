@@ -178,6 +178,7 @@ private:
     QTextTable *table = nullptr;
     int row = -1, column = 0;
     std::size_t tableEnd = 0;
+    int nested = 0; // tables inside the table: shown as their rows' paragraphs in its cell
     // Where the last run of text began, so that a property is looked up once per run.
     std::size_t runIndex = 0;
     quint32 runEnd = 0;
@@ -291,14 +292,21 @@ void Layout::insertKnot(quint32 cp, std::size_t knotIndex, const VLKnot &knot)
                 column = 0;
                 return;
             }
+        } else if (knot.kink == kKinkBeg) {
+            ++nested;
         } else if (knot.kink == kKinkEnd && table && knotIndex == tableEnd) {
             moveTo(table->lastPosition() + 1, cp);
             table = nullptr;
             list = nullptr;
+            nested = 0;
+        } else if (knot.kink == kKinkEnd && nested > 0) {
+            --nested;
         }
         break;
     case kKnotRow:
-        if (table && knot.kink == kKinkBeg && row + 1 < table->rows()) {
+        if (nested > 0) {
+            // a row of a table inside the table
+        } else if (table && knot.kink == kKinkBeg && row + 1 < table->rows()) {
             ++row;
             column = 0;
             moveTo(table->cellAt(row, 0).firstPosition(), cp);

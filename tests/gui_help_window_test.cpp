@@ -1,5 +1,6 @@
 // The help window driven as a user meets it: the topic outline, zoom, quick search, back and
-// forward, what it remembers across two runs, its menu commands, speaking and the saved copy.
+// forward, what it remembers across two runs, its menu commands, speaking and the saved copy, and
+// how a document's text, tables included, keeps one position for every cp.
 #include "help/VLDocument.h"
 #include "help/VLHelpEngine.h"
 #include "help/VLHelpReader.h"

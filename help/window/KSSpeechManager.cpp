@@ -51,11 +51,14 @@ void KSSpeechManager::loadEngine()
 
 void KSSpeechManager::useEngines(const std::optional<QStringList> &engines)
 {
+    const bool wasSpeaking = isSpeaking();
     if (m_speech) {
         m_speech->stop();
         delete m_speech;
         m_speech = nullptr;
     }
+    if (wasSpeaking)
+        emit speakingChanged(false);
     m_engines = engines;
     m_engine.clear();
     m_reason.clear();

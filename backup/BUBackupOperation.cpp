@@ -958,7 +958,8 @@ bool BUBackupOperation::performOperation()
                 text = _CopyFile(run, transaction, &fatal);
                 if (run.copier.stoppedByCancel())
                     break; // cut short by Cancel: not carried out, so not reported
-                status.copied += transaction.fileSize();
+                if (text.isEmpty())
+                    status.copied += transaction.fileSize(); // a failed copy brought nothing over
                 writeBack.wrote(transaction.fileSize(), i);
                 lastWasFileCopy = true;
             }

@@ -18,10 +18,12 @@
 
 #include <QAbstractItemModelTester>
 #include <QAction>
+#include <QApplication>
 #include <QButtonGroup>
 #include <QClipboard>
 #include <QComboBox>
 #include <QLineEdit>
+#include <QPointer>
 #include <QScrollBar>
 #include <QTemporaryDir>
 #include <QTest>
@@ -113,6 +115,14 @@ protected:
     {
         KSSetWorkspaceTestHook({});
         KSSetNextChooserAnswer(std::nullopt);
+        // Every test starts without help windows, and none outlives the process's checks.
+        QList<QPointer<QWidget>> windows;
+        for (QWidget *widget : QApplication::topLevelWidgets()) {
+            if (dynamic_cast<KSVellumaHelpWC *>(widget))
+                windows.append(widget);
+        }
+        for (const QPointer<QWidget> &window : windows)
+            delete window.data();
     }
     KSVellumaHelpWC *open(std::unique_ptr<KSHelpContent> content, bool isFile = false)
     {

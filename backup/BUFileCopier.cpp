@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace {
@@ -28,6 +29,22 @@ BUError _ReadError(int errorNumber)
 BUError _WriteError(int errorNumber)
 {
     return BUError::deviceWrite(errorNumber);
+}
+
+// An error of writing data. FAT's FUSE driver answers a full device, and a file grown to 4 GiB,
+// with EPERM: on a file system that keeps no permissions the facts say which it was.
+BUError _DataWriteError(int errorNumber, int out, int64_t chunk, int64_t fileSize, const BUVolumeKind &kind)
+{
+    if ((errorNumber == EPERM || errorNumber == EACCES) && !kind.holdsOwnership) {
+        struct statvfs space;
+        if (::fstatvfs(out, &space) == 0 && int64_t(space.f_bavail) * int64_t(space.f_frsize) < chunk)
+            return BUError::deviceWrite(ENOSPC);
+        if (kind.filesUnder4GiB && fileSize >= kFatFileSizeLimit)
+            return BUError::fileTooBig();
+    }
+    if (errorNumber == EFBIG && kind.filesUnder4GiB)
+        return BUError::fileTooBig();
+    return _WriteError(errorNumber);
 }
 
 // sync_file_range answers these where a file system has no write-back of its own to start.
@@ -226,6 +243,11 @@ bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, in
         ::close(in);
         return false;
     }
+    if (kind.filesUnder4GiB && status.st_size >= kFatFileSizeLimit) {
+        *error = BUError::fileTooBig(); // known before anything is written
+        ::close(in);
+        return false;
+    }
     const bool large = status.st_size >= kLargeFileSize;
     if (large)
         ::posix_fadvise(in, 0, 0, POSIX_FADV_SEQUENTIAL);
@@ -309,8 +331,9 @@ bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, in
             // copy_file_range and sendfile do not say which side failed: the device's errors
             // are the ones a write gives.
             const int errorNumber = errno;
-            *error = (readFailed || (errorNumber == EIO && _SourceFailed(in))) ? _ReadError(errorNumber)
-                                                                               : _WriteError(errorNumber);
+            *error = (readFailed || (errorNumber == EIO && _SourceFailed(in)))
+                ? _ReadError(errorNumber)
+                : _DataWriteError(errorNumber, out, int64_t(chunk), status.st_size, kind);
             return discard();
         }
         if (count == 0)
@@ -369,7 +392,7 @@ bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, in
     }
     if (!kind.holdsOwnership) {
         // FUSE file systems may write their cached data, and with it a new time, at close.
-        const timespec times[2] = {attributes.accessed, attributes.modified};
+        const timespec times[2] = {StorableTime(attributes.accessed, kind), StorableTime(attributes.modified, kind)};
         ::utimensat(folderFd, temporary.constData(), times, AT_SYMLINK_NOFOLLOW);
     }
     return _PutInPlace(folderFd, temporary, name, error);

@@ -304,4 +304,15 @@ TEST_F(NamesTest, DepthBeyondPathMax)
     EXPECT_EQ(status.st_mode & 07777, 0750U);
     EXPECT_EQ(status.st_mtim.tv_sec, 1000000000);
     ::close(fd);
+
+    // A delete that deep: the folder that held the file gets its source's times back at the end.
+    fd = openLevels(source(), 100);
+    ASSERT_EQ(::unlinkat(fd, "deepest.txt", 0), 0);
+    ASSERT_EQ(::utimensat(fd, ".", times, 0), 0);
+    ::close(fd);
+    backupAndExpectMirror();
+    fd = openLevels(mirror, 100);
+    EXPECT_EQ(::fstat(fd, &status), 0);
+    EXPECT_EQ(status.st_mtim.tv_sec, 1000000000) << "the deepest folder's time";
+    ::close(fd);
 }

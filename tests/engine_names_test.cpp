@@ -5,6 +5,7 @@
 #include "tests/EngineTestHelpers.h"
 
 #include <QFileInfo>
+#include <QThread>
 
 #include <sys/resource.h>
 
@@ -265,4 +266,53 @@ TEST_F(NamesTest, DepthBeyondPathMax)
     ::setrlimit(RLIMIT_NOFILE, &saved);
     EXPECT_FALSE(QFileInfo::exists(device(QStringLiteral("Docs/stale"))));
     backupAndExpectMirror();
+
+    // Then the deepest file's mode and the mode and times of a folder 80 levels down change: the
+    // Updates reach them and the folder keeps its times past the end of the run.
+    auto openLevels = [&level](const QString &top, int levels) {
+        int at = ::open(FileNameToBytes(top).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        for (int i = 0; i < levels && at >= 0; ++i) {
+            const int next = ::openat(at, level.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            ::close(at);
+            at = next;
+        }
+        return at;
+    };
+    const QString mirror = device(LastPathComponent(source()));
+    QThread::sleep(1); // the changes come after the device copies' own, to the second
+    fd = openLevels(source(), 100);
+    ASSERT_EQ(::fchmodat(fd, "deepest.txt", 0600, 0), 0);
+    ::close(fd);
+    const timespec times[2] = {{1000000000, 0}, {1000000000, 0}};
+    fd = openLevels(source(), 79);
+    ASSERT_EQ(::fchmodat(fd, level.constData(), 0750, 0), 0);
+    ASSERT_EQ(::utimensat(fd, level.constData(), times, 0), 0);
+    ::close(fd);
+    analyze();
+    const QStringList updates = transactionLines();
+    ASSERT_EQ(updates.size(), 2) << updates.join(u'\n').toStdString();
+    EXPECT_TRUE(updates[0].startsWith(QStringLiteral("Update ")));
+    EXPECT_TRUE(updates[1].startsWith(QStringLiteral("Update ")));
+    backupAndExpectMirror();
+    struct stat status = {};
+    fd = openLevels(mirror, 100);
+    EXPECT_EQ(::fstatat(fd, "deepest.txt", &status, 0), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600U);
+    ::close(fd);
+    fd = openLevels(mirror, 79);
+    EXPECT_EQ(::fstatat(fd, level.constData(), &status, 0), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0750U);
+    EXPECT_EQ(status.st_mtim.tv_sec, 1000000000);
+    ::close(fd);
+
+    // A delete that deep: the folder that held the file gets its source's times back at the end.
+    fd = openLevels(source(), 100);
+    ASSERT_EQ(::unlinkat(fd, "deepest.txt", 0), 0);
+    ASSERT_EQ(::utimensat(fd, ".", times, 0), 0);
+    ::close(fd);
+    backupAndExpectMirror();
+    fd = openLevels(mirror, 100);
+    EXPECT_EQ(::fstat(fd, &status), 0);
+    EXPECT_EQ(status.st_mtim.tv_sec, 1000000000) << "the deepest folder's time";
+    ::close(fd);
 }

@@ -28,6 +28,7 @@
 #include <QHeaderView>
 #include <QLabel>
 #include <QListView>
+#include <QPointer>
 #include <QProcess>
 #include <QPushButton>
 #include <QRegularExpression>
@@ -118,11 +119,15 @@ protected:
             LazyUnmount(mount); // so the temporary home can be removed
         KSAlert::setTestAnswerer({});
         BUExtraStuffDialog::setTestHook({});
+        QList<QPointer<KSVellumaHelpWC>> helps;
         for (QWidget *widget : QApplication::topLevelWidgets()) {
-            if (auto *help = qobject_cast<KSVellumaHelpWC *>(widget)) {
+            if (auto *help = qobject_cast<KSVellumaHelpWC *>(widget))
+                helps.append(help);
+        }
+        for (const QPointer<KSVellumaHelpWC> &help : helps) {
+            if (help)
                 help->close();
-                delete help;
-            }
+            delete help.data();
         }
     }
 

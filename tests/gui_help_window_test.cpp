@@ -1,5 +1,6 @@
 // The help window driven as a user meets it: the topic outline, zoom, quick search, back and
-// forward, what it remembers across two runs, its menu commands, speaking and the saved copy.
+// forward, what it remembers across two runs, its menu commands, speaking and the saved copy, and
+// how a document's text, tables included, keeps one position for every cp.
 #include "help/VLDocument.h"
 #include "help/VLHelpEngine.h"
 #include "help/VLHelpReader.h"
@@ -28,6 +29,7 @@
 #include <QTest>
 #include <QTextBlock>
 #include <QTextEdit>
+#include <QTextTable>
 #include <QToolBar>
 #include <QToolButton>
 #include <QTreeView>
@@ -55,6 +57,45 @@ std::unique_ptr<KSHelpContent> SampleContent(const QString &path = QStringLitera
     bodies[3][5] = QStringLiteral("An ignore rule such as 10tmp leaves out temporary files.");
     bodies[5][2] = QStringLiteral("Another ignore rule matches names.");
     return KSHelpContentFromChapters(names, bodies, path);
+}
+
+// Every cp of the document shows at a position of its own that maps back to it: text as itself,
+// a paragraph end as a block boundary, a knot as one object character.
+void ExpectEveryCpAtItsOwnPosition(const VLDocument &document, const KSHelpContent &content, bool *sawPicture)
+{
+    const QString text = document.text().toString();
+    std::vector<std::pair<qint32, VLKnot>> knots;
+    for (std::size_t i = 0; i < document.knotCount(); ++i) {
+        qint32 cp = 0;
+        const VLKnot knot = document.knotAt(i, &cp);
+        knots.emplace_back(cp, knot);
+    }
+    ASSERT_EQ(content.textLength, quint32(text.size()));
+    std::size_t knot = 0;
+    int previous = -1;
+    for (quint32 cp = 0; cp < content.textLength; ++cp) {
+        const int position = content.map.positionForCp(cp);
+        ASSERT_EQ(content.map.cpForPosition(position), cp);
+        ASSERT_GT(position, previous) << cp;
+        previous = position;
+        const QChar shown = content.text->characterAt(position);
+        const char16_t unit = text[cp].unicode();
+        if (knot < knots.size() && quint32(knots[knot].first) == cp) {
+            QTextCursor cursor(content.text.get());
+            cursor.setPosition(position + 1);
+            if (knots[knot].second.type == kKnotPic && cursor.charFormat().isImageFormat()) {
+                *sawPicture = true;
+                EXPECT_EQ(shown, QChar::ObjectReplacementCharacter);
+            } else {
+                EXPECT_TRUE(shown == QChar(0x200B) || shown == QChar(0x2610) || shown == QChar(0x2611)) << cp;
+            }
+            ++knot;
+        } else if (unit == 10) {
+            EXPECT_EQ(shown, QChar::ParagraphSeparator) << cp;
+        } else {
+            EXPECT_EQ(shown, text[cp]) << cp;
+        }
+    }
 }
 
 QAction *Action(QWidget *window, const char *name)
@@ -421,17 +462,41 @@ TEST_F(HelpWindow, MenuCommandsFollowTheState)
     window->close();
 }
 
-TEST_F(HelpWindow, SpeakingUsesTheEngineOrSaysWhyNot)
+TEST_F(HelpWindow, SpeakingIsOffAndSaysWhyWithoutAUsableEngine)
 {
     KSVellumaHelpWC *window = open(SampleContent());
     window->jumpToTopic(1, -1, true);
-    window->validateMenuItems();
     QAction *speak = Action(window, "startSpeakingAction");
     KSSpeechManager &speech = KSSpeechManager::sharedInstance();
+    struct Installed {
+        ~Installed() { KSSpeechManager::sharedInstance().useEngines(std::nullopt); }
+    } installedAgain;
+
+    // No engine at all, then only one that cannot be started.
+    speech.useEngines(QStringList());
+    window->validateMenuItems();
+    EXPECT_FALSE(speak->isEnabled());
+    EXPECT_TRUE(speak->toolTip().contains(u"none is installed")) << speak->toolTip().toStdString();
+    EXPECT_FALSE(speech.speakString(QStringLiteral("Hello")));
+    EXPECT_FALSE(speech.isSpeaking());
+    speech.useEngines(QStringList {QStringLiteral("no-such-engine")});
+    window->validateMenuItems();
+    EXPECT_FALSE(speak->isEnabled());
+    EXPECT_TRUE(speak->toolTip().contains(u"(no-such-engine) could be started")) << speak->toolTip().toStdString();
+    EXPECT_TRUE(speech.engineName().isEmpty());
+    window->close();
+}
+
+TEST_F(HelpWindow, SpeakingUsesTheInstalledEngine)
+{
+    KSVellumaHelpWC *window = open(SampleContent());
+    window->jumpToTopic(1, -1, true);
+    QAction *speak = Action(window, "startSpeakingAction");
+    KSSpeechManager &speech = KSSpeechManager::sharedInstance();
+    window->validateMenuItems();
     if (!speech.isAvailable()) {
         EXPECT_FALSE(speak->isEnabled());
-        EXPECT_TRUE(speak->toolTip().contains(u"speech engine")) << speak->toolTip().toStdString();
-        EXPECT_FALSE(speech.speakString(QStringLiteral("Hello")));
+        EXPECT_EQ(speak->toolTip(), speech.unavailableReason());
         window->close();
         GTEST_SKIP() << "no speech engine is installed; checked that Start Speaking is off and says why";
     }
@@ -489,41 +554,12 @@ TEST_F(HelpWindow, ADocumentShowsEveryCpAtItsOwnPosition)
     ASSERT_TRUE(VLSetUpHelpEngine());
     std::unique_ptr<VLDocument> document = VLLoadHelpDocument(path);
     ASSERT_NE(document, nullptr);
-    const QString text = document->text().toString();
-    std::vector<std::pair<qint32, VLKnot>> knots;
-    for (std::size_t i = 0; i < document->knotCount(); ++i) {
-        qint32 cp = 0;
-        const VLKnot knot = document->knotAt(i, &cp);
-        knots.emplace_back(cp, knot);
-    }
     QString reason;
     std::unique_ptr<KSHelpContent> content = KSLoadHelpContent(path, &reason);
     ASSERT_NE(content, nullptr) << reason.toStdString();
-    ASSERT_EQ(content->textLength, quint32(text.size()));
-    ASSERT_EQ(content->text->characterCount() - 1, text.size());
-    std::size_t knot = 0;
     bool sawPicture = false;
-    for (quint32 cp = 0; cp < content->textLength; ++cp) {
-        const int position = content->map.positionForCp(cp);
-        ASSERT_EQ(content->map.cpForPosition(position), cp);
-        const QChar shown = content->text->characterAt(position);
-        const char16_t unit = text[cp].unicode();
-        if (knot < knots.size() && quint32(knots[knot].first) == cp) {
-            QTextCursor cursor(content->text.get());
-            cursor.setPosition(position + 1);
-            if (knots[knot].second.type == kKnotPic && cursor.charFormat().isImageFormat()) {
-                sawPicture = true;
-                EXPECT_EQ(shown, QChar::ObjectReplacementCharacter);
-            } else {
-                EXPECT_TRUE(shown == QChar(0x200B) || shown == QChar(0x2610) || shown == QChar(0x2611)) << cp;
-            }
-            ++knot;
-        } else if (unit == 10) {
-            EXPECT_EQ(shown, QChar::ParagraphSeparator) << cp;
-        } else {
-            EXPECT_EQ(shown, text[cp]) << cp;
-        }
-    }
+    ExpectEveryCpAtItsOwnPosition(*document, *content, &sawPicture);
+    EXPECT_EQ(content->text->characterCount() - 1, document->text().size()); // no table: nothing added
     EXPECT_TRUE(sawPicture);
     // Chapters and their names come from the document; the first run's formatting shows.
     ASSERT_EQ(content->chapterCps.size(), document->chapterCount());
@@ -545,6 +581,64 @@ TEST_F(HelpWindow, ADocumentShowsEveryCpAtItsOwnPosition)
 
     EXPECT_EQ(KSVellumaHelpWC::displayFileAsHelp(path + QStringLiteral("-missing"), &reason), nullptr);
     EXPECT_FALSE(reason.isEmpty());
+}
+
+TEST_F(HelpWindow, ATableIsLaidOutInCellsAndKeepsEveryCp)
+{
+    // Two rows, the second with a third cell; a cell of two paragraphs, one holding a table of its
+    // own (shown as its text in the cell); text before and after.
+    const QString path = QStringLiteral(TANNER_TEST_DATA_DIR "/help/Table.TWwrite");
+    ASSERT_TRUE(VLSetUpHelpEngine());
+    std::unique_ptr<VLDocument> document = VLLoadHelpDocument(path);
+    ASSERT_NE(document, nullptr);
+    QString reason;
+    std::unique_ptr<KSHelpContent> content = KSLoadHelpContent(path, &reason);
+    ASSERT_NE(content, nullptr) << reason.toStdString();
+    bool sawPicture = false;
+    ExpectEveryCpAtItsOwnPosition(*document, *content, &sawPicture);
+
+    const QString text = document->text().toString();
+    auto cellOf = [&](const QString &word) {
+        QTextCursor cursor(content->text.get());
+        cursor.setPosition(content->map.positionForCp(quint32(text.indexOf(word))));
+        QTextTable *table = cursor.currentTable();
+        return table ? std::make_pair(table->cellAt(cursor).row(), table->cellAt(cursor).column())
+                     : std::make_pair(-1, -1);
+    };
+    EXPECT_EQ(cellOf(QStringLiteral("Before")), std::make_pair(-1, -1));
+    EXPECT_EQ(cellOf(QStringLiteral("Name")), std::make_pair(0, 0));
+    EXPECT_EQ(cellOf(QStringLiteral("Deep")), std::make_pair(0, 0));
+    EXPECT_EQ(cellOf(QStringLiteral("in bytes")), std::make_pair(0, 1));
+    EXPECT_EQ(cellOf(QStringLiteral("One")), std::make_pair(1, 0));
+    EXPECT_EQ(cellOf(QStringLiteral("extra")), std::make_pair(1, 2));
+    EXPECT_EQ(cellOf(QStringLiteral("After")), std::make_pair(-1, -1));
+    QTextCursor inTable(content->text.get());
+    inTable.setPosition(content->map.positionForCp(quint32(text.indexOf(u"One"))));
+    ASSERT_NE(inTable.currentTable(), nullptr);
+    EXPECT_EQ(inTable.currentTable()->rows(), 2);
+    EXPECT_EQ(inTable.currentTable()->columns(), 3);
+    // The positions the table adds map to the cp after them; copying a cell gives its text.
+    EXPECT_EQ(content->map.cpForPosition(content->map.positionForCp(quint32(text.indexOf(u"Name"))) - 1),
+        quint32(text.indexOf(u"Name")) - 1);
+    const auto one = quint32(text.indexOf(u"One"));
+    EXPECT_EQ(content->plainText(one, one + 3), QStringLiteral("One"));
+    // Spoken cell by cell in reading order, the pieces the other way round for a backward selection.
+    const int from = content->map.positionForCp(quint32(text.indexOf(u"Before")));
+    const int to = content->map.positionForCp(content->textLength);
+    EXPECT_EQ(KSSpokenText(*content->text, from, to, false),
+        QStringLiteral("Before. Name Deep Size in bytes One 1 extra After. "));
+    EXPECT_EQ(KSSpokenText(*content->text, from, to, true),
+        QStringLiteral("After. extra 1 One in bytes Size Name Deep Before. "));
+
+    // The window finds text in a cell and selects it there.
+    KSVellumaHelpWC *window = open(std::move(content), true);
+    window->setSelection(quint32(text.indexOf(u"extra")), quint32(text.indexOf(u"extra")) + 5);
+    EXPECT_EQ(window->findChild<QTextEdit *>()->textCursor().selectedText(), QStringLiteral("extra"));
+    EXPECT_EQ(window->selectionStart(), quint32(text.indexOf(u"extra")));
+    window->setSelection(one, one + 3); // up to the cell's end, not into the next cell
+    EXPECT_EQ(window->findChild<QTextEdit *>()->textCursor().selectedText(), QStringLiteral("One"));
+    EXPECT_EQ(window->selectionEnd(), one + 3);
+    window->close();
 }
 
 TEST_F(HelpWindow, TheApplicationsHelpOpensOnceAndFollowsItsLinks)

@@ -70,11 +70,33 @@ QString KSHelpContent::plainText(quint32 start, quint32 end) const
         return {};
     QTextCursor cursor(text.get());
     cursor.setPosition(map.positionForCp(start));
-    cursor.setPosition(map.positionForCp(end), QTextCursor::KeepAnchor);
+    cursor.setPosition(map.endPositionForCp(end), QTextCursor::KeepAnchor);
     QString plain = cursor.selectedText();
     plain.replace(QChar::ParagraphSeparator, u'\n');
+    plain.replace(QChar(0xFDD0), u'\n'); // a table's beginning and end
+    plain.replace(QChar(0xFDD1), u'\n');
     plain.remove(QChar(0x200B)); // the stand-ins of invisible objects
     return plain;
+}
+
+QString KSSpokenText(const QTextDocument &document, int start, int end, bool backwards)
+{
+    QStringList pieces;
+    for (QTextBlock block = document.findBlock(start); block.isValid() && block.position() <= end;
+         block = block.next()) {
+        const int from = std::max(start, block.position()) - block.position();
+        const int to = std::min(end, block.position() + block.length() - 1) - block.position();
+        QString piece = block.text().mid(from, std::max(0, to - from));
+        piece.remove(QChar::ObjectReplacementCharacter).remove(QChar(0x200B));
+        if (!piece.trimmed().isEmpty())
+            pieces.append(piece);
+    }
+    if (backwards)
+        std::reverse(pieces.begin(), pieces.end());
+    QString text;
+    for (const QString &piece : pieces)
+        text += piece + u' ';
+    return text;
 }
 
 std::unique_ptr<KSHelpContent> KSHelpContentFromChapters(

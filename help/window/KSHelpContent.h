@@ -18,6 +18,9 @@ public:
     // Records that `cp` is shown at `position`; anchors are added in increasing order.
     void addAnchor(quint32 cp, int position);
     int positionForCp(quint32 cp) const;
+    // Where a stretch ending at `end` (exclusive) ends: just after its last cp, so that a stretch
+    // that ends in a table cell does not reach into the next one.
+    int endPositionForCp(quint32 end) const { return end == 0 ? 0 : positionForCp(end - 1) + 1; }
     // A position the layout added maps to the cp that follows it.
     quint32 cpForPosition(int position) const;
     void clear() { m_anchors.clear(); }
@@ -59,6 +62,11 @@ struct KSHelpContent {
     // The plain text of [start, end), for copying and speaking.
     QString plainText(quint32 start, quint32 end) const;
 };
+
+// The text to speak of the positions [start, end) of a laid-out help text: paragraph by paragraph,
+// so that a table is read cell by cell in reading order (the pieces in the opposite order when
+// `backwards`), each non-empty piece followed by a single space, objects left out.
+QString KSSpokenText(const QTextDocument &document, int start, int end, bool backwards);
 
 // Knot types the window tells apart.
 enum KSHelpKnotType : quint32 {

@@ -8,6 +8,7 @@
 #include <QTextBlock>
 #include <QTextCursor>
 #include <QTextList>
+#include <QTextTable>
 #include <QUrl>
 
 namespace {
@@ -116,6 +117,39 @@ bool _IsBreak(char16_t c)
     return c == 10 || c == 11 || c == 12 || c == 13;
 }
 
+// A table's shape, counted from its knots before it is laid out: the rows and the most cells a
+// row has. A row begins at its "beg" row knot, each "mid" row knot begins the row's next cell.
+struct TableShape {
+    int rows = 0;
+    int columns = 0;
+    std::size_t endKnot = 0; // the index of the table's "end" knot
+};
+
+bool _TableShape(const VLDocument &document, std::size_t begKnot, TableShape *shape)
+{
+    int depth = 0, cells = 0;
+    for (std::size_t i = begKnot + 1; i < document.knotCount(); ++i) {
+        const VLKnot knot = document.knotAt(i);
+        if (knot.type == kKnotTable && knot.kink == kKinkBeg) {
+            ++depth;
+        } else if (knot.type == kKnotTable && knot.kink == kKinkEnd) {
+            if (depth-- == 0) {
+                shape->endKnot = i;
+                return shape->rows > 0;
+            }
+        } else if (knot.type == kKnotRow && depth == 0) {
+            if (knot.kink == kKinkBeg) {
+                ++shape->rows;
+                cells = 1;
+            } else if (knot.kink == kKinkMid && shape->rows > 0) {
+                ++cells;
+            }
+            shape->columns = std::max(shape->columns, cells);
+        }
+    }
+    return false; // a table without its end is shown as its rows' paragraphs
+}
+
 class Layout {
 public:
     Layout(const VLDocument &document, KSHelpContent &content)
@@ -125,49 +159,69 @@ public:
     void run();
 
 private:
-    QTextCharFormat charFormat(quint32 cp);
-    void startBlock(quint32 cp);
-    void insertKnot(quint32 cp, const VLKnot &knot);
+    const QTextCharFormat &charFormat(qint32 index);
+    const QTextBlockFormat &blockFormat(quint32 cp);
+    void insertKnot(quint32 cp, std::size_t knotIndex, const VLKnot &knot);
+    void moveTo(int position, quint32 cp);
 
     const VLDocument &document;
     KSHelpContent &content;
     QTextCursor cursor;
     QHash<qint32, QTextCharFormat> charFormats;
+    QHash<qint32, QTextCharFormat> linkFormats;
     QHash<qint32, QTextBlockFormat> blockFormats;
     QTextList *list = nullptr;
     qint64 linkStart = -1;
     QHash<qint32, quint32> bookmarkByNumber;
     QHash<quint32, qint32> linkBookmark;
+    // The table being filled, its row and cell, and the index of its "end" knot.
+    QTextTable *table = nullptr;
+    int row = -1, column = 0;
+    std::size_t tableEnd = 0;
+    int nested = 0; // tables inside the table: shown as their rows' paragraphs in its cell
+    // Where the last run of text began, so that a property is looked up once per run.
+    std::size_t runIndex = 0;
+    quint32 runEnd = 0;
+    qint32 runProperty = -1;
 };
 
-QTextCharFormat Layout::charFormat(quint32 cp)
+const QTextCharFormat &Layout::charFormat(qint32 index)
 {
-    const qint32 index = document.charPropertyAt(cp);
     auto it = charFormats.find(index);
     if (it == charFormats.end())
         it = charFormats.insert(index, _CharFormat(document, index));
     if (linkStart < 0)
         return *it;
-    QTextCharFormat link = *it;
-    link.setAnchor(true);
-    link.setAnchorHref(QStringLiteral("cp:%1").arg(linkStart));
-    link.setFontUnderline(true);
-    link.setForeground(QColor(0x1A, 0x5F, 0xB4));
-    return link;
+    auto link = linkFormats.find(index);
+    if (link == linkFormats.end()) {
+        QTextCharFormat format = *it;
+        format.setAnchor(true);
+        format.setFontUnderline(true);
+        format.setForeground(QColor(0x1A, 0x5F, 0xB4));
+        link = linkFormats.insert(index, format);
+    }
+    link->setAnchorHref(QStringLiteral("cp:%1").arg(linkStart));
+    return *link;
 }
 
-void Layout::startBlock(quint32 cp)
+const QTextBlockFormat &Layout::blockFormat(quint32 cp)
 {
     const qint32 index = document.paraPropertyAt(cp);
     auto it = blockFormats.find(index);
     if (it == blockFormats.end())
         it = blockFormats.insert(index, _BlockFormat(document, index));
-    cursor.setBlockFormat(*it);
-    if (list)
-        list->add(cursor.block());
+    return *it;
 }
 
-void Layout::insertKnot(quint32 cp, const VLKnot &knot)
+// Puts the cursor at a position the layout chose (a table cell, the text after a table) for the
+// text from `cp` on, and records the shift in the cp map.
+void Layout::moveTo(int position, quint32 cp)
+{
+    cursor.setPosition(position);
+    content.map.addAnchor(cp, position);
+}
+
+void Layout::insertKnot(quint32 cp, std::size_t knotIndex, const VLKnot &knot)
 {
     content.marks.push_back({cp, knot.type});
     switch (knot.type) {
@@ -191,7 +245,7 @@ void Layout::insertKnot(quint32 cp, const VLKnot &knot)
         break;
     }
     case kKnotCheckbox:
-        cursor.insertText(QString(QChar((knot.primary & 0xFF) ? 0x2611 : 0x2610)), charFormat(cp));
+        cursor.insertText(QString(QChar((knot.primary & 0xFF) ? 0x2611 : 0x2610)), charFormat(runProperty));
         return;
     case kKnotDivider: {
         QTextBlockFormat rule = cursor.blockFormat();
@@ -219,26 +273,83 @@ void Layout::insertKnot(quint32 cp, const VLKnot &knot)
             list = nullptr;
         }
         break;
+    case kKnotTable:
+        if (knot.kink == kKinkBeg && !table) {
+            // The knot stays in the paragraph before the table; the table follows it.
+            TableShape shape;
+            if (_TableShape(document, knotIndex, &shape)) {
+                cursor.insertText(QString(QChar(kStandIn)), charFormat(runProperty));
+                QTextTableFormat format;
+                format.setCellPadding(4);
+                format.setCellSpacing(0);
+                format.setBorder(1);
+                format.setBorderStyle(QTextFrameFormat::BorderStyle_Solid);
+                format.setBorderCollapse(true);
+                table = cursor.insertTable(shape.rows, shape.columns, format);
+                content.map.addAnchor(cp + 1, cursor.position());
+                tableEnd = shape.endKnot;
+                row = -1;
+                column = 0;
+                return;
+            }
+        } else if (knot.kink == kKinkBeg) {
+            ++nested;
+        } else if (knot.kink == kKinkEnd && table && knotIndex == tableEnd) {
+            moveTo(table->lastPosition() + 1, cp);
+            table = nullptr;
+            list = nullptr;
+            nested = 0;
+        } else if (knot.kink == kKinkEnd && nested > 0) {
+            --nested;
+        }
+        break;
+    case kKnotRow:
+        if (nested > 0) {
+            // a row of a table inside the table
+        } else if (table && knot.kink == kKinkBeg && row + 1 < table->rows()) {
+            ++row;
+            column = 0;
+            moveTo(table->cellAt(row, 0).firstPosition(), cp);
+            cursor.setBlockFormat(blockFormat(cp));
+            list = nullptr;
+        } else if (table && knot.kink == kKinkMid && row >= 0 && column + 1 < table->columns()) {
+            ++column;
+            moveTo(table->cellAt(row, column).firstPosition(), cp);
+            cursor.setBlockFormat(blockFormat(cp));
+            list = nullptr;
+        }
+        break;
     default:
         break;
     }
-    cursor.insertText(QString(QChar(kStandIn)), charFormat(cp));
+    cursor.insertText(QString(QChar(kStandIn)), charFormat(runProperty));
 }
 
 void Layout::run()
 {
     const QStringView text = document.text();
     const auto length = quint32(text.size());
+    const KSArrayCP &runs = document.charRuns();
+    const std::size_t runCount = runs.count();
     std::size_t knotIndex = 0;
     qint32 knotCp = -1;
     VLKnot knot = document.knotCount() ? document.knotAt(0, &knotCp) : VLKnot {};
     if (!document.knotCount())
         knotCp = -1;
-    startBlock(0);
+    // One edit for the whole text: the document tells what changed once, at the end.
+    cursor.beginEditBlock();
+    cursor.setBlockFormat(blockFormat(0));
     quint32 cp = 0;
     while (cp < length) {
+        if (cp >= runEnd) {
+            // The character run holding cp: the runs are walked in order, one look-up each.
+            while (runIndex < runCount && quint32(runs.cpAtIndex(runIndex)) <= cp)
+                ++runIndex;
+            runEnd = runIndex < runCount ? quint32(runs.cpAtIndex(runIndex)) : length;
+            runProperty = document.charPropertyAt(cp);
+        }
         if (knotCp >= 0 && quint32(knotCp) == cp) {
-            insertKnot(cp, knot);
+            insertKnot(cp, knotIndex, knot);
             ++cp;
             ++knotIndex;
             knotCp = -1;
@@ -247,20 +358,24 @@ void Layout::run()
             continue;
         }
         if (_IsBreak(text[cp].unicode())) {
-            cursor.insertBlock(QTextBlockFormat(), charFormat(cp));
             ++cp;
-            startBlock(cp);
+            cursor.insertBlock(blockFormat(cp), charFormat(runProperty));
+            if (list)
+                list->add(cursor.block());
             continue;
         }
-        // A stretch of plain text with one character format.
-        const qint32 format = document.charPropertyAt(cp);
-        quint32 end = cp + 1;
-        while (end < length && (knotCp < 0 || end < quint32(knotCp)) && !_IsBreak(text[end].unicode())
-            && document.charPropertyAt(end) == format)
-            ++end;
-        cursor.insertText(text.mid(cp, end - cp).toString(), charFormat(cp));
+        // A stretch of plain text with one character format, up to a knot or a paragraph end.
+        quint32 end = std::min(runEnd, knotCp >= 0 ? quint32(knotCp) : length);
+        for (quint32 i = cp + 1; i < end; ++i) {
+            if (_IsBreak(text[i].unicode())) {
+                end = i;
+                break;
+            }
+        }
+        cursor.insertText(text.mid(cp, end - cp).toString(), charFormat(runProperty));
         cp = end;
     }
+    cursor.endEditBlock();
     for (auto it = linkBookmark.cbegin(); it != linkBookmark.cend(); ++it) {
         const auto target = bookmarkByNumber.constFind(it.value());
         if (target != bookmarkByNumber.cend())

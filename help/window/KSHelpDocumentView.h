@@ -1,7 +1,8 @@
 // Lays a loaded help document out for the help window: its text through a QTextDocument with
 // exactly one text position per character position (a knot is one object character, a picture an
 // image at its knot's cp, a paragraph end a block boundary), its character and paragraph
-// formatting, pictures, lists and links. Tables are shown as their rows' paragraphs. Main thread.
+// formatting, pictures, lists, links and tables (a QTextTable whose cells are filled in reading
+// order; the positions the table adds are anchors of the cp map). Main thread.
 #pragma once
 
 #include "help/window/KSHelpContent.h"

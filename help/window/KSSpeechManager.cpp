@@ -17,14 +17,16 @@ void KSSpeechManager::loadEngine()
     if (m_loaded)
         return;
     m_loaded = true;
-    const QStringList engines = QTextToSpeech::availableEngines();
+    const QStringList engines = m_engines ? *m_engines : QTextToSpeech::availableEngines();
     if (engines.isEmpty()) {
         m_reason = QStringLiteral("Speaking needs a speech engine, and none is installed (install "
                                   "speech-dispatcher or Qt's flite speech plug-in).");
         return;
     }
     // The default engine first, then the others in the order Qt lists them.
-    QStringList order {QString()};
+    QStringList order;
+    if (!m_engines)
+        order.append(QString());
     order += engines;
     for (const QString &engine : order) {
         auto *speech = engine.isEmpty() ? new QTextToSpeech(this) : new QTextToSpeech(engine, this);
@@ -45,6 +47,22 @@ void KSSpeechManager::loadEngine()
     }
     connect(m_speech, &QTextToSpeech::stateChanged, this,
         [this](QTextToSpeech::State state) { emit speakingChanged(state == QTextToSpeech::Speaking); });
+}
+
+void KSSpeechManager::useEngines(const std::optional<QStringList> &engines)
+{
+    const bool wasSpeaking = isSpeaking();
+    if (m_speech) {
+        m_speech->stop();
+        delete m_speech;
+        m_speech = nullptr;
+    }
+    if (wasSpeaking)
+        emit speakingChanged(false);
+    m_engines = engines;
+    m_engine.clear();
+    m_reason.clear();
+    m_loaded = false;
 }
 
 bool KSSpeechManager::isAvailable()

@@ -5,6 +5,9 @@
 
 #include <QObject>
 #include <QString>
+#include <QStringList>
+
+#include <optional>
 
 class QTextToSpeech;
 
@@ -30,6 +33,11 @@ public:
     // What went wrong with the last thing said (no audio output...); empty when nothing did.
     QString speakingError();
 
+    // Chooses among these engines, in this order, instead of the installed ones (nullopt: the
+    // installed ones again, the desktop's default first) and loads afresh. Lets the behaviour
+    // without a usable engine be seen on a machine that has one, and the other way round.
+    void useEngines(const std::optional<QStringList> &engines);
+
 signals:
     void speakingChanged(bool speaking);
 
@@ -40,4 +48,5 @@ private:
     QString m_engine;
     QString m_reason;
     bool m_loaded = false;
+    std::optional<QStringList> m_engines;
 };

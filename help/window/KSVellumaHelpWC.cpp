@@ -579,7 +579,9 @@ void KSVellumaHelpWC::setSelection(quint32 start, quint32 end)
     QTextCursor cursor(ui->scrollView->document());
     const int last = ui->scrollView->document()->characterCount() - 1;
     cursor.setPosition(std::min(m_content->map.positionForCp(start), last));
-    cursor.setPosition(std::min(m_content->map.positionForCp(end), last), QTextCursor::KeepAnchor);
+    cursor.setPosition(
+        std::min(end > start ? m_content->map.endPositionForCp(end) : m_content->map.positionForCp(end), last),
+        QTextCursor::KeepAnchor);
     ui->scrollView->setTextCursor(cursor);
 }
 
@@ -917,23 +919,7 @@ void KSVellumaHelpWC::startSpeaking()
             ui->scrollView->verticalScrollBar()->value() + ui->scrollView->viewport()->height() - 1);
         end = std::max(start, document->documentLayout()->hitTest(bottom, Qt::FuzzyHit));
     }
-    // Block by block, so that a table is read cell by cell in reading order, backwards when the
-    // selection was made backwards.
-    QStringList pieces;
-    for (QTextBlock block = document->findBlock(start); block.isValid() && block.position() <= end;
-         block = block.next()) {
-        const int from = std::max(start, block.position()) - block.position();
-        const int to = std::min(end, block.position() + block.length() - 1) - block.position();
-        QString piece = block.text().mid(from, std::max(0, to - from));
-        piece.remove(QChar::ObjectReplacementCharacter).remove(QChar(0x200B));
-        if (!piece.trimmed().isEmpty())
-            pieces.append(piece);
-    }
-    if (selection.anchor() > selection.position())
-        std::reverse(pieces.begin(), pieces.end());
-    QString text;
-    for (const QString &piece : pieces)
-        text += piece + u' ';
+    const QString text = KSSpokenText(*document, start, end, selection.anchor() > selection.position());
     if (!speech.speakString(text))
         beep();
 }

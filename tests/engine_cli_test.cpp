@@ -293,6 +293,7 @@ TEST_F(CommandLineTest, FatAndExfatDevicesStayUpToDate)
     WriteTree(source(), {{"odd.txt", "odd second"}, {"folder/even.txt", "even second"}});
     SetModificationTime(source(QStringLiteral("odd.txt")), 1600000001);
     SetModificationTime(source(QStringLiteral("folder/even.txt")), 1600000002);
+    int tested = 0;
     for (const Kind &kind : kinds) {
         SCOPED_TRACE(kind.name);
         const QString image = m_sources.path() + QStringLiteral("/device.img");
@@ -301,9 +302,10 @@ TEST_F(CommandLineTest, FatAndExfatDevicesStayUpToDate)
         file.close();
         QDir().mkpath(device());
         if (!Quietly(kind.make[0], {image}) || !kind.mount(image, device())) {
-            std::cout << "[  SKIPPED ] " << kind.name << ": cannot make or mount the file system here\n";
+            std::cout << "[ NOT HERE ] " << kind.name << ": cannot make or mount the file system here\n";
             continue;
         }
+        ++tested;
         m_mounted.prepend(device());
         ProcessResult result = tanner({QStringLiteral("backup"), QStringLiteral("Dev")});
         EXPECT_EQ(result.exitCode, 0) << result.out.toStdString() << result.err.toStdString();
@@ -317,6 +319,8 @@ TEST_F(CommandLineTest, FatAndExfatDevicesStayUpToDate)
             Quietly(QStringLiteral("losetup"), {QStringLiteral("-d"), loop});
         QFile::remove(image);
     }
+    if (tested == 0)
+        GTEST_SKIP() << "no FAT or exFAT file system can be made or mounted here";
 }
 
 // A FAT device's limits are named as what they are. Dates it cannot store are written as its

@@ -76,10 +76,12 @@ TEST_F(NamesTest, ADeviceThatKeepsCaseMirrorsEverySpelling)
 TEST_F(NamesTest, ADeviceThatIgnoresCaseKeepsTheFirstSpellingAndSaysWhy)
 {
     TANNER_REQUIRE_MOUNTS();
+    int tested = 0;
     for (const QString &kind : kIgnoringCase) {
         SCOPED_TRACE(kind.toStdString());
         if (!mountDeviceOfKind(kind))
             continue;
+        ++tested;
         // Without twins the device mirrors the source exactly, whatever the case of the names.
         WriteTree(source(), {{"MixedCase.TXT", "m"}, {"Folder/Inner.txt", "i"}});
         backupAndExpectMirror();
@@ -113,6 +115,8 @@ TEST_F(NamesTest, ADeviceThatIgnoresCaseKeepsTheFirstSpellingAndSaysWhy)
         RemoveItemAt(AT_FDCWD, FileNameToBytes(source()).constData(), nullptr);
         QDir().mkpath(source());
     }
+    if (tested == 0)
+        GTEST_SKIP() << "no file system that ignores case can be made or mounted here";
 }
 
 // Names are bytes: a byte-order mark inside or at the start of a name, Latin-1 bytes and stray

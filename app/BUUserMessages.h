@@ -84,6 +84,7 @@
     X(kOtherFileSystem,                                                                                                \
         "Another file system is mounted at this place on the device, and the backup does not enter it")                \
     X(kFileChangedWhileCopied, "The file changed while it was copied")                                                 \
+    X(kFileTooBigForDevice, "The device's file system can't hold files of 4 GB or more")                               \
     X(kAttributeNotKept, "The device can't keep the attribute \"%1\" (%2)")                                            \
     X(kNotRegularFile, "It is not a regular file")                                                                     \
     X(kUnknownError, "An unknown error occurred.")                                                                     \

@@ -723,16 +723,27 @@ QString _SourceOfMirror(const BackupRun &run, const QString &relative, QString *
             break;
         }
     }
-    for (qsizetype i = 1; i < components.size() && !path.isEmpty(); ++i) {
+    if (path.isEmpty())
+        return QString();
+    // Each component below the last one's open folder, so that depth is no limit.
+    Descriptor folder {components.size() > 1 ? _OpenSourceFolder(path, *root) : -1};
+    for (qsizetype i = 1; i < components.size(); ++i) {
+        if (folder.fd < 0)
+            return QString();
         QByteArray name = FileNameToBytes(components[i]);
         struct stat status;
-        if (::lstat((path + '/' + name).constData(), &status) != 0 || !S_ISDIR(status.st_mode)) {
-            const Descriptor folder {::open(path.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)};
-            name = folder.fd >= 0 ? NameIgnoringCase(folder.fd, name, true) : QByteArray();
+        if (::fstatat(folder.fd, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(status.st_mode)) {
+            const Descriptor listed {::openat(folder.fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+            name = listed.fd >= 0 ? NameIgnoringCase(listed.fd, name, true) : QByteArray();
             if (name.isEmpty())
                 return QString();
         }
         path += '/' + name;
+        if (i + 1 < components.size()) {
+            const int below = ::openat(folder.fd, name.constData(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+            ::close(folder.fd);
+            folder.fd = below;
+        }
     }
     return FileNameFromBytes(path);
 }

@@ -56,6 +56,12 @@ BUError BUError::otherFileSystem()
         QStringLiteral("Another file system is mounted at this place on the device, and the backup does not enter it")};
 }
 
+BUError BUError::fileTooBig()
+{
+    return {BUErrorDomain::Cocoa, kWriteUnknownError,
+        QStringLiteral("The device's file system can't hold files of 4 GB or more")};
+}
+
 BUError BUError::sourceChanged()
 {
     return {BUErrorDomain::Cocoa, kReadUnknownError, QStringLiteral("The file changed while it was copied")};

@@ -39,6 +39,8 @@ struct BUError {
     // What would enter another file system mounted inside the device (EXDEV, with a reason that
     // says so).
     static BUError otherFileSystem();
+    // A file too big for the device's file system (FAT: 4 GiB or more); 512.
+    static BUError fileTooBig();
     // A source file that changed while it was copied (256, with a reason that says so).
     static BUError sourceChanged();
     bool isError() const { return domain != BUErrorDomain::None; }

@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace {
@@ -28,6 +29,25 @@ BUError _ReadError(int errorNumber)
 BUError _WriteError(int errorNumber)
 {
     return BUError::deviceWrite(errorNumber);
+}
+
+// An error of writing data up to `end`. FAT's FUSE driver answers a full device, and a file grown to
+// 4 GiB, with EPERM: on a file system that keeps no permissions the facts say which it was. Such a
+// file system has no holes: reaching `end` takes the space from what the file holds up to there.
+BUError _DataWriteError(int errorNumber, int out, int64_t end, int64_t fileSize, const BUVolumeKind &kind)
+{
+    if ((errorNumber == EPERM || errorNumber == EACCES) && !kind.holdsOwnership) {
+        struct statvfs space;
+        struct stat written;
+        if (::fstatvfs(out, &space) == 0 && ::fstat(out, &written) == 0
+            && int64_t(space.f_bavail) * int64_t(space.f_frsize) < end - int64_t(written.st_blocks) * 512)
+            return BUError::deviceWrite(ENOSPC);
+        if (kind.filesUnder4GiB && fileSize >= kFatFileSizeLimit)
+            return BUError::fileTooBig();
+    }
+    if (errorNumber == EFBIG && kind.filesUnder4GiB)
+        return BUError::fileTooBig();
+    return _WriteError(errorNumber);
 }
 
 // sync_file_range answers these where a file system has no write-back of its own to start.
@@ -226,6 +246,11 @@ bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, in
         ::close(in);
         return false;
     }
+    if (kind.filesUnder4GiB && status.st_size >= kFatFileSizeLimit) {
+        *error = BUError::fileTooBig(); // known before anything is written
+        ::close(in);
+        return false;
+    }
     const bool large = status.st_size >= kLargeFileSize;
     if (large)
         ::posix_fadvise(in, 0, 0, POSIX_FADV_SEQUENTIAL);
@@ -309,8 +334,9 @@ bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, in
             // copy_file_range and sendfile do not say which side failed: the device's errors
             // are the ones a write gives.
             const int errorNumber = errno;
-            *error = (readFailed || (errorNumber == EIO && _SourceFailed(in))) ? _ReadError(errorNumber)
-                                                                               : _WriteError(errorNumber);
+            *error = (readFailed || (errorNumber == EIO && _SourceFailed(in)))
+                ? _ReadError(errorNumber)
+                : _DataWriteError(errorNumber, out, written + int64_t(chunk), status.st_size, kind);
             return discard();
         }
         if (count == 0)
@@ -367,10 +393,14 @@ bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, in
         ::unlinkat(folderFd, temporary.constData(), 0);
         return false;
     }
-    if (!kind.holdsOwnership) {
-        // FUSE file systems may write their cached data, and with it a new time, at close.
-        const timespec times[2] = {attributes.accessed, attributes.modified};
-        ::utimensat(folderFd, temporary.constData(), times, AT_SYMLINK_NOFOLLOW);
-    }
-    return _PutInPlace(folderFd, temporary, name, error);
+    if (kind.holdsOwnership)
+        return _PutInPlace(folderFd, temporary, name, error);
+    // FUSE file systems may write their cached data, and with it a new time, at close; FAT's gives
+    // a renamed file the time of the rename. The times are set before and after it.
+    const timespec times[2] = {StorableTime(attributes.accessed, kind), StorableTime(attributes.modified, kind)};
+    ::utimensat(folderFd, temporary.constData(), times, AT_SYMLINK_NOFOLLOW);
+    if (!_PutInPlace(folderFd, temporary, name, error))
+        return false;
+    ::utimensat(folderFd, name.constData(), times, AT_SYMLINK_NOFOLLOW);
+    return true;
 }

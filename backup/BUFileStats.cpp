@@ -4,11 +4,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <ctime>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -226,7 +228,39 @@ BUVolumeKind VolumeKindForFileSystem(const QString &fileSystemType)
     kind.ignoresCase = limited.contains(fileSystemType) && fileSystemType != u"ntfs";
     kind.mayFoldCase = fileSystemType == u"ext4" || fileSystemType == u"f2fs";
     kind.reservesSpaceCheaply = fileSystemType != u"tmpfs" && fileSystemType != u"ramfs";
+    kind.datesFrom1980 = twoSeconds.contains(fileSystemType) || fileSystemType == u"exfat";
+    kind.filesUnder4GiB = twoSeconds.contains(fileSystemType);
     return kind;
+}
+
+int64_t StorableSeconds(int64_t seconds, const BUVolumeKind &kind)
+{
+    if (!kind.datesFrom1980)
+        return seconds;
+    // The file system keeps local dates and times; the zone is read once.
+    static const auto range = [] {
+        auto local = [](int year, int month, int day, int hour, int minute, int second) {
+            std::tm fields = {};
+            fields.tm_year = year - 1900;
+            fields.tm_mon = month - 1;
+            fields.tm_mday = day;
+            fields.tm_hour = hour;
+            fields.tm_min = minute;
+            fields.tm_sec = second;
+            fields.tm_isdst = -1;
+            return int64_t(std::mktime(&fields));
+        };
+        return std::pair<int64_t, int64_t>(local(1980, 1, 1, 0, 0, 0), local(2107, 12, 31, 23, 59, 58));
+    }();
+    return std::clamp(seconds, range.first, range.second);
+}
+
+timespec StorableTime(const timespec &time, const BUVolumeKind &kind)
+{
+    const int64_t seconds = StorableSeconds(time.tv_sec, kind);
+    if (seconds == time.tv_sec)
+        return time;
+    return {time_t(seconds), 0};
 }
 
 bool ReadItemAttributes(int fd, BUItemAttributes *attributes, BUError *error)
@@ -312,7 +346,7 @@ bool WriteItemAttributes(int fd, const BUItemAttributes &attributes, const BUVol
         if (::fchmod(fd, attributes.mode | extraMode) != 0)
             return fail(errno);
     }
-    const timespec times[2] = {attributes.accessed, attributes.modified};
+    const timespec times[2] = {StorableTime(attributes.accessed, kind), StorableTime(attributes.modified, kind)};
     if (::futimens(fd, times) != 0)
         return fail(errno);
     return true;

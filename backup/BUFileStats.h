@@ -84,12 +84,24 @@ struct BUVolumeKind {
     // Space reserved ahead (fallocate) is only marked as such. Memory file systems fill it with
     // zeroed pages instead, which costs as much as writing the data a second time.
     bool reservesSpaceCheaply = true;
+    // Dates only from 1980-01-01 to 2107-12-31 in local time (FAT, exFAT): the file system wraps
+    // any other date around, so times are written and compared clamped into that range.
+    bool datesFrom1980 = false;
+    // Files only below 4 GiB (FAT).
+    bool filesUnder4GiB = false;
 };
+inline constexpr int64_t kFatFileSizeLimit = int64_t(1) << 32;
 BUVolumeKind VolumeKindForFileSystem(const QString &fileSystemType);
+
+// A time in seconds since 1970 as a volume of this kind stores it: clamped into its dates.
+int64_t StorableSeconds(int64_t seconds, const BUVolumeKind &kind);
+timespec StorableTime(const timespec &time, const BUVolumeKind &kind);
 
 // Content times as the comparison sees them on a volume of this kind.
 inline double ComparableContentTime(double seconds, const BUVolumeKind &kind)
 {
+    if (kind.datesFrom1980)
+        seconds = double(StorableSeconds(int64_t(seconds), kind));
     return kind.twoSecondTimes ? double(int64_t(seconds) >> 1) : seconds;
 }
 

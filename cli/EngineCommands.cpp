@@ -67,6 +67,15 @@ QString _KindName(const BUTransaction &transaction)
     return transaction.isFolder() ? QStringLiteral("folder") : QStringLiteral("file");
 }
 
+// Why the backup will not make a copy the analysis lists (two source names the same but for case,
+// on a device that ignores case); null for any other transaction.
+QString _CaseConflict(const BUTransaction &transaction)
+{
+    if (transaction.action() != BUTransaction::kCopy || g_caseConflicts.isEmpty())
+        return QString();
+    return g_caseConflicts.value(transaction.path());
+}
+
 // The window's "Confirm Large Deletions" setting, which the command line follows too.
 bool ConfirmsLargeDeletions()
 {
@@ -144,9 +153,13 @@ public:
         if (m_analyzeOnly) {
             m_statusText = QStringLiteral("Analysis complete");
             if (!m_json) {
-                for (const BUTransaction &transaction : std::as_const(g_transactions))
-                    PrintLine(
-                        stdout, transaction.actionName() + u'\t' + _KindName(transaction) + u'\t' + transaction.path());
+                // A copy that the device's letter case rules out says so, as the backup will.
+                for (const BUTransaction &transaction : std::as_const(g_transactions)) {
+                    const QString conflict = _CaseConflict(transaction);
+                    PrintLine(stdout,
+                        transaction.actionName() + u'\t' + _KindName(transaction) + u'\t' + transaction.path()
+                            + (conflict.isNull() ? QString() : u'\t' + conflict));
+                }
                 PrintLine(stdout, summary);
                 PrintLine(stdout, m_statusText);
             }
@@ -304,6 +317,8 @@ private:
             out += QStringLiteral(", \"rootPath\": ")
                 + (t.rootPath().isNull() ? QStringLiteral("null") : _Json(t.rootPath()));
             out += QStringLiteral(", \"fileSize\": ") + QString::number(t.fileSize(), 'f', 0);
+            const QString conflict = _CaseConflict(t);
+            out += QStringLiteral(", \"conflict\": ") + (conflict.isNull() ? QStringLiteral("null") : _Json(conflict));
             if (m_backupRan) {
                 out += QStringLiteral(", \"done\": ")
                     + (g_outcomes.isDone(i) ? QStringLiteral("true") : QStringLiteral("false"));

@@ -2,6 +2,7 @@
 
 #include "help/VLDocument.h"
 #include "help/VLVocabulary.h"
+#include "keelson/KSArrayString.h"
 #include "keelson/KSLog.h"
 #include "keelson/KSXmlDecoder.h"
 
@@ -95,6 +96,68 @@ VLDocument *VLPreferencesDocument()
 VLDocument *VLClipDocument()
 {
     return _Engine().clip.get();
+}
+
+bool VLImportPreferences(VLDocument &document, const VLDocument *preferences)
+{
+    if (!preferences)
+        return false;
+    // Each record of the preferences is copied once; -1 stays -1.
+    QHash<qint32, qint32> copied;
+    const auto copyRecord = [&](qint32 index, quint32 type, bool *ok) -> qint32 {
+        if (index < 0)
+            return -1;
+        const auto done = copied.constFind(index);
+        if (done != copied.cend())
+            return done.value();
+        const void *record = type == kRecordNone ? preferences->property(index) : preferences->property(index, type);
+        if (!record)
+            return -1;
+        const qint32 made = document.appendProperty(record);
+        if (made < 0)
+            *ok = false;
+        copied.insert(index, made);
+        return made;
+    };
+    bool ok = true;
+    const qint32 chapter = copyRecord(preferences->normalChapter(), kRecordChap, &ok);
+    const qint32 table = copyRecord(preferences->normalTable(), kRecordTable, &ok);
+    if (!ok)
+        return false;
+    if (chapter >= 0)
+        document.setNormalChapter(chapter);
+    if (table >= 0)
+        document.setNormalTable(table);
+
+    // Styles: where each one of the preferences lands, then their base and next styles through it.
+    KSArrayString &styles = document.styles();
+    QHash<qint32, qint32> placed;
+    for (std::size_t i = 0; i < preferences->styles().count(); ++i) {
+        VLStyle style = preferences->styleAt(i);
+        if (style.type == kRecordUnusedStyle)
+            continue;
+        const QString name = preferences->styleName(i);
+        style.prop = copyRecord(style.prop, kRecordNone, &ok);
+        style.charProp = copyRecord(style.charProp, kRecordChar, &ok);
+        if (!ok)
+            return false;
+        std::size_t at = KSNotFound;
+        if (!styles.findString(name, false, &at) || at >= styles.count()) {
+            at = styles.addEntry(&style, &name);
+            if (at == KSNotFound)
+                return false;
+        } else if (!styles.replaceEntry(&style, &name, at)) {
+            return false;
+        }
+        placed.insert(qint32(i), qint32(at));
+    }
+    for (auto it = placed.cbegin(); it != placed.cend(); ++it) {
+        VLStyle style = document.styleAt(std::size_t(it.value()));
+        style.base = style.base < 0 ? -1 : placed.value(style.base, 0);
+        style.next = style.next < 0 ? -1 : placed.value(style.next, it.value());
+        styles.replaceEntryAtIndex(std::size_t(it.value()), &style);
+    }
+    return document.rebuildStyleList();
 }
 
 const QHash<QString, quint32> &VLDocumentKeyDecoder()

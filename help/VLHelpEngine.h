@@ -28,6 +28,11 @@ QByteArray &VLScratchStorage();
 
 VLDocument *VLPreferencesDocument();
 VLDocument *VLClipDocument();
+// A file shown as help takes the look of the preferences: their normal chapter and normal table
+// records and their styles (placeholders left out; a style of the same name is replaced), with the
+// records the styles use; the style list is then rebuilt. False when memory runs out or there are
+// no preferences (the engine is not set up); the document keeps what was brought in until then.
+bool VLImportPreferences(VLDocument &document, const VLDocument *preferences = VLPreferencesDocument());
 const QHash<QString, quint32> &VLDocumentKeyDecoder();
 const QHash<quint32, QString> &VLDocumentKeyEncoder();
 

@@ -259,7 +259,7 @@ protected:
         else
             mounted = MountFuseImage(kind, image, 32, m_device);
         if (!mounted) {
-            std::cout << "[  SKIPPED ] " << kind.toStdString() << ": cannot make or mount it here\n";
+            std::cout << "[ NOT HERE ] " << kind.toStdString() << ": cannot make or mount it here\n";
             return false;
         }
         m_mounted.prepend(m_device);
@@ -268,7 +268,7 @@ protected:
             QProcess chattr;
             chattr.start(QStringLiteral("chattr"), {QStringLiteral("+F"), m_device});
             if (!chattr.waitForFinished() || chattr.exitCode() != 0) {
-                std::cout << "[  SKIPPED ] ext4-casefold: the root folder cannot be made to fold case\n";
+                std::cout << "[ NOT HERE ] ext4-casefold: the root folder cannot be made to fold case\n";
                 return false;
             }
         }

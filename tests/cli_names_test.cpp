@@ -3,6 +3,7 @@
 // JSON.
 #include "tests/EngineTestHelpers.h"
 
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 
@@ -87,4 +88,42 @@ TEST_F(CommandLineNamesTest, RefusalsSayWhy)
     EXPECT_TRUE(result.err.contains("I can't backup to \"Dev\" because it is mounted read-only."))
         << result.err.toStdString();
     EXPECT_FALSE(result.err.contains("ejected"));
+}
+
+// On a device that ignores case, the analysis already says which copy the backup will refuse, and
+// why: in the listing and in JSON.
+TEST_F(CommandLineNamesTest, TheAnalysisSaysWhichCopiesCaseRulesOut)
+{
+    bool mounted = false;
+    for (const QString &kind :
+        {QStringLiteral("fusefat"), QStringLiteral("exfat-fuse"), QStringLiteral("ext4-casefold")})
+        mounted = mounted || mountDeviceOfKind(kind);
+    if (!mounted)
+        GTEST_SKIP() << "no file system that ignores case can be mounted here";
+    WriteTree(source(), {{"Twin/f", "folder"}, {"twin", "file"}, {"plain.txt", "p"}});
+    ASSERT_EQ(tanner({"folders", "add", FileNameToBytes(source())}).exitCode, 0);
+    ASSERT_EQ(tanner({"folders", "remove", "home"}).exitCode, 0);
+    const QString reason
+        = QStringLiteral("The device ignores case, so \"Twin\" and \"twin\" can't both be kept on it.");
+    ProcessResult result = tanner({"analyze", "Dev"});
+    EXPECT_EQ(result.exitCode, 0) << result.err.toStdString();
+    const QByteArray twin = FileNameToBytes(source(QStringLiteral("twin")));
+    EXPECT_TRUE(result.out.contains("Copy\tfile\t" + twin + '\t' + reason.toUtf8() + '\n')) << result.out.toStdString();
+    EXPECT_TRUE(result.out.contains("Copy\tfile\t" + FileNameToBytes(source(QStringLiteral("plain.txt"))) + '\n'));
+
+    result = tanner({"analyze", "Dev", "--json"});
+    int checked = 0;
+    for (const QJsonValue row :
+        QJsonDocument::fromJson(result.out).object().value(QStringLiteral("transactions")).toArray()) {
+        const QJsonObject transaction = row.toObject();
+        const QString path = transaction.value(QStringLiteral("path")).toString();
+        if (path.endsWith(QStringLiteral("/twin"))) {
+            EXPECT_EQ(transaction.value(QStringLiteral("conflict")).toString(), reason);
+            ++checked;
+        } else if (path.endsWith(QStringLiteral("/plain.txt"))) {
+            EXPECT_TRUE(transaction.value(QStringLiteral("conflict")).isNull());
+            ++checked;
+        }
+    }
+    EXPECT_EQ(checked, 2) << result.out.toStdString();
 }

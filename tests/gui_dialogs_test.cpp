@@ -1,5 +1,7 @@
 // The alert box, the rule dialog and the extra-items dialog, driven as a person would.
 #include "app/BUAppController.h"
+#include "help/BUHelpBookmarks.h"
+#include "help/window/KSVellumaHelpWC.h"
 #include "keelson/gui/KSAlert.h"
 #include "keelson/gui/KSAlertController.h"
 #include "keelson/gui/KSFileChooser.h"
@@ -9,6 +11,7 @@
 #include "ui/BURuleDialog.h"
 
 #include <QAbstractItemModelTester>
+#include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
 #include <QDialogButtonBox>
@@ -16,10 +19,12 @@
 #include <QFileDialog>
 #include <QLabel>
 #include <QLineEdit>
+#include <QPointer>
 #include <QPushButton>
 #include <QRadioButton>
 #include <QTableView>
 #include <QTest>
+#include <QWindow>
 
 using namespace tanner::test;
 
@@ -53,6 +58,7 @@ TEST(AlertBox, KeysButtonsAndSuppression)
         EXPECT_FALSE(box.findChild<QLabel *>(QStringLiteral("infoField"))->isVisible());
         EXPECT_FALSE(box.suppressionButton()->isVisible());
         EXPECT_FALSE(box.button(KSAlertController::kSecondButton)->isVisible());
+        EXPECT_FALSE(box.helpButton()->isVisible());
         QTest::keyClick(&box, Qt::Key_Escape);
         EXPECT_EQ(box.result(), KSAlertController::kSecondButton);
         KSAlertController enter(QStringLiteral("m"), QStringLiteral("info"), {}, nullptr);
@@ -84,6 +90,44 @@ TEST(AlertBox, KeysButtonsAndSuppression)
         KSAlertController::kFirstButton);
     EXPECT_FALSE(suppress);
     EXPECT_EQ(seen, (QStringList {QStringLiteral("a"), QStringLiteral("b")}));
+    KSAlert::setTestAnswerer({});
+}
+
+TEST(AlertBox, HelpLeavesTheBoxWaitingForItsAnswer)
+{
+    EnsureApplication();
+    QList<QWidget *> helped;
+    KSAlertController box(QStringLiteral("This backup would delete 9 of the 10 items on \"Disk\"."),
+        QStringLiteral("Check."), {QStringLiteral("Backup"), QStringLiteral("Cancel"), QStringLiteral("Review")},
+        nullptr);
+    box.setHelpAction([&](QWidget *asking) { helped.append(asking); });
+    box.show();
+    ASSERT_TRUE(box.helpButton()->isVisible());
+    box.helpButton()->click();
+    EXPECT_EQ(helped, QList<QWidget *> {&box});
+    EXPECT_TRUE(box.isVisible());
+    EXPECT_EQ(box.result(), 0);
+    // Return on the focused "Help" still answers with the default button.
+    box.helpButton()->setFocus();
+    QTest::keyClick(box.helpButton(), Qt::Key_Return);
+    EXPECT_EQ(helped.size(), 1);
+    EXPECT_EQ(box.result(), KSAlertController::kFirstButton);
+
+    // The shared entry point hands the action to the answerer, and only where one was given.
+    int helps = 0;
+    KSAlert::setTestAnswerer([&](const KSAlert::Shown &shown) {
+        if (shown.help) {
+            shown.help(nullptr);
+            ++helps;
+        }
+        return int(KSAlertController::kSecondButton);
+    });
+    EXPECT_EQ(KSAlert::sharedInstance().giveAlertMessageWithHelp(
+                  QStringLiteral("a"), QStringLiteral("b"), {}, [&](QWidget *asking) { helped.append(asking); }),
+        KSAlertController::kSecondButton);
+    KSAlert::sharedInstance().giveAlertMessage(QStringLiteral("c"), QStringLiteral("d"));
+    EXPECT_EQ(helps, 1);
+    EXPECT_EQ(helped, (QList<QWidget *> {&box, nullptr}));
     KSAlert::setTestAnswerer({});
 }
 
@@ -181,6 +225,38 @@ TEST(ExtraItemsDialog, NamesTheDeviceOnceAndListsTheItems)
     BUExtraStuffDialog::runDialogForTarget(QStringLiteral("Disk ### 2"), items);
     EXPECT_TRUE(shown);
     BUExtraStuffDialog::setTestHook({});
+}
+
+TEST(ExtraItemsDialog, HelpOpensItsTopicOverTheDialog)
+{
+    EnsureApplication();
+    ScopedXdgHome home;
+    KSVellumaHelpWC::setApplicationHelpPath(QStringLiteral(TANNER_HELP_PACKAGE));
+    QPointer<KSVellumaHelpWC> help;
+    BUExtraStuffDialog::setTestHook([&](BUExtraStuffDialog &dialog) {
+        dialog.findChild<QPushButton *>(QStringLiteral("helpButton"))->click();
+        for (QWidget *widget : QApplication::topLevelWidgets()) {
+            if (auto *window = qobject_cast<KSVellumaHelpWC *>(widget); window && window->isVisible())
+                help = window;
+        }
+        EXPECT_TRUE(dialog.isVisible());
+        if (help) {
+            // At the bookmark, and standing over the modal dialog so that it takes input.
+            const KSHelpContent &content = help->content();
+            const quint32 cp = content.bookmarkCps.at(std::size_t(BUHelpBookmark::kExtraItems));
+            EXPECT_EQ(help->currentTopic(), content.chapterAt(cp));
+            EXPECT_EQ(help->selectionStart(), cp);
+            EXPECT_EQ(help->windowHandle()->transientParent(), dialog.windowHandle());
+        }
+        dialog.dismiss();
+    });
+    BUExtraStuffDialog::runDialogForTarget(QStringLiteral("Disk"), {QStringLiteral("Movies")});
+    BUExtraStuffDialog::setTestHook({});
+    ASSERT_FALSE(help.isNull());
+    EXPECT_TRUE(help->isVisible()); // the help outlives the dialog, on its own again
+    EXPECT_EQ(help->windowHandle()->transientParent(), nullptr);
+    help->close();
+    delete help.data();
 }
 
 TEST(RuleDialog, TheRealChooserTakesAFolderAsTheExample)

@@ -1,9 +1,11 @@
-// The help window driven as a user meets it: the topic outline, zoom, quick search, back and
-// forward, what it remembers across two runs, its menu commands, speaking and the saved copy, and
-// how a document's text, tables included, keeps one position for every cp.
+// The help window driven as a user meets it: the topic outline, zoom, quick search and the flash
+// of a hit, back and forward, what it remembers across two runs, a named file shown in the look
+// of the preferences, its menu commands, speaking and the saved copy, and how a document's text,
+// tables included, keeps one position for every cp.
 #include "help/VLDocument.h"
 #include "help/VLHelpEngine.h"
 #include "help/VLHelpReader.h"
+#include "help/VLProperties.h"
 #include "help/window/KSHelpContent.h"
 #include "help/window/KSHelpDocumentView.h"
 #include "help/window/KSHelpPackageCopy.h"
@@ -679,6 +681,84 @@ TEST_F(HelpWindow, TheApplicationsHelpOpensOnceAndFollowsItsLinks)
     ASSERT_NE(again, nullptr);
     EXPECT_EQ(again->selectionStart(), target);
     again->close();
+}
+
+TEST_F(HelpWindow, AFindHitFlashesAndANamedFileTakesThePreferences)
+{
+    ASSERT_TRUE(VLSetUpHelpEngine());
+    VLDocument &preferences = *VLPreferencesDocument();
+    // The user's own normal chapter record and a style of theirs, each with a byte to know it by,
+    // and a placeholder style that stays behind.
+    QByteArray record(kVLPropertyRecordSize, '\0');
+    VLInitialiseRecord(record.data(), kRecordChap);
+    record[kVLPropertyRecordSize - 1] = 'c';
+    const qint32 oldChapter = preferences.normalChapter();
+    preferences.setNormalChapter(preferences.appendProperty(record.constData()));
+    VLInitialiseRecord(record.data(), kRecordPara);
+    record[kVLPropertyRecordSize - 1] = 'p';
+    const QString tip = QStringLiteral("Tip"), spare = QStringLiteral("Spare");
+    const auto tipIndex = qint32(preferences.styles().count());
+    VLStyle style {254, {}, kRecordPara, 0, tipIndex, preferences.appendProperty(record.constData()), -1};
+    preferences.styles().addEntry(&style, &tip);
+    style.type = kRecordUnusedStyle;
+    preferences.styles().addEntry(&style, &spare);
+    const auto styleIndex = [](const VLDocument &document, const QString &name) {
+        std::size_t at = KSNotFound;
+        return document.styles().findString(name, false, &at) && at < document.styles().count() ? qint64(at) : -1;
+    };
+    const auto lastByte = [](const VLDocument &document, qint64 index) {
+        const void *found = document.property(index);
+        return found ? static_cast<const char *>(found)[kVLPropertyRecordSize - 1] : '\0';
+    };
+
+    const QString path = QStringLiteral(TANNER_TEST_DATA_DIR "/help/Table.TWwrite");
+    KSVellumaHelpWC *window = KSVellumaHelpWC::displayFileAsHelp(path);
+    ASSERT_NE(window, nullptr);
+    const auto &document = *static_cast<const VLDocument *>(window->content().document.get());
+    EXPECT_EQ(lastByte(document, document.normalChapter()), 'c');
+    const qint64 tipAt = styleIndex(document, tip);
+    ASSERT_GE(tipAt, 0);
+    EXPECT_EQ(styleIndex(document, spare), -1);
+    EXPECT_EQ(document.styleName(0), QStringLiteral("Normal"));
+    EXPECT_EQ(document.styleAt(std::size_t(tipAt)).next, tipAt);
+    EXPECT_EQ(document.styleAt(std::size_t(tipAt)).base, 0);
+    EXPECT_EQ(lastByte(document, document.styleAt(std::size_t(tipAt)).prop), 'p');
+
+    // A hit inside a table cell, where positions and cps part: marked over exactly its text, then
+    // unmarked once the flash is over.
+    KSVellumaHelpWC::setFlashDuration(50);
+    const QString text = document.text().toString();
+    const auto extra = quint32(text.indexOf(u"extra"));
+    const KSCpMap &map = window->content().map;
+    ASSERT_NE(map.positionForCp(extra), int(extra));
+    auto *field = window->findChild<QLineEdit *>(QStringLiteral("searchField"));
+    field->setText(QStringLiteral("extra"));
+    emit field->returnPressed();
+    EXPECT_EQ(window->selectionStart(), extra);
+    auto *view = window->findChild<QTextEdit *>();
+    ASSERT_EQ(view->extraSelections().size(), 1);
+    const QTextEdit::ExtraSelection flash = view->extraSelections().first();
+    EXPECT_EQ(flash.cursor.selectionStart(), map.positionForCp(extra));
+    EXPECT_EQ(flash.cursor.selectionEnd(), map.endPositionForCp(extra + 5));
+    EXPECT_EQ(flash.cursor.selectedText(), QStringLiteral("extra"));
+    EXPECT_TRUE(flash.format.hasProperty(QTextFormat::BackgroundBrush));
+    QTest::qWait(200);
+    EXPECT_TRUE(view->extraSelections().isEmpty());
+    KSVellumaHelpWC::setFlashDuration(500);
+    window->close();
+
+    // The application's own help keeps its look.
+    KSVellumaHelpWC::setApplicationHelpPath(QStringLiteral(TANNER_HELP_PACKAGE));
+    KSVellumaHelpWC *help = KSVellumaHelpWC::displayHelp();
+    ASSERT_NE(help, nullptr);
+    const auto &own = *static_cast<const VLDocument *>(help->content().document.get());
+    EXPECT_EQ(styleIndex(own, tip), -1);
+    EXPECT_NE(lastByte(own, own.normalChapter()), 'c');
+    help->close();
+
+    preferences.styles().deleteEntryAtIndex(std::size_t(tipIndex) + 1);
+    preferences.styles().deleteEntryAtIndex(std::size_t(tipIndex));
+    preferences.setNormalChapter(oldChapter);
 }
 
 TEST(HelpWindowCommand, AFileThatCannotBeReadIsReported)

@@ -3,6 +3,8 @@
 // analysis alone, and the question before a backup that would empty most of the device.
 #include "app/BUAppController.h"
 #include "backup/BUTransaction.h"
+#include "help/BUHelpBookmarks.h"
+#include "help/window/KSVellumaHelpWC.h"
 #include "keelson/FormatString.h"
 #include "keelson/KSDayIndex.h"
 #include "keelson/KSLogger.h"
@@ -17,6 +19,7 @@
 
 #include <QAbstractItemModelTester>
 #include <QAction>
+#include <QApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusVirtualObject>
@@ -25,6 +28,7 @@
 #include <QHeaderView>
 #include <QLabel>
 #include <QListView>
+#include <QPointer>
 #include <QProcess>
 #include <QPushButton>
 #include <QRegularExpression>
@@ -32,6 +36,7 @@
 #include <QTest>
 #include <QTreeView>
 
+#include <algorithm>
 #include <cmath>
 #include <mutex>
 #include <utility>
@@ -82,8 +87,10 @@ protected:
         ASSERT_TRUE(MountTmpfs(volumes + QStringLiteral("/Backup Disk"), 64 << 20));
         device = volumes + QStringLiteral("/Backup Disk");
 
+        KSVellumaHelpWC::setApplicationHelpPath(QStringLiteral(TANNER_HELP_PACKAGE));
         KSAlert::setTestAnswerer([this](const KSAlert::Shown &shown) {
             alerts.append(shown.message);
+            pressHelp(shown);
             return answer;
         });
         BUAppController &controller = BUAppController::sharedInstance();
@@ -112,6 +119,52 @@ protected:
             LazyUnmount(mount); // so the temporary home can be removed
         KSAlert::setTestAnswerer({});
         BUExtraStuffDialog::setTestHook({});
+        QList<QPointer<KSVellumaHelpWC>> helps;
+        for (QWidget *widget : QApplication::topLevelWidgets()) {
+            if (auto *help = qobject_cast<KSVellumaHelpWC *>(widget))
+                helps.append(help);
+        }
+        for (const QPointer<KSVellumaHelpWC> &help : helps) {
+            if (help)
+                help->close();
+            delete help.data();
+        }
+    }
+
+    // Presses the box's "Help" while the box waits for its answer; records where the help opened
+    // as the bookmark it shows, or -1 for a box without "Help".
+    void pressHelp(const KSAlert::Shown &shown)
+    {
+        if (!shown.help) {
+            helpBookmarks.append(-1);
+            return;
+        }
+        shown.help(nullptr);
+        KSVellumaHelpWC *help = helpWindow();
+        if (!help) {
+            helpBookmarks.append(-3);
+            return;
+        }
+        const auto &cps = help->content().bookmarkCps;
+        const auto at = std::find(cps.begin(), cps.end(), help->selectionStart());
+        helpBookmarks.append(at == cps.end() ? -2 : int(at - cps.begin()));
+        helpTopics.append(help->currentTopic());
+    }
+    static KSVellumaHelpWC *helpWindow()
+    {
+        for (QWidget *widget : QApplication::topLevelWidgets()) {
+            if (auto *help = qobject_cast<KSVellumaHelpWC *>(widget); help && help->isVisible())
+                return help;
+        }
+        return nullptr;
+    }
+    // The chapter of the open help window's document that holds a bookmark.
+    static int topicOf(int bookmark)
+    {
+        if (!helpWindow())
+            return -1;
+        const KSHelpContent &content = helpWindow()->content();
+        return content.chapterAt(content.bookmarkCps[std::size_t(bookmark)]);
     }
 
     // Selects a device by name in the outline, as a click would.
@@ -155,6 +208,7 @@ protected:
     QLabel *status = nullptr;
     QPushButton *backupButton = nullptr;
     QStringList alerts;
+    QList<int> helpBookmarks, helpTopics;
     int answer = KSAlertController::kFirstButton;
 };
 
@@ -503,6 +557,9 @@ TEST_F(MainWindow, TheLargeDeletionQuestionLetsTheUserReview)
     backupButton->click();
     ASSERT_TRUE(runToEnd());
     ASSERT_EQ(alerts.size(), 1);
+    // The question's "Help" opened the topic on large deletions; the answer came after it.
+    EXPECT_EQ(helpBookmarks, QList<int> {BUHelpBookmark::kLargeDeletions});
+    EXPECT_EQ(helpTopics, QList<int> {topicOf(BUHelpBookmark::kLargeDeletions)});
     EXPECT_EQ(status->text(), QStringLiteral("Analysis complete: 1 action, 0 KB to copy"));
     EXPECT_EQ(table->model()->rowCount(), 1); // the folder's Delete, listed to be looked at
     EXPECT_TRUE(QFile::exists(device + QStringLiteral("/Docs/more/f1.txt"))); // nothing deleted
@@ -670,4 +727,20 @@ TEST_F(MainWindow, TheEndOfAJobIsAnnouncedWhileTheWindowIsInactive)
     QDBusConnection::disconnectFromBus(QStringLiteral("notifications"));
     bus.kill();
     bus.waitForFinished();
+}
+
+TEST_F(MainWindow, TheSeriousErrorAlertOpensItsHelp)
+{
+    // A device with room for its bytes but not for its files: the copy stops at the first file it
+    // cannot create.
+    const QString tiny = volumes + QStringLiteral("/Tiny Disk");
+    ASSERT_TRUE(MountTmpfs(tiny, 16 << 20, QStringLiteral("nr_inodes=4")));
+    ASSERT_TRUE(WaitUntil([this] { return selectDevice(QStringLiteral("Tiny Disk")); }));
+    backupButton->click();
+    const bool ended = runToEnd();
+    LazyUnmount(tiny);
+    ASSERT_TRUE(ended);
+    ASSERT_EQ(alerts, QStringList {QStringLiteral("Backup to Tiny Disk failed.")});
+    EXPECT_EQ(helpBookmarks, QList<int> {BUHelpBookmark::kSeriousError});
+    EXPECT_EQ(helpTopics, QList<int> {topicOf(BUHelpBookmark::kSeriousError)});
 }

@@ -1,5 +1,7 @@
 #include "ui/BUExtraStuffDialog.h"
 
+#include "help/BUHelpBookmarks.h"
+#include "ui/BUHelpOverBox.h"
 #include "ui_ExtraStuffDialog.h"
 
 #include <QTimer>
@@ -58,6 +60,9 @@ BUExtraStuffDialog::BUExtraStuffDialog(const QString &deviceName, const QStringL
     ui->warningField->setText(ui->warningField->text().replace(QStringLiteral("###"), deviceName));
     ui->extraStuffTable->setModel(&model);
     connect(ui->dismissButton, &QPushButton::clicked, this, &BUExtraStuffDialog::dismiss);
+    // The help on devices that hold other things; the dialog stays up.
+    connect(
+        ui->helpButton, &QPushButton::clicked, this, [this] { OpenHelpOverBox(this, BUHelpBookmark::kExtraItems); });
 }
 
 BUExtraStuffDialog::~BUExtraStuffDialog() = default;

@@ -1,6 +1,6 @@
 // The application-modal warning shown when the device's top level holds items that are not
-// mirrors of the backup folders: it names the device and lists the items. Nothing is changed on
-// the device. Main thread.
+// mirrors of the backup folders: it names the device and lists the items, and its "Help" button
+// opens the help on such devices. Nothing is changed on the device. Main thread.
 #pragma once
 
 #include <QAbstractTableModel>

@@ -5,6 +5,7 @@
 #include "backup/BUBackupOperation.h"
 #include "backup/BUDevices.h"
 #include "backup/BUTransaction.h"
+#include "help/BUHelpBookmarks.h"
 #include "help/window/KSVellumaHelpWC.h"
 #include "keelson/FormatString.h"
 #include "keelson/KSDayIndex.h"
@@ -18,6 +19,7 @@
 #include "keelson/gui/KSNotification.h"
 #include "keelson/gui/KSWorkspace.h"
 #include "ui/BUExtraStuffDialog.h"
+#include "ui/BUHelpOverBox.h"
 #include "ui/BURuleDialog.h"
 #include "ui_MainWindow.h"
 
@@ -463,11 +465,12 @@ BUWindowController::DeletionAnswer BUWindowController::confirmLargeDeletion(cons
     // contents were all deleted. Ask before making the device follow it.
     if (!ui->confirmDeletionsAction->isChecked() || !DeletesMostOfTheDevice(report))
         return DeletionAnswer::Backup;
-    const int answer = KSAlert::sharedInstance().giveAlertMessage(LargeDeletionMessage(report),
+    const int answer = KSAlert::sharedInstance().giveAlertMessageWithHelp(LargeDeletionMessage(report),
         LargeDeletionExplanation()
             + QStringLiteral(" Review keeps the list of transactions in the window. You can turn this question off "
                              "in the Edit menu."),
-        {QStringLiteral("Backup"), QStringLiteral("Cancel"), QStringLiteral("Review")});
+        {QStringLiteral("Backup"), QStringLiteral("Cancel"), QStringLiteral("Review")},
+        [](QWidget *box) { OpenHelpOverBox(box, BUHelpBookmark::kLargeDeletions); });
     if (answer == KSAlertController::kFirstButton)
         return DeletionAnswer::Backup;
     return answer == KSAlertController::kThirdButton ? DeletionAnswer::Review : DeletionAnswer::Cancel;
@@ -651,8 +654,9 @@ void BUWindowController::backupComplete(const BUBackupCompleteReport &report)
     finishJob(status, alert);
     updateDriveList(0);
     if (report.error && !report.cancel) {
-        KSAlert::sharedInstance().giveAlertMessage(FormatString("Backup to %@ failed.", report.target),
-            FormatString("The backup was stopped because a serious error occurred. %@", *report.error));
+        KSAlert::sharedInstance().giveAlertMessageWithHelp(FormatString("Backup to %@ failed.", report.target),
+            FormatString("The backup was stopped because a serious error occurred. %@", *report.error), {},
+            [](QWidget *box) { OpenHelpOverBox(box, BUHelpBookmark::kSeriousError); });
     } else if (!report.cancel && (g_failedTransactions > 0 || report.error)) {
         QApplication::beep();
     }

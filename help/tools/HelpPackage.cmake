@@ -21,7 +21,13 @@ add_custom_command(
 add_custom_target(help_package ALL DEPENDS ${TANNER_HELP_PACKAGE}/document.txt)
 
 # The program reads the package beside itself: building the program builds the package.
-cmake_language(DEFER DIRECTORY ${CMAKE_SOURCE_DIR} CALL add_dependencies tanner-backup help_package)
+# (The fuzz targets' build includes help/ without the program.)
+function(tanner_help_package_dependency)
+  if(TARGET tanner-backup)
+    add_dependencies(tanner-backup help_package)
+  endif()
+endfunction()
+cmake_language(DEFER DIRECTORY ${CMAKE_SOURCE_DIR} CALL tanner_help_package_dependency)
 install(DIRECTORY ${TANNER_HELP_PACKAGE} DESTINATION share/tanner-backup)
 
 # The bookmark numbers, for code that opens help at a bookmark:

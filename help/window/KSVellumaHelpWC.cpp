@@ -1,5 +1,7 @@
 #include "help/window/KSVellumaHelpWC.h"
 
+#include "help/VLDocument.h"
+#include "help/VLHelpEngine.h"
 #include "help/window/KSHelpDocumentView.h"
 #include "help/window/KSHelpPackageCopy.h"
 #include "help/window/KSSpeechManager.h"
@@ -44,6 +46,9 @@ const QString kSplitterKey = QStringLiteral("ks.helpSplitter");
 const QString kHelpFontKey = QStringLiteral("com.tannerwick.shared.helpfont");
 constexpr int kRecentSearches = 10;
 constexpr int kTextInset = 8;
+// The find hit's brief mark.
+const QColor kFlashColour(255, 221, 0);
+int g_flashDuration = 500;
 constexpr int kSelectionBit = 9, kEmptyDocumentBit = 8, kObjectsOnlyBit = 10;
 // Format properties holding a size before zooming, so that zoom steps never accumulate rounding.
 constexpr int kBaseSizeProperty = QTextFormat::UserProperty + 1;
@@ -145,6 +150,8 @@ KSVellumaHelpWC::KSVellumaHelpWC(std::unique_ptr<KSHelpContent> content, bool is
     if (isFile)
         m_filePath = m_content->path;
     m_font = m_content->text->defaultFont();
+    m_flashTimer.setSingleShot(true);
+    connect(&m_flashTimer, &QTimer::timeout, this, [this] { ui->scrollView->setExtraSelections({}); });
     buildToolbar();
     prepareToShow();
     connectActions();
@@ -387,6 +394,9 @@ void KSVellumaHelpWC::prepareToShow()
             sizes.append(size.toInt());
         if (sizes.size() == 2)
             ui->helpSplitter->setSizes(sizes);
+    } else if (m_content->document) {
+        // A named file is shown in the look of the preferences, not in the help font.
+        VLImportPreferences(*static_cast<VLDocument *>(m_content->document.get()));
     }
     applyZoom(zoomPercent > 0 ? zoomPercent / 100.0 : 1.0);
     m_content->text->setDocumentMargin(kTextInset);
@@ -741,9 +751,29 @@ void KSVellumaHelpWC::showFindResult(quint32 start, quint32 end)
         jumpToTopic(chapter, -1, false);
     setSelection(start, end);
     ui->scrollView->ensureCursorVisible();
+    flash(start, end);
     --m_navigationDepth;
     saveSelection();
     validateMenuItems();
+}
+
+void KSVellumaHelpWC::flash(quint32 start, quint32 end)
+{
+    // Drawn over the selection (extra selections come after it), so the hit stands out for a
+    // moment wherever the selection colour is.
+    QTextEdit::ExtraSelection mark;
+    mark.cursor = QTextCursor(ui->scrollView->document());
+    mark.cursor.setPosition(m_content->map.positionForCp(start));
+    mark.cursor.setPosition(m_content->map.endPositionForCp(end), QTextCursor::KeepAnchor);
+    mark.format.setBackground(kFlashColour);
+    mark.format.setForeground(Qt::black);
+    ui->scrollView->setExtraSelections({mark});
+    m_flashTimer.start(g_flashDuration);
+}
+
+void KSVellumaHelpWC::setFlashDuration(int milliseconds)
+{
+    g_flashDuration = milliseconds;
 }
 
 void KSVellumaHelpWC::setSearchOption(int tag)

@@ -10,6 +10,7 @@
 #include "help/window/KSHelpTopics.h"
 
 #include <QMainWindow>
+#include <QTimer>
 
 #include <functional>
 #include <memory>
@@ -99,6 +100,8 @@ public:
 
     // Tests: answers the folder chooser of saveHelpFile and the font dialog of showFonts.
     static void setNextFontAnswer(std::function<bool(QFont *)> answer);
+    // How long a find hit stays marked (half a second unless a test changes it).
+    static void setFlashDuration(int milliseconds);
 
 protected:
     void closeEvent(QCloseEvent *event) override;
@@ -121,6 +124,8 @@ private:
     void selectSentenceFrom(quint32 cp, quint32 limit);
     bool runFind(bool backward, bool fromStart);
     void showFindResult(quint32 start, quint32 end);
+    // Marks [start, end) briefly so that the eye finds the hit.
+    void flash(quint32 start, quint32 end);
     void changeDarkMode();
     void beep();
     unsigned selectionMask() const;
@@ -143,6 +148,7 @@ private:
     bool m_dragging = false;
     bool m_stateSaved = false;
     int m_beeps = 0;
+    QTimer m_flashTimer;
 
     QToolButton *m_backButton = nullptr, *m_forwardButton = nullptr;
     QToolButton *m_previousButton = nullptr, *m_nextButton = nullptr;

@@ -39,15 +39,29 @@ int KSAlert::giveAlertMessage(
 int KSAlert::giveAlertMessage(
     const QString &message, const QString &moreInfo, const QStringList &buttonStrings, bool *suppress, bool allowDelay)
 {
+    return runAlert(message, moreInfo, buttonStrings, suppress, allowDelay, {});
+}
+
+int KSAlert::giveAlertMessageWithHelp(
+    const QString &message, const QString &moreInfo, const QStringList &buttonStrings, HelpAction help)
+{
+    return runAlert(message, moreInfo, buttonStrings, nullptr, buttonStrings.isEmpty(), help);
+}
+
+int KSAlert::runAlert(const QString &message, const QString &moreInfo, const QStringList &buttonStrings, bool *suppress,
+    bool allowDelay, const HelpAction &help)
+{
     if (suppress)
         *suppress = false;
     if (TestAnswerer())
-        return TestAnswerer()(Shown {message, moreInfo, buttonStrings});
+        return TestAnswerer()(Shown {message, moreInfo, buttonStrings, help});
 
     int response = 0;
     ++alertNesting;
     try {
         KSAlertController controller(message, moreInfo, buttonStrings, suppress, QApplication::activeWindow());
+        if (help)
+            controller.setHelpAction(help);
         if (const QScreen *screen = controller.screen())
             controller.move(screen->availableGeometry().center() - controller.rect().center());
         response = controller.runModal();
@@ -74,7 +88,7 @@ void KSAlert::startAlertMessage(const QString &message, const QString &moreInfo,
     bool showSuppressButton, QWidget *hostWindow, std::function<void(int)> handler)
 {
     if (TestAnswerer()) {
-        const int response = TestAnswerer()(Shown {message, moreInfo, buttonStrings});
+        const int response = TestAnswerer()(Shown {message, moreInfo, buttonStrings, {}});
         if (handler)
             handler(response);
         return;

@@ -1,6 +1,8 @@
 // The process-wide entry point for alert boxes. Every failure the window reports goes through
 // here as an application-modal box with one default button. Main thread.
 //
+// A box may carry a "Help" button: it calls the given action with the box, which stays open.
+//
 // Tests install an answerer (setTestAnswerer) that receives each box instead of showing it.
 #pragma once
 
@@ -24,6 +26,10 @@ public:
     int giveAlertMessage(const QString &message, const QString &moreInfo, const QStringList &buttonStrings,
         bool *suppressFutureAlerts, bool allowDelay);
     void giveAlertWithStrings(const QStringList &strings);
+    // The box with a "Help" button that calls `help` (with the box) and leaves the box open.
+    using HelpAction = std::function<void(QWidget *box)>;
+    int giveAlertMessageWithHelp(
+        const QString &message, const QString &moreInfo, const QStringList &buttonStrings, HelpAction help);
     // A sheet on the host window; the handler receives the response.
     void startAlertMessage(const QString &message, const QString &moreInfo, const QStringList &buttonStrings,
         bool showSuppressButton, QWidget *hostWindow, std::function<void(int response)> handler);
@@ -35,11 +41,14 @@ public:
         QString message;
         QString moreInfo;
         QStringList buttonStrings;
+        HelpAction help; // empty when the box has no "Help" button; an answerer may call it with null
     };
     using Answerer = std::function<int(const Shown &)>;
     static void setTestAnswerer(Answerer answerer);
 
 private:
     KSAlert() = default;
+    int runAlert(const QString &message, const QString &moreInfo, const QStringList &buttonStrings, bool *suppress,
+        bool allowDelay, const HelpAction &help);
     static inline int alertNesting = 0;
 };

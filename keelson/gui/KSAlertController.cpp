@@ -27,6 +27,12 @@ KSAlertController::KSAlertController(
     if (suppressPtr && buttonStrings.size() < 2)
         ui->suppressionButton->setText(QStringLiteral("Don't show this message again"));
 
+    ui->helpButton->setVisible(false);
+    connect(ui->helpButton, &QPushButton::clicked, this, [this] {
+        if (help)
+            help(this);
+    });
+
     QPushButton *buttons[] = {ui->button1, ui->button2, ui->button3};
     const int tags[] = {kFirstButton, kSecondButton, kThirdButton};
     for (int i = 0; i < 3; ++i) {
@@ -59,6 +65,18 @@ QAbstractButton *KSAlertController::button(int response) const
     default:
         return nullptr;
     }
+}
+
+void KSAlertController::setHelpAction(std::function<void(QWidget *)> action)
+{
+    help = std::move(action);
+    ui->helpButton->setVisible(bool(help));
+    adjustSize();
+}
+
+QAbstractButton *KSAlertController::helpButton() const
+{
+    return ui->helpButton;
 }
 
 int KSAlertController::runModal()

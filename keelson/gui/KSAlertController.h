@@ -1,10 +1,12 @@
 // The alert box itself: a message, optional further information, one to three buttons and an
-// optional "Don't show this message again" check box, sized to its text. Main thread.
+// optional "Don't show this message again" check box and an optional "Help" button, sized to its
+// text. Main thread.
 #pragma once
 
 #include <QDialog>
 #include <QStringList>
 
+#include <functional>
 #include <memory>
 
 namespace Ui {
@@ -29,6 +31,9 @@ public:
     void closeAlert(QAbstractButton *sender);
     QAbstractButton *suppressionButton() const;
     QAbstractButton *button(int response) const;
+    // Shows the "Help" button: pressing it calls `help` with the box and leaves the box open.
+    void setHelpAction(std::function<void(QWidget *box)> help);
+    QAbstractButton *helpButton() const;
 
 protected:
     void keyPressEvent(QKeyEvent *event) override;
@@ -38,4 +43,5 @@ private:
     std::unique_ptr<Ui::KSAlertWindow> ui;
     bool *suppressPtr;
     QStringList buttonStrings;
+    std::function<void(QWidget *box)> help;
 };

@@ -11,7 +11,7 @@ namespace {
 using Kind = VLValueKind;
 using List = VLWordList;
 
-struct AtomSpec {
+struct AtomEntry {
     const char *name;
     Kind kind;
     quint8 width;
@@ -23,19 +23,19 @@ struct AtomSpec {
 
 constexpr Kolor kOpaqueBlack = 0x64000000;
 
-constexpr AtomSpec Flag(const char *name, const char *description)
+constexpr AtomEntry Flag(const char *name, const char *description)
 {
     return {name, Kind::Flag, 1, 1, List::None, description, 0};
 }
-constexpr AtomSpec Int(const char *name, quint8 width, const char *description, qint64 base = 0)
+constexpr AtomEntry Int(const char *name, quint8 width, const char *description, qint64 base = 0)
 {
     return {name, Kind::Integer, width, 1, List::None, description, base};
 }
-constexpr AtomSpec Enum(const char *name, List list, const char *description)
+constexpr AtomEntry Enum(const char *name, List list, const char *description)
 {
     return {name, Kind::Enum, 1, 1, list, description, 0};
 }
-constexpr AtomSpec Colour(const char *name, const char *description, Kolor base = 0)
+constexpr AtomEntry Colour(const char *name, const char *description, Kolor base = 0)
 {
     return {name, Kind::Colour, 4, 1, List::None, description, qint64(base)};
 }
@@ -47,7 +47,7 @@ constexpr AtomSpec Colour(const char *name, const char *description, Kolor base 
         Colour("color", "border color=%@", kOpaqueBlack), Colour("back", "back color=%@"),                             \
         Int("bthick", 4, "border thickness=%@"), Colour("incolor", "inside color=%@", kOpaqueBlack)
 
-const AtomSpec kCharAtoms[] = {Int("style", 4, "style=%@"), Flag("bold", "bold"), Flag("italic", "italic"),
+const AtomEntry kCharAtoms[] = {Int("style", 4, "style=%@"), Flag("bold", "bold"), Flag("italic", "italic"),
     Enum("underline", List::Underline, "underline=%@"), Enum("caps", List::Capitals, "caps=%@"),
     Flag("outline", "outline"), Flag("strike", "strike-through"), Int("relsize", 2, "rel. size=%@", 100),
     {"font", Kind::Font, 2, 1, List::None, "font=%@", 0}, Int("size", 2, "size=%@ point", 12),
@@ -55,7 +55,7 @@ const AtomSpec kCharAtoms[] = {Int("style", 4, "style=%@"), Flag("bold", "bold")
     Colour("back", "back color=%@"), Flag("shadow", "shadow"), Flag("nolink", "no link"),
     Flag("unleaded", "no leading")};
 
-const AtomSpec kParaAtoms[] = {Int("style", 4, "style=%@"), Enum("align", List::HorizontalAlign, "align=%@"),
+const AtomEntry kParaAtoms[] = {Int("style", 4, "style=%@"), Enum("align", List::HorizontalAlign, "align=%@"),
     Int("drop", 4, "drop=%@"), Flag("pagetop", "page break before"), Flag("pagebot", "page break after"),
     Flag("keep", "keep together"), Flag("keepnext", "keep with next"), Flag("big1", "big first letter"),
     {"format1", Kind::CharFormatName, 1, 1, List::None, "first line format=%@", 0}, Flag("hdrtab", "header tab"),
@@ -67,7 +67,7 @@ const AtomSpec kParaAtoms[] = {Int("style", 4, "style=%@"), Enum("align", List::
     {"tab", Kind::Tab, 4, kVLMaxTabStops, List::None, "tabs=%@", 0}, BORDER_ATOMS, Flag("nospell", "no spelling"),
     Int("multiple", 2, "line spacing=%@", 100), Flag("check", "check box")};
 
-const AtomSpec kChapAtoms[] = {Int("style", 4, "style=%@"), Enum("chapstart", List::PageBreak, "start=%@"),
+const AtomEntry kChapAtoms[] = {Int("style", 4, "style=%@"), Enum("chapstart", List::PageBreak, "start=%@"),
     Flag("title", "title page"), Flag("balance", "balance columns"),
     Enum("pagepos", List::PageNumberPosition, "page number=%@"), Enum("nof", List::NumberFormat, "number format=%@"),
     Int("pagenum", 4, "first page=%@", 1), Int("cols", 4, "columns=%@", 1), Flag("colline", "column line"),
@@ -78,14 +78,14 @@ const AtomSpec kChapAtoms[] = {Int("style", 4, "style=%@"), Enum("chapstart", Li
     Flag("header1", "header on first page"), Flag("mirrorp", "mirror pages"),
     Flag("framesTB", "frames top and bottom")};
 
-const AtomSpec kFrameAtoms[] = {Int("image", 4, "image=%@", -1), Enum("wrap", List::FrameWrap, "wrap=%@"),
+const AtomEntry kFrameAtoms[] = {Int("image", 4, "image=%@", -1), Enum("wrap", List::FrameWrap, "wrap=%@"),
     Flag("tight", "tight"), Int("y", 4, "y=%@"), Int("xoff", 4, "x offset=%@"), Int("pageanchor", 8, "page=%@"),
     Int("bookmark", 4, "bookmark=%@", -1), Int("top", 4, "top=%@"), Int("left", 4, "left=%@"),
     Int("height", 4, "height=%@"), Int("width", 4, "width=%@"), Enum("xbase", List::FrameBase, "x base=%@"),
     Enum("x", List::FrameHorizontalOffset, "x=%@"), Enum("ybase", List::FrameBase, "y base=%@"),
     Enum("ypos", List::FrameVerticalOffset, "y position=%@"), BORDER_ATOMS, Int("opacity", 2, "opacity=%@", 100)};
 
-const AtomSpec kTableAtoms[] = {Int("style", 4, "style=%@"), Flag("titlerow", "title row"), Flag("keep", "keep"),
+const AtomEntry kTableAtoms[] = {Int("style", 4, "style=%@"), Flag("titlerow", "title row"), Flag("keep", "keep"),
     Enum("align", List::HorizontalAlign, "align=%@"), Int("cols", 4, "columns=%@", 1), Int("top", 4, "top=%@"),
     Int("left", 4, "left=%@"), Int("bottom", 4, "bottom=%@"), Int("right", 4, "right=%@"),
     Int("before", 4, "before=%@"), Int("cleft", 4, "cell left=%@"), Int("after", 4, "after=%@"),
@@ -100,12 +100,12 @@ const AtomSpec kTableAtoms[] = {Int("style", 4, "style=%@"), Flag("titlerow", "t
     Int("c23", 4, "column 23=%@"), Int("c24", 4, "column 24=%@"), Int("c25", 4, "column 25=%@"),
     Flag("stripe", "stripes"), Colour("stripecolor", "stripe color=%@")};
 
-const AtomSpec kListAtoms[] = {Int("style", 4, "style=%@"), Flag("levels", "levels"), Flag("left", "left"),
+const AtomEntry kListAtoms[] = {Int("style", 4, "style=%@"), Flag("levels", "levels"), Flag("left", "left"),
     Int("indent", 4, "indent=%@"), {"mark", Kind::Marker, 8, kVLMaxListLevels, List::None, "markers=%@", 0}};
 
-const AtomSpec kBorderAtoms[] = {BORDER_ATOMS};
+const AtomEntry kBorderAtoms[] = {BORDER_ATOMS};
 
-const AtomSpec kDocAtoms[] = {Int("deftab", 4, "default tab=%@", 36), Int("gutter", 4, "gutter=%@"),
+const AtomEntry kDocAtoms[] = {Int("deftab", 4, "default tab=%@", 36), Int("gutter", 4, "gutter=%@"),
     Int("pagenum", 4, "first page=%@", 1), Flag("mirrorh", "mirror headers"), Flag("mirrorl", "mirror layout"),
     Flag("ignorem", "ignore margins"), Flag("widow", "widow control"), Flag("noconv", "no conversion"),
     Flag("nixprint", "don't print"), Flag("noback", "no background"), Colour("btcolor", "button color=%@"),
@@ -129,16 +129,16 @@ quint32 _TagOfName(const char *name)
     return 0;
 }
 
-std::vector<VLAtom> _BuildTable(std::span<const AtomSpec> specs)
+std::vector<VLAtom> _BuildTable(std::span<const AtomEntry> entries)
 {
     std::vector<VLAtom> atoms;
     std::size_t offset = sizeof(VLPropertyHeader);
     quint8 id = 1;
-    for (const AtomSpec &spec : specs) {
-        VLAtom atom {id++, spec.width, spec.slotCount, spec.kind, spec.list, _TagOfName(spec.name), spec.description,
-            spec.base, quint16(offset)};
+    for (const AtomEntry &entry : entries) {
+        VLAtom atom {id++, entry.width, entry.slotCount, entry.kind, entry.list, _TagOfName(entry.name),
+            entry.description, entry.base, quint16(offset)};
         Q_ASSERT(atom.tag != 0);
-        offset += (spec.slotCount > 1 ? 1 : 0) + std::size_t(spec.width) * spec.slotCount;
+        offset += (entry.slotCount > 1 ? 1 : 0) + std::size_t(entry.width) * entry.slotCount;
         atoms.push_back(atom);
     }
     Q_ASSERT(offset <= kVLPropertyRecordSize);

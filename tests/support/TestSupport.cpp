@@ -177,11 +177,9 @@ QProcessEnvironment ScopedXdgHome::environment() const
     return QProcessEnvironment::systemEnvironment();
 }
 
-ProcessResult RunTanner(const QStringList &args, const QProcessEnvironment &environment, int timeoutMs)
+// Waits for a started process and collects what it printed; one that runs too long is killed.
+static ProcessResult FinishedProcess(QProcess &process, int timeoutMs)
 {
-    QProcess process;
-    process.setProcessEnvironment(environment);
-    process.start(QStringLiteral(TANNER_BINARY), args);
     ProcessResult result;
     if (!process.waitForFinished(timeoutMs)) {
         process.kill();
@@ -193,6 +191,14 @@ ProcessResult RunTanner(const QStringList &args, const QProcessEnvironment &envi
     result.out = process.readAllStandardOutput();
     result.err = process.readAllStandardError();
     return result;
+}
+
+ProcessResult RunTanner(const QStringList &args, const QProcessEnvironment &environment, int timeoutMs)
+{
+    QProcess process;
+    process.setProcessEnvironment(environment);
+    process.start(QStringLiteral(TANNER_BINARY), args);
+    return FinishedProcess(process, timeoutMs);
 }
 
 ProcessResult RunTannerWithBytes(const QList<QByteArray> &args, const QProcessEnvironment &environment, int timeoutMs)
@@ -210,17 +216,7 @@ ProcessResult RunTannerWithBytes(const QList<QByteArray> &args, const QProcessEn
     QProcess process;
     process.setProcessEnvironment(withBinary);
     process.start(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), script});
-    ProcessResult result;
-    if (!process.waitForFinished(timeoutMs)) {
-        process.kill();
-        process.waitForFinished();
-        result.err = "timed out";
-        return result;
-    }
-    result.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    result.out = process.readAllStandardOutput();
-    result.err = process.readAllStandardError();
-    return result;
+    return FinishedProcess(process, timeoutMs);
 }
 
 } // namespace tanner::test

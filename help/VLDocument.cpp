@@ -331,22 +331,28 @@ bool VLDocument::rebuildStyleList()
 
 // --- Formatting --------------------------------------------------------------------------------
 
-qint32 VLDocument::charPropertyAt(quint32 cp) const
+namespace {
+
+// The property of the run that covers cp, or -1 before the first run.
+qint32 _PropertyOfRunAt(const KSArrayCP &runs, quint32 cp)
 {
-    const std::size_t index = _CoveringIndex(*m_charRuns, cp);
+    const std::size_t index = _CoveringIndex(runs, cp);
     qint32 property = -1;
     if (index != KSNotFound)
-        m_charRuns->getEntry(&property, index);
+        runs.getEntry(&property, index);
     return property;
+}
+
+} // namespace
+
+qint32 VLDocument::charPropertyAt(quint32 cp) const
+{
+    return _PropertyOfRunAt(*m_charRuns, cp);
 }
 
 qint32 VLDocument::paraPropertyAt(quint32 cp) const
 {
-    const std::size_t index = _CoveringIndex(*m_paraRuns, cp);
-    qint32 property = -1;
-    if (index != KSNotFound)
-        m_paraRuns->getEntry(&property, index);
-    return property;
+    return _PropertyOfRunAt(*m_paraRuns, cp);
 }
 
 const void *VLDocument::property(qint64 index) const

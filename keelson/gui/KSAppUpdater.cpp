@@ -2,6 +2,7 @@
 
 #include "keelson/FormatString.h"
 #include "keelson/KSKernel.h"
+#include "keelson/gui/KSUpdaterWindow.h"
 #include "keelson/gui/KSWorkspace.h"
 #include "keelson/net/KSAppUpdaterThread.h"
 
@@ -10,8 +11,6 @@
 #include <QApplication>
 #include <QDateTime>
 #include <QLabel>
-#include <QScreen>
-#include <QTimer>
 
 namespace {
 
@@ -100,14 +99,7 @@ void KSAppUpdater::showPane(Pane pane)
 
 void KSAppUpdater::runModalIfHidden()
 {
-    if (m_window->isVisible())
-        return;
-    if (const QScreen *screen = QGuiApplication::primaryScreen()) {
-        m_window->adjustSize();
-        m_window->move(screen->availableGeometry().center() - m_window->rect().center());
-    }
-    m_window->exec();
-    m_window->hide();
+    KSRunUpdateDialogIfHidden(m_window.get());
 }
 
 void KSAppUpdater::displayUpdateDialog()
@@ -130,18 +122,8 @@ void KSAppUpdater::startAutoCheck()
 {
     if (!m_window)
         return;
-    if (!m_autoCheck) {
-        delete m_autoCheckTimer;
-        m_autoCheckTimer = nullptr;
-        return;
-    }
-    if (m_autoCheckTimer)
-        return;
-    m_autoCheckTimer = new QTimer(this);
-    m_autoCheckTimer->setInterval(std::chrono::seconds(kDaySeconds));
-    connect(m_autoCheckTimer, &QTimer::timeout, this, &KSAppUpdater::autoCheckTimerFired);
-    m_autoCheckTimer->start();
-    autoCheckTimerFired();
+    KSSetAutoCheckTimer(
+        this, m_autoCheckTimer, m_autoCheck, std::chrono::seconds(kDaySeconds), [this] { autoCheckTimerFired(); });
 }
 
 void KSAppUpdater::autoCheckTimerFired()

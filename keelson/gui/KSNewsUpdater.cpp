@@ -3,6 +3,7 @@
 #include "keelson/KSDayIndex.h"
 #include "keelson/KSKernel.h"
 #include "keelson/KSMakerAddresses.h"
+#include "keelson/gui/KSUpdaterWindow.h"
 #include "keelson/gui/KSWorkspace.h"
 #include "keelson/net/KSAppUpdaterThread.h"
 #include "keelson/net/KSNewsText.h"
@@ -11,8 +12,6 @@
 #include "ui_KSNewsUpdates.h"
 
 #include <QApplication>
-#include <QScreen>
-#include <QTimer>
 
 namespace {
 
@@ -69,14 +68,7 @@ void KSNewsUpdater::showPane(Pane pane)
 
 void KSNewsUpdater::runModalIfHidden()
 {
-    if (m_window->isVisible())
-        return;
-    if (const QScreen *screen = QGuiApplication::primaryScreen()) {
-        m_window->adjustSize();
-        m_window->move(screen->availableGeometry().center() - m_window->rect().center());
-    }
-    m_window->exec();
-    m_window->hide();
+    KSRunUpdateDialogIfHidden(m_window.get());
 }
 
 void KSNewsUpdater::displayUpdateDialog()
@@ -97,18 +89,8 @@ void KSNewsUpdater::startAutoCheck()
 {
     if (!m_window)
         return;
-    if (!KSUpdateSettings::autoNewsCheck()) {
-        delete m_autoCheckTimer;
-        m_autoCheckTimer = nullptr;
-        return;
-    }
-    if (m_autoCheckTimer)
-        return;
-    m_autoCheckTimer = new QTimer(this);
-    m_autoCheckTimer->setInterval(std::chrono::seconds(kHourSeconds));
-    connect(m_autoCheckTimer, &QTimer::timeout, this, &KSNewsUpdater::autoCheckTimerFired);
-    m_autoCheckTimer->start();
-    autoCheckTimerFired();
+    KSSetAutoCheckTimer(this, m_autoCheckTimer, KSUpdateSettings::autoNewsCheck(), std::chrono::seconds(kHourSeconds),
+        [this] { autoCheckTimerFired(); });
 }
 
 void KSNewsUpdater::autoCheckTimerFired()

@@ -1,0 +1,56 @@
+#include "backup/BUSourceFolders.h"
+
+#include "backup/BUFolderReading.h"
+#include "keelson/KSStrings.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
+
+int _OpenSourceFolder(const QByteArray &path, const QString &root)
+{
+    QByteArray prefix = FileNameToBytes(root);
+    while (prefix.endsWith('/'))
+        prefix.chop(1);
+    if (path == prefix || (prefix.isEmpty() && path == "/"))
+        return OpenLongPath(AT_FDCWD, path.constData(), O_PATH | O_DIRECTORY);
+    if (root.isEmpty() || !path.startsWith(prefix + '/') || path.size() <= prefix.size() + 1) {
+        errno = EINVAL;
+        return -1;
+    }
+    qsizetype slash = path.indexOf('/', prefix.size() + 1);
+    int fd = OpenLongPath(AT_FDCWD, (slash < 0 ? path : path.left(slash)).constData(), O_PATH | O_DIRECTORY);
+    open_how how = {};
+    how.flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    // The rest a part of at most kPathPart bytes at a time, each below the last.
+    while (fd >= 0 && slash >= 0) {
+        const qsizetype start = slash + 1;
+        qsizetype end = path.size();
+        if (end - start >= qsizetype(kPathPart)) {
+            end = path.lastIndexOf('/', start + qsizetype(kPathPart) - 1);
+            if (end <= start) {
+                ::close(fd);
+                errno = ENAMETOOLONG;
+                return -1;
+            }
+        }
+        const QByteArray part = path.mid(start, end - start);
+        long below = -1;
+        // EAGAIN: a rename raced with the lookup; the kernel asks for a retry.
+        for (int attempt = 0; attempt < 8 && (attempt == 0 || errno == EAGAIN); ++attempt)
+            below = ::syscall(SYS_openat2, fd, part.constData(), &how, sizeof how);
+        const int saved = errno;
+        ::close(fd);
+        errno = saved;
+        fd = int(below);
+        slash = end < path.size() ? end : -1;
+    }
+    return fd;
+}
+
+QByteArray _PathThrough(int folderFd, const QByteArray &name)
+{
+    return "/proc/self/fd/" + QByteArray::number(folderFd) + '/' + name;
+}

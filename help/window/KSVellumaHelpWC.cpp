@@ -5,6 +5,7 @@
 #include "help/window/KSHelpDocumentView.h"
 #include "help/window/KSHelpPackageCopy.h"
 #include "help/window/KSSpeechManager.h"
+#include "help/window/KSVellumaHelpKeys.h"
 #include "keelson/FormatString.h"
 #include "keelson/KSKernel.h"
 #include "keelson/KSUserDefaults.h"
@@ -21,7 +22,6 @@
 #include <QComboBox>
 #include <QCompleter>
 #include <QFileInfo>
-#include <QFontDialog>
 #include <QHBoxLayout>
 #include <QLineEdit>
 #include <QScrollBar>
@@ -39,21 +39,10 @@ namespace {
 const QString kOpenTopicsKey = QStringLiteral("ks.helpOpenTopics");
 const QString kTopicKey = QStringLiteral("ks.helpTopic");
 const QString kPositionKey = QStringLiteral("ks.helpPosition");
-const QString kZoomKey = QStringLiteral("ks.helpZoom");
-const QString kSearchKey = QStringLiteral("ks.help.search");
 const QString kWindowKey = QStringLiteral("ks.helpWindow");
 const QString kSplitterKey = QStringLiteral("ks.helpSplitter");
-const QString kHelpFontKey = QStringLiteral("com.tannerwick.shared.helpfont");
-constexpr int kRecentSearches = 10;
 constexpr int kTextInset = 8;
-// The find hit's brief mark.
-const QColor kFlashColour(255, 221, 0);
-int g_flashDuration = 500;
 constexpr int kSelectionBit = 9, kEmptyDocumentBit = 8, kObjectsOnlyBit = 10;
-// Format properties holding a size before zooming, so that zoom steps never accumulate rounding.
-constexpr int kBaseSizeProperty = QTextFormat::UserProperty + 1;
-constexpr int kBaseWidthProperty = QTextFormat::UserProperty + 2;
-constexpr int kBaseHeightProperty = QTextFormat::UserProperty + 3;
 
 // Process-wide state shared by every help window.
 QMap<QString, bool> &OpenStatus()
@@ -62,8 +51,6 @@ QMap<QString, bool> &OpenStatus()
     return status;
 }
 bool g_openStatusLoaded = false;
-KSFindRequest g_find;
-std::function<bool(QFont *)> g_nextFontAnswer;
 QString g_applicationHelpPath;
 
 void _BringToFront(QWidget *window)
@@ -231,16 +218,6 @@ KSVellumaHelpWC::~KSVellumaHelpWC()
 {
     saveState();
     ui->scrollView->setDocument(nullptr);
-}
-
-const KSFindRequest &KSVellumaHelpWC::findRequest()
-{
-    return g_find;
-}
-
-void KSVellumaHelpWC::setNextFontAnswer(std::function<bool(QFont *)> answer)
-{
-    g_nextFontAnswer = std::move(answer);
 }
 
 std::unique_ptr<QSettings> KSVellumaHelpWC::settings() const
@@ -632,304 +609,6 @@ quint32 KSVellumaHelpWC::firstVisibleCp() const
     return m_content->map.cpForPosition(position);
 }
 
-// --- Find ---------------------------------------------------------------------------------------
-
-void KSVellumaHelpWC::find()
-{
-    m_searchField->setFocus();
-    m_searchField->selectAll();
-}
-
-void KSVellumaHelpWC::rememberSearch(const QString &text)
-{
-    auto stored = settings();
-    QStringList recent = ReadStringList(*stored, kSearchKey);
-    recent.removeAll(text);
-    recent.prepend(text);
-    while (recent.size() > kRecentSearches)
-        recent.removeLast();
-    if (m_filePath.isEmpty())
-        WriteStringList(*stored, kSearchKey, recent);
-    if (auto *model = qobject_cast<QStringListModel *>(m_searchField->completer()->model()))
-        model->setStringList(recent);
-}
-
-void KSVellumaHelpWC::quickSearch()
-{
-    const QString text = m_searchField->text();
-    if (text.isEmpty()) {
-        m_searchString.clear();
-        return;
-    }
-    ui->scrollView->setFocus();
-    m_searchString = text;
-    g_find = KSQuickSearchRequest(text);
-    rememberSearch(text);
-    runFind(false, KSSearchOptionSet(m_searchOptionMask, kOptionFromStart));
-}
-
-bool KSVellumaHelpWC::findNext()
-{
-    return runFind(false, false);
-}
-
-bool KSVellumaHelpWC::findPrevious()
-{
-    return runFind(true, false);
-}
-
-bool KSVellumaHelpWC::findFromStart()
-{
-    return runFind(false, true);
-}
-
-bool KSVellumaHelpWC::runFind(bool backward, bool fromStart)
-{
-    ui->scrollView->setFocus();
-    if (g_find.findType == kFindNothing || (backward && !KSCanFindPrevious(g_find))) {
-        beep();
-        return false;
-    }
-    const quint32 from = fromStart ? 0 : backward ? selectionStart() : selectionEnd();
-    if (g_find.findType == kFindText) {
-        const unsigned options = KSEngineFindOptions(m_searchOptionMask);
-        QTextDocument::FindFlags flags;
-        if (!KSSearchOptionSet(options, kOptionIgnoreCase))
-            flags |= QTextDocument::FindCaseSensitively;
-        if (KSSearchOptionSet(options, kOptionWholeWords))
-            flags |= QTextDocument::FindWholeWords;
-        if (backward)
-            flags |= QTextDocument::FindBackward;
-        QString needle = g_find.findString;
-        needle.replace(QChar(10), QChar::ParagraphSeparator);
-        const QTextCursor hit = ui->scrollView->document()->find(needle, m_content->map.positionForCp(from), flags);
-        if (hit.isNull()) {
-            beep();
-            return false;
-        }
-        showFindResult(
-            m_content->map.cpForPosition(hit.selectionStart()), m_content->map.cpForPosition(hit.selectionEnd()));
-        return true;
-    }
-    const auto matches = [](quint32 type) {
-        switch (g_find.findType) {
-        case kFindChapter:
-            return type == kHelpKnotChapter;
-        case kFindDivider:
-            return type == kHelpKnotDivider;
-        case kFindPicture:
-            return type == kHelpKnotPicture;
-        default:
-            return true;
-        }
-    };
-    const auto &marks = m_content->marks;
-    if (backward) {
-        for (auto it = marks.rbegin(); it != marks.rend(); ++it) {
-            if (it->cp < from && matches(it->type)) {
-                showFindResult(it->cp, it->cp + 1);
-                return true;
-            }
-        }
-    } else {
-        for (const KSHelpMark &mark : marks) {
-            if (mark.cp >= from && matches(mark.type)) {
-                showFindResult(mark.cp, mark.cp + 1);
-                return true;
-            }
-        }
-    }
-    beep();
-    return false;
-}
-
-void KSVellumaHelpWC::showFindResult(quint32 start, quint32 end)
-{
-    ++m_navigationDepth;
-    const int chapter = m_content->chapterAt(start);
-    if (chapter != m_currentTopic && chapter < int(m_content->chapterCps.size()))
-        jumpToTopic(chapter, -1, false);
-    setSelection(start, end);
-    ui->scrollView->ensureCursorVisible();
-    flash(start, end);
-    --m_navigationDepth;
-    saveSelection();
-    validateMenuItems();
-}
-
-void KSVellumaHelpWC::flash(quint32 start, quint32 end)
-{
-    // Drawn over the selection (extra selections come after it), so the hit stands out for a
-    // moment wherever the selection colour is.
-    QTextEdit::ExtraSelection mark;
-    mark.cursor = QTextCursor(ui->scrollView->document());
-    mark.cursor.setPosition(m_content->map.positionForCp(start));
-    mark.cursor.setPosition(m_content->map.endPositionForCp(end), QTextCursor::KeepAnchor);
-    mark.format.setBackground(kFlashColour);
-    mark.format.setForeground(Qt::black);
-    ui->scrollView->setExtraSelections({mark});
-    m_flashTimer.start(g_flashDuration);
-}
-
-void KSVellumaHelpWC::setFlashDuration(int milliseconds)
-{
-    g_flashDuration = milliseconds;
-}
-
-void KSVellumaHelpWC::setSearchOption(int tag)
-{
-    m_searchOptionMask ^= 1U << tag;
-    validateMenuItems();
-}
-
-void KSVellumaHelpWC::useSelectionForFind()
-{
-    g_find = KSSelectionFindRequest(m_content->plainText(selectionStart(), selectionEnd()), m_searchOptionMask);
-    m_searchString = KSCaretCodesFromText(g_find.findString);
-    m_searchField->setText(m_searchString);
-    validateMenuItems();
-}
-
-void KSVellumaHelpWC::jumpToSearch()
-{
-    ui->scrollView->ensureCursorVisible();
-}
-
-// --- Zoom and font --------------------------------------------------------------------------------
-
-void KSVellumaHelpWC::changeZoom(int percent)
-{
-    performZoom(percent / 100.0);
-}
-
-void KSVellumaHelpWC::zoomIn()
-{
-    performZoom(KSHelpZoomIn(m_zoom));
-}
-
-void KSVellumaHelpWC::zoomOut()
-{
-    performZoom(KSHelpZoomOut(m_zoom));
-}
-
-void KSVellumaHelpWC::performZoom(double factor)
-{
-    if (factor <= 0)
-        factor = 1.0;
-    const quint32 shown = firstVisibleCp();
-    const quint32 start = selectionStart(), end = selectionEnd();
-    // The text changes away from the view and without a page size, so that nothing is laid out
-    // or redrawn until all changes are made; then the view lays it out once.
-    QTextDocument placeholder;
-    ui->scrollView->setDocument(&placeholder);
-    QTextDocument *document = m_content->text.get();
-    const QSizeF pageSize = document->pageSize();
-    document->setPageSize(QSizeF());
-    applyZoom(factor);
-    document->setPageSize(pageSize);
-    ui->scrollView->setDocument(document);
-    setSelection(start, end);
-    scrollToCp(shown);
-    updateZoomTool(factor);
-}
-
-void KSVellumaHelpWC::updateZoomTool(double factor)
-{
-    const int percent = int(std::lround(factor * 100));
-    settings()->setValue(kZoomKey, percent);
-    const int index = m_zoomMenu->findData(percent);
-    m_zoomMenu->setCurrentIndex(index);
-    if (index < 0)
-        m_zoomMenu->setEditText(QStringLiteral("%1%").arg(percent));
-}
-
-void KSVellumaHelpWC::applyZoom(double factor)
-{
-    m_zoom = factor;
-    QTextDocument *document = m_content->text.get();
-    QFont font = m_font;
-    font.setPointSizeF(m_font.pointSizeF() * factor);
-    if (document->defaultFont() != font)
-        document->setDefaultFont(font);
-    // Sizes given in the text itself scale from their unzoomed values. Only what changes is
-    // touched, so opening at the size last used costs no layout.
-    QTextCursor cursor(document);
-    cursor.beginEditBlock(); // one change for the layout, however many fragments change
-    for (QTextBlock block = document->begin(); block.isValid(); block = block.next()) {
-        for (auto it = block.begin(); !it.atEnd(); ++it) {
-            const QTextFragment fragment = it.fragment();
-            QTextCharFormat format = fragment.charFormat();
-            bool changed = false;
-            if (format.hasProperty(kBaseSizeProperty) || format.hasProperty(QTextFormat::FontPointSize)) {
-                if (!format.hasProperty(kBaseSizeProperty))
-                    format.setProperty(kBaseSizeProperty, format.fontPointSize());
-                const double size = format.doubleProperty(kBaseSizeProperty) * factor;
-                changed = size != format.fontPointSize();
-                format.setFontPointSize(size);
-            }
-            if (format.isImageFormat()) {
-                QTextImageFormat image = format.toImageFormat();
-                if (!image.hasProperty(kBaseWidthProperty)) {
-                    image.setProperty(kBaseWidthProperty, image.width());
-                    image.setProperty(kBaseHeightProperty, image.height());
-                }
-                const double width = image.doubleProperty(kBaseWidthProperty) * factor;
-                const double height = image.doubleProperty(kBaseHeightProperty) * factor;
-                changed = changed || width != image.width() || height != image.height();
-                image.setWidth(width);
-                image.setHeight(height);
-                format = image;
-            }
-            if (changed) {
-                cursor.setPosition(fragment.position());
-                cursor.setPosition(fragment.position() + fragment.length(), QTextCursor::KeepAnchor);
-                cursor.setCharFormat(format);
-            }
-        }
-    }
-    cursor.endEditBlock();
-}
-
-void KSVellumaHelpWC::applyHelpFont(const QFont &font)
-{
-    if (font == m_font)
-        return;
-    m_font = font;
-    applyZoom(m_zoom);
-}
-
-void KSVellumaHelpWC::changeFont(const QFont *chosen)
-{
-    QFont font;
-    if (chosen) {
-        font = *chosen;
-    } else {
-        const QString descriptor = OpenSettingsFile(SharedDefaultsPath())->value(kHelpFontKey).toString();
-        if (descriptor.isEmpty() || !font.fromString(descriptor))
-            return;
-    }
-    if (font == m_font)
-        return;
-    const quint32 shown = firstVisibleCp();
-    applyHelpFont(font);
-    scrollToCp(shown);
-    if (chosen)
-        OpenSettingsFile(SharedDefaultsPath())->setValue(kHelpFontKey, font.toString());
-}
-
-void KSVellumaHelpWC::showFonts()
-{
-    QFont font = m_font;
-    bool ok = false;
-    if (g_nextFontAnswer) {
-        ok = std::exchange(g_nextFontAnswer, {})(&font);
-    } else {
-        font = QFontDialog::getFont(&ok, m_font, this, QStringLiteral("Help Font"));
-    }
-    if (ok)
-        changeFont(&font);
-}
-
 // --- Speaking, saving, copying ----------------------------------------------------------------------
 
 void KSVellumaHelpWC::startSpeaking()
@@ -1026,9 +705,9 @@ bool KSVellumaHelpWC::validateMenuItem(const QAction *action) const
     if (action == ui->nextTopicAction)
         return m_currentTopic < int(m_content->chapterCps.size()) - 1;
     if (action == ui->findNextAction || action == ui->findFromStartAction)
-        return g_find.findType != kFindNothing;
+        return findRequest().findType != kFindNothing;
     if (action == ui->findPreviousAction)
-        return KSCanFindPrevious(g_find);
+        return KSCanFindPrevious(findRequest());
     if (action == ui->backAction)
         return m_navigation.canGoBack();
     if (action == ui->forwardAction)

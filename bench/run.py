@@ -20,9 +20,17 @@ runs and never dropped, and the freshly prepared device is read before each run 
 anew from its image starts cold): the daily case, with the trees already in the page cache. Both
 states in one call (--cache cold,warm) give a table each.
 
-The peers: rsync, cp -a (full backups), and rclone sync when the rclone command is installed (the
-benchmark asks apt-get for it once, except with --tiny, and otherwise leaves its rows out with the
-reason printed).
+The peers: rsync, cp -a (full backups), rclone sync when the rclone command is installed, and
+FreeFileSync's batch mirror (W1, W3, W4; with a sync of the device after it in W1, like cp -a) when
+FreeFileSync and Xvfb are installed and a small job of its own comes out right. The benchmark asks
+apt-get for what is missing once, except with --tiny, and otherwise leaves those rows out with the
+reason printed. FreeFileSync runs a batch job (.ffs_batch) made for each workload and device:
+variant Mirror, compared by time and size, deletions permanent, errors and warnings ending the run
+instead of a dialog; on one Xvfb kept for the whole benchmark, with settings and logs in a folder of
+the benchmark's, its directory lock (a file it writes into the source) turned off. After each of its
+runs the device must mirror the source (items, kinds, sizes, times, the bytes of a sample of files,
+none of its own files on either side), and its exit code must be 0; otherwise its rows for that
+workload are left out with the reason printed. bench/freefilesync.py tells the details.
 --baseline adds a second tanner-backup, another build, to the same alternating runs.
 
 Memory: the largest process's peak RSS (from the kernel), and the peak of the PSS of all the tool's
@@ -32,15 +40,22 @@ of their RSS would count three times.
 import argparse
 import os
 import random
+import shlex
 import shutil
+import signal
 import statistics
 import subprocess
 import sys
 import threading
 import time
 
+sys.dont_write_bytecode = True  # run as root: no __pycache__ of root's in bench/
+from freefilesync import FreeFileSync  # noqa: E402
+
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 SEED = 20261122
+# A FreeFileSync run that has not ended by then waits on something: it is stopped and left out.
+FREEFILESYNC_LIMIT_S = 900
 MKFS = ["mkfs.ext4", "-q", "-F", "-i", "8192", "-E", "lazy_itable_init=0,lazy_journal_init=0"]
 
 # The targets by page cache state: (workload, peer, largest tanner/peer ratio of the medians, what
@@ -217,11 +232,18 @@ def _tree_pss_kib(pid):
     return total
 
 
-def timed(cmd, env=None, ok=(0,)):
+class ToolFailed(RuntimeError):
+    def __init__(self, message, code):
+        super().__init__(message)
+        self.code = code
+
+
+def timed(cmd, env=None, ok=(0,), limit=None):
     """Runs a command under /usr/bin/time. Returns (wall seconds, peak RSS KiB of its largest
-    process, peak PSS KiB of all its processes together, sampled every 20 ms)."""
+    process, peak PSS KiB of all its processes together, sampled every 20 ms). With a limit in
+    seconds, a command still running then is killed with all its processes."""
     process = subprocess.Popen(["/usr/bin/time", "-f", "TIME %e %M"] + cmd, env=env, stdout=subprocess.DEVNULL,
-                               stderr=subprocess.PIPE, text=True)
+                               stderr=subprocess.PIPE, text=True, start_new_session=limit is not None)
     peak = [0]
 
     def sample():
@@ -231,11 +253,19 @@ def timed(cmd, env=None, ok=(0,)):
 
     sampler = threading.Thread(target=sample)
     sampler.start()
-    _, err = process.communicate()
+    try:
+        _, err = process.communicate(timeout=limit)
+    except subprocess.TimeoutExpired:
+        os.killpg(process.pid, signal.SIGKILL)
+        process.communicate()
+        sampler.join()
+        raise ToolFailed(f"{cmd[0]} did not end within {limit} s and was stopped", None)
     sampler.join()
     line = [l for l in err.splitlines() if l.startswith("TIME ")]
     if process.returncode not in ok or not line:
-        raise RuntimeError(f"{cmd[0]} failed ({process.returncode}): {err[-2000:]}")
+        # /usr/bin/time reports a command's own exit code as "Command exited with non-zero status N".
+        codes = [int(l.split()[-1]) for l in err.splitlines() if l.startswith("Command exited with non-zero status")]
+        raise ToolFailed(f"{cmd[0]} failed ({process.returncode}): {err[-2000:]}", codes[-1] if codes else None)
     _, wall, rss = line[-1].split()
     return float(wall), int(rss), peak[0]
 
@@ -335,7 +365,7 @@ def rclone_available(install):
     return False
 
 
-def run_workload(name, args, work, scale, device_kind):
+def run_workload(name, args, work, scale, device_kind, freefilesync):
     rng = random.Random(SEED)
     size_mib = scale.size_mib(name)
     source = Ext4(os.path.join(work, "source.img"), os.path.join(work, "source"), size_mib)
@@ -369,6 +399,16 @@ def run_workload(name, args, work, scale, device_kind):
         # Local to local, no configuration file: the same mirror as the others, empty folders too.
         tools["rclone"] = ["rclone", "sync", "--create-empty-src-dirs", "--config", "/dev/null", "-q",
                            folder + "/", target + "/"]
+    # FreeFileSync's rows: each is checked after every run, and left out of this workload when one fails.
+    mirrors = []
+    if name in ("W1", "W3", "W4") and freefilesync.available():
+        command = freefilesync.command(freefilesync.job(f"{name}-{device_kind}", folder, target))
+        tools["FreeFileSync"] = command
+        mirrors.append("FreeFileSync")
+        if not incremental:
+            # Like cp -a, it leaves the copies in the page cache (it calls no fsync).
+            tools["FreeFileSync + sync"] = ["sh", "-c", f"{shlex.join(command)} && sync -f {shlex.quote(device.mount)}"]
+            mirrors.append("FreeFileSync + sync")
     if incremental:
         tools["rsync -n"] = ["rsync", "-a", "--delete", "-n", folder + "/", target + "/"]
         tools["stat floor"] = ["sh", "-c", f"find '{folder}' '{target}' -printf '%s %T@ %m\\n' > /dev/null"]
@@ -380,6 +420,7 @@ def run_workload(name, args, work, scale, device_kind):
 
     all_results = {}
     order = list(tools)
+    left_out = set()
     for cache in args.cache.split(","):
         results = {tool: [] for tool in tools}
         if cache == "warm":
@@ -387,13 +428,32 @@ def run_workload(name, args, work, scale, device_kind):
             warm(folder)
         for run in range(args.runs):
             for tool in order[run % len(order) :] + order[: run % len(order)]:
+                if tool in left_out:
+                    continue
                 device.fresh()
+                if tool in mirrors:
+                    freefilesync.prepare(target)
                 if cache == "cold":
                     drop_caches()
                 elif device_kind != "tmpfs":
                     warm(device.mount)
-                results[tool].append(timed(tools[tool], env=env if tool.startswith("tanner") else None))
+                if tool not in mirrors:
+                    results[tool].append(timed(tools[tool], env=env if tool.startswith("tanner") else None))
+                    continue
+                try:
+                    results[tool].append(timed(tools[tool], env=freefilesync.env, limit=FREEFILESYNC_LIMIT_S))
+                    freefilesync.verify(folder, target)
+                except ToolFailed as e:
+                    reason = str(e) if e.code is None else freefilesync.explain(e.code)
+                    print(f"{tool} left out of {name} on {device_kind}: {reason}", flush=True)
+                    left_out.add(tool)
+                except RuntimeError as e:
+                    print(f"{tool} left out of {name} on {device_kind}: {e}", flush=True)
+                    left_out.add(tool)
         all_results[cache] = results
+    for results in all_results.values():
+        for tool in left_out:
+            del results[tool]
     device.close()
     source.close()
     return all_results
@@ -411,6 +471,8 @@ def machine():
     for tool in ("rsync", "cp", "rclone"):
         if shutil.which(tool):
             versions.append(subprocess.run([tool, "--version"], capture_output=True, text=True).stdout.split("\n")[0])
+    if shutil.which("FreeFileSync"):
+        versions.append(FreeFileSync.version())
     load = " ".join(open("/proc/loadavg").read().split()[:3])
     return (f"{os.cpu_count()} cores ({model}), {mem:.0f} GiB, Linux {os.uname().release}; "
             f"load average at the end {load}; {'; '.join(versions)}")
@@ -474,12 +536,16 @@ def main():
     os.makedirs(args.workdir, exist_ok=True)
     scale = Scale(args.scale)
     all_results = {}
-    for dev in args.devices.split(","):
-        for name in args.workloads.split(","):
-            print(f"== {name} on {dev} ({time.strftime('%H:%M:%S')})", flush=True)
-            all_results[(name, dev)] = run_workload(name, args, args.workdir, scale, dev)
-            for cache in args.cache.split(","):
-                print(report({(name, dev): all_results[(name, dev)]}, args, cache).split("\n\n")[2], flush=True)
+    freefilesync = FreeFileSync(args.workdir, install=not args.tiny)
+    try:
+        for dev in args.devices.split(","):
+            for name in args.workloads.split(","):
+                print(f"== {name} on {dev} ({time.strftime('%H:%M:%S')})", flush=True)
+                all_results[(name, dev)] = run_workload(name, args, args.workdir, scale, dev, freefilesync)
+                for cache in args.cache.split(","):
+                    print(report({(name, dev): all_results[(name, dev)]}, args, cache).split("\n\n")[2], flush=True)
+    finally:
+        freefilesync.close()
     for cache in args.cache.split(","):
         text = report(all_results, args, cache)
         print(text)

@@ -145,22 +145,22 @@ def check_mirror(source, target, samples=100, tolerance_ns=2_000_000_000):
     missing = want.keys() - have.keys()
     extra = have.keys() - want.keys()
     if missing:
-        problems.append(f"{len(missing)} items missing on the device ({_examples(missing)})")
+        problems.append(f"missing on the device: {len(missing)} ({_examples(missing)})")
     if extra:
-        problems.append(f"{len(extra)} items on the device that the source does not have ({_examples(extra)})")
+        problems.append(f"on the device but not in the source: {len(extra)} ({_examples(extra)})")
     differ = []
     for path in want.keys() & have.keys():
         (kind, size, mtime), (dkind, dsize, dmtime) = want[path], have[path]
         if kind != dkind or size != dsize or abs(mtime - dmtime) > tolerance_ns:
             differ.append(path)
     if differ:
-        problems.append(f"{len(differ)} items differ in kind, size or time ({_examples(differ)})")
+        problems.append(f"different in kind, size or time: {len(differ)} ({_examples(differ)})")
     if not problems:
         files = sorted(p for p, (kind, _, _) in want.items() if kind == "file")
         step = max(1, len(files) // samples)
         changed = [p for p in files[::step] if not _same_content(os.path.join(source, p), os.path.join(target, p))]
         if changed:
-            problems.append(f"{len(changed)} of the files compared differ in content ({_examples(changed)})")
+            problems.append(f"different in content: {len(changed)} of the {len(files[::step])} files compared ({_examples(changed)})")
     return "; ".join(problems) or None
 
 

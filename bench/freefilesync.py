@@ -1,37 +1,16 @@
 """FreeFileSync's batch mirror as a peer of bench/run.py, and the check that a tool's run left the
-device as a mirror of the source.
+device as a mirror of the source (docs/PERFORMANCE.md, "The peers a user would pick instead", says
+why each choice below was made).
 
-FreeFileSync is a GUI program: a batch job (.ffs_batch) runs without questions but still opens its
-progress window, so it needs an X display. The benchmark keeps one Xvfb for its whole run and points
-DISPLAY at it: a user's FreeFileSync starts on a display that is already there, and starting an X
-server is no part of a mirror's cost (an Xvfb per run would also be counted in the tool's memory,
-as a child of the timed command). There is no session bus under Xvfb: GTK would start one of its
-own (dbus-launch, dbus-daemon, the accessibility bus) on the first run and leave them behind after
-the benchmark, so the bus and the accessibility bridge are turned off (DBUS_SESSION_BUS_ADDRESS,
-NO_AT_BRIDGE); runs after the first take as long either way.
-
-FreeFileSync's own files:
-- its settings and logs live in ~/.config/FreeFileSync of the user that SUDO_USER, LOGNAME or the
-  process's uid names (HOME and XDG_CONFIG_HOME are not consulted). The benchmark runs it without
-  SUDO_USER and LOGNAME, as root, and mounts a folder of its own over root's one (it runs in a
-  private mount namespace), so the user's settings are neither read nor changed. A mount point it
-  had to create is removed at the end. The settings it rewrites there at the end of every run.
-- a log of every run (one line per item copied or deleted): the job's LogFolder is a folder of the
-  benchmark's, emptied after every run that passed its check.
-- sync.ffs_lock, written into the source and the target folders during a run and removed after it:
-  the benchmark turns the lock off (LockDirectoriesDuringSync), since creating and deleting it
-  changes the source folder's modification time, and the other tools would find a changed folder.
-- sync.ffs_db, its database of the last run's state: written only for two-way jobs and for the
-  detection of moved files, neither of which a mirror with DetectMovedFiles false uses; the check
-  after every run fails if one is found on either side.
-- name~xxxx.ffs_tmp, the file being copied before its rename (fail-safe copy, its default, kept).
-The job: variant Mirror, compared by time and size (two seconds' tolerance, its default), symbolic
-links copied as links, deletions permanent (no recycle bin, no versions), errors not retried, and
-ErrorDialog Cancel: the first error or warning stops the run with exit code 3 instead of a dialog
-waiting for an answer (a warning is 1, errors 2; only 0 counts). Its warnings all stay on; the
-target folder is made before the run (one empty folder, as the job's folder on a backup disk is
-there after its first run), since a target that does not exist yet is a warning. Its progress
-window closes by itself (AutoClose) and plays no sound.
+- One Xvfb for the whole benchmark, DISPLAY pointing at it; no session bus and no accessibility bus
+  (GTK would start both on the first run and leave them running).
+- Its settings and logs live in ~/.config/FreeFileSync of the user that SUDO_USER, LOGNAME or the
+  uid names, whatever HOME says: it runs without those variables, as root, with a folder of the
+  benchmark's mounted over root's (the benchmark runs in a private mount namespace). The settings
+  turn off the folder lock (sync.ffs_lock, written into the source during a run) and the sounds.
+- The job (.ffs_batch): Mirror, by time and size, links as links, deletions permanent, no retries,
+  and ErrorDialog Cancel: an error or a warning ends the run with exit code 3 instead of a dialog.
+  A mirror without move detection writes no sync.ffs_db; the check fails if one appears.
 """
 import os
 import pwd
@@ -166,7 +145,7 @@ def check_mirror(source, target, samples=100, tolerance_ns=2_000_000_000):
 
 class FreeFileSync:
     """FreeFileSync run by batch jobs on a private Xvfb, with settings and logs of its own. available()
-    installs (once, when allowed), starts and tries it; run() and verify() surround every timed run."""
+    installs (once, when allowed), starts and tries it; prepare() and verify() surround every timed run."""
 
     def __init__(self, work, install):
         self.dir = os.path.join(work, "freefilesync")

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
-"""Benchmarks tanner-backup against rsync and cp on the same source and the same freshly prepared
-device, in a private mount namespace, and writes the medians and ratios to docs/PERFORMANCE.md.
+"""Benchmarks tanner-backup against rsync, cp and the tools a user would pick instead (rclone,
+FreeFileSync) on the same source and the same freshly prepared device, in a private mount
+namespace, and writes the medians and ratios to docs/PERFORMANCE.md.
 
 Run as root:  bench/run.py [--runs 5] [--workloads W1,W2,W3,W4,W5] [--devices ext4,tmpfs]
               [--scale 1.0] [--cache cold,warm] [--binary build/tanner-backup]
@@ -30,7 +31,7 @@ instead of a dialog; on one Xvfb kept for the whole benchmark, with settings and
 the benchmark's, its directory lock (a file it writes into the source) turned off. After each of its
 runs the device must mirror the source (items, kinds, sizes, times, the bytes of a sample of files,
 none of its own files on either side), and its exit code must be 0; otherwise its rows for that
-workload are left out with the reason printed. bench/freefilesync.py tells the details.
+workload are left out with the reason printed (details: docs/PERFORMANCE.md, bench/freefilesync.py).
 --baseline adds a second tanner-backup, another build, to the same alternating runs.
 
 Memory: the largest process's peak RSS (from the kernel), and the peak of the PSS of all the tool's

@@ -76,18 +76,20 @@ EXIT_CODES = {1: "completed with warnings", 2: "completed with errors", 3: "canc
 
 def _listing(root):
     """Every item below root by its relative path: (kind, size or link text, modification time)."""
-    items = {}
-    for folder, subfolders, files in os.walk(root):
-        for name in subfolders + files:
-            path = os.path.join(folder, name)
-            st = os.lstat(path)
-            rel = os.path.relpath(path, root)
-            if os.path.islink(path):
-                items[rel] = ("link", os.readlink(path), 0)
-            elif os.path.isdir(path):
-                items[rel] = ("folder", 0, 0)
-            else:
-                items[rel] = ("file", st.st_size, st.st_mtime_ns)
+    items, folders = {}, [""]
+    while folders:
+        folder = folders.pop()
+        with os.scandir(os.path.join(root, folder)) as entries:
+            for entry in entries:
+                rel = os.path.join(folder, entry.name)
+                if entry.is_symlink():
+                    items[rel] = ("link", os.readlink(entry.path), 0)
+                elif entry.is_dir(follow_symlinks=False):
+                    items[rel] = ("folder", 0, 0)
+                    folders.append(rel)
+                else:
+                    st = entry.stat(follow_symlinks=False)
+                    items[rel] = ("file", st.st_size, st.st_mtime_ns)
     return items
 
 

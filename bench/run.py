@@ -444,12 +444,10 @@ def run_workload(name, args, work, scale, device_kind, freefilesync):
                 try:
                     results[tool].append(timed(tools[tool], env=freefilesync.env, limit=FREEFILESYNC_LIMIT_S))
                     freefilesync.verify(folder, target)
-                except ToolFailed as e:
-                    reason = str(e) if e.code is None else freefilesync.explain(e.code)
+                except RuntimeError as e:  # a failed run (ToolFailed) or a failed check
+                    code = getattr(e, "code", None)
+                    reason = str(e) if code is None else freefilesync.explain(code)
                     print(f"{tool} left out of {name} on {device_kind}: {reason}", flush=True)
-                    left_out.add(tool)
-                except RuntimeError as e:
-                    print(f"{tool} left out of {name} on {device_kind}: {e}", flush=True)
                     left_out.add(tool)
         all_results[cache] = results
     for results in all_results.values():

@@ -78,7 +78,7 @@ TARGETS = {
         ("W3", "rsync -n", 0.7, "wall"),
         ("W3", "stat floor", 1.3, "wall"),
         ("W4", "rsync", 0.7, "wall"),
-        ("W1", "rsync", 0.9, "wall"),
+        ("W1", "rsync + sync", 0.9, "wall"),
         ("W1", "cp -a + sync", 1.0, "wall"),
         ("W1", "rsync", 0.5, "rss"),
         ("W3", "rsync", 0.5, "rss"),
@@ -417,6 +417,7 @@ def run_workload(name, args, work, scale, device_kind, freefilesync):
         tools["cp -a"] = ["cp", "-a", folder, device.mount + "/"]
         # tanner-backup ends a backup with the data on the device; cp -a leaves it in the page cache.
         tools["cp -a + sync"] = ["sh", "-c", f"cp -a '{folder}' '{device.mount}/' && sync -f '{device.mount}'"]
+        tools["rsync + sync"] = ["sh", "-c", f"rsync -a --delete '{folder}/' '{target}/' && sync -f '{device.mount}'"]
         tools["read floor"] = ["sh", "-c", f"find '{folder}' -type f -print0 | xargs -0 -r cat > /dev/null"]
 
     all_results = {}

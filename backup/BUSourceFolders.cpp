@@ -39,8 +39,11 @@ int _OpenSourceFolder(const QByteArray &path, const QString &root)
         const QByteArray part = path.mid(start, end - start);
         long below = -1;
         // EAGAIN: a rename raced with the lookup; the kernel asks for a retry.
-        for (int attempt = 0; attempt < 8 && (attempt == 0 || errno == EAGAIN); ++attempt)
+        for (int attempt = 0; attempt < 8; ++attempt) {
             below = ::syscall(SYS_openat2, fd, part.constData(), &how, sizeof how);
+            if (below >= 0 || errno != EAGAIN)
+                break;
+        }
         const int saved = errno;
         ::close(fd);
         errno = saved;

@@ -24,7 +24,7 @@ QByteArray ReadFileBytes(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-bool WaitUntil(const std::function<bool()> &done, std::chrono::milliseconds timeout)
+[[maybe_unused]] bool WaitUntil(const std::function<bool()> &done, std::chrono::milliseconds timeout)
 {
     QDeadlineTimer deadline(timeout);
     while (!done()) {

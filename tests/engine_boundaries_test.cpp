@@ -12,6 +12,7 @@
 #include <cstring>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
 #include <thread>
@@ -187,8 +188,14 @@ TEST_F(DeviceTest, ASourceFolderSwappedForALinkIsNotFollowed)
 }
 
 // The device is a folder of a bigger file system, mounted on its own; a mirror folder moved out of
-// it during the run (through the bigger file system) receives nothing after it left.
-TEST_F(DeviceTest, AFolderMovedOutOfTheDeviceReceivesNothingMore)
+// it during the run (through the bigger file system), or a folder above the one being filled,
+// receives nothing after it left.
+class MovingFolders : public DeviceTest {
+protected:
+    void moveOutDuringRun(const QString &filled, const QString &moved);
+};
+
+void MovingFolders::moveOutDuringRun(const QString &filled, const QString &moved)
 {
     const QString big = m_sources.path() + QStringLiteral("/big");
     ASSERT_TRUE(MountTmpfs(big, 256 << 20));
@@ -198,33 +205,67 @@ TEST_F(DeviceTest, AFolderMovedOutOfTheDeviceReceivesNothingMore)
     m_mounted.prepend(device());
     Tree files;
     for (int i = 0; i < 3000; ++i)
-        files.insert(QStringLiteral("sub/f%1").arg(i, 4, 10, QLatin1Char('0')), QByteArray::number(i));
+        files.insert(filled + QStringLiteral("/f%1").arg(i, 4, 10, QLatin1Char('0')), QByteArray::number(i));
     WriteTree(source(), files);
     analyze();
     const QStringList lines = transactionLines();
-    ASSERT_EQ(lines.size(), 3001);
+    ASSERT_EQ(lines.size(), 3000 + filled.count(u'/') + 1);
 
-    const QString inside = big + QStringLiteral("/device/Docs/sub");
+    const QString inside = big + QStringLiteral("/device/Docs/") + filled;
     const QString away = big + QStringLiteral("/away");
-    std::atomic<bool> moved {false};
+    const QString landedIn = away + inside.mid(big.size() + QStringLiteral("/device/Docs/").size() + moved.size());
+    std::atomic<bool> wasMoved {false};
     std::thread mover([&] {
         QElapsedTimer timer;
         timer.start();
         while (timer.elapsed() < 20000 && EntryCount(inside) < 20)
             QThread::usleep(200);
-        moved = ::rename(Bytes(inside).constData(), Bytes(away).constData()) == 0;
+        const QString from = big + QStringLiteral("/device/Docs/") + moved;
+        wasMoved = ::rename(Bytes(from).constData(), Bytes(away).constData()) == 0;
     });
     RecordingReceiver receiver;
     backup(receiver);
     mover.join();
-    ASSERT_TRUE(moved);
+    ASSERT_TRUE(wasMoved);
     ASSERT_TRUE(receiver.complete.has_value());
-    const qsizetype landed = EntryCount(away);
-    EXPECT_EQ(landed, Outcomes(lines).succeededBelow(lines, QStringLiteral("Copy file Docs/sub/")))
+    const qsizetype landed = EntryCount(landedIn);
+    EXPECT_EQ(landed, Outcomes(lines).succeededBelow(lines, QStringLiteral("Copy file Docs/") + filled + u'/'))
         << "only the copies made before the move are there";
     EXPECT_LT(landed, 3000);
-    EXPECT_FALSE(QFileInfo::exists(device(QStringLiteral("Docs/sub"))));
+    EXPECT_FALSE(QFileInfo::exists(device(QStringLiteral("Docs/") + moved)));
     EXPECT_EQ(EntryCount(big), 2) << "nothing else appeared outside the device";
+}
+
+TEST_F(MovingFolders, AFolderMovedOutOfTheDeviceReceivesNothingMore)
+{
+    moveOutDuringRun(QStringLiteral("sub"), QStringLiteral("sub"));
+}
+
+TEST_F(MovingFolders, AFolderWhoseParentMovedOutOfTheDeviceReceivesNothingMore)
+{
+    moveOutDuringRun(QStringLiteral("sub/deeper"), QStringLiteral("sub"));
+}
+
+// Folder after folder, the analysis and the run hold a bounded number of descriptors.
+TEST_F(DeviceTest, DescriptorsStayBoundedOverARun)
+{
+    mountDevice();
+    Tree files;
+    for (int i = 0; i < 300; ++i)
+        files.insert(QStringLiteral("d%1/e/f.txt").arg(i), QByteArray::number(i));
+    WriteTree(source(), files);
+    struct LowDescriptorLimit {
+        rlimit saved {};
+        LowDescriptorLimit()
+        {
+            ::getrlimit(RLIMIT_NOFILE, &saved);
+            rlimit low = saved;
+            low.rlim_cur = 128;
+            ::setrlimit(RLIMIT_NOFILE, &low);
+        }
+        ~LowDescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &saved); }
+    } limit;
+    backupAndExpectMirror();
 }
 
 // A link, a FIFO or a device node where the source has a folder is replaced by the folder; a

@@ -3,6 +3,7 @@
 // never took, and two backups of one device. After each run the device and what lies outside it
 // are walked and compared with what must be there.
 #include "backup/BUFileCopier.h"
+#include "backup/BUTouchedFolders.h"
 #include "tests/EngineTestHelpers.h"
 
 #include <QDirIterator>
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
 #include <thread>
@@ -419,4 +421,77 @@ TEST_F(DeviceTest, AnAttributeTheDeviceCannotHoldFailsItsItemAlone)
     ASSERT_EQ(failures.keys(), QStringList {"Copy file Docs/big.txt"});
     EXPECT_TRUE(failures.first().contains(QStringLiteral("\"user.big\""))) << failures.first().toStdString();
     EXPECT_EQ(ReadTree(device(QStringLiteral("Docs"))), (Tree {{"plain.txt", "p"}}));
+}
+
+// What a run killed on the way leaves: its mark in the mirror, and folders with the run's times.
+// The mark is the program's own: no analysis lists it, and a mirror holding nothing else is up to
+// date. The next backup brings every folder's times back, however deep, with few descriptors,
+// and takes the mark away.
+TEST_F(DeviceTest, AKilledRunsMarkIsNoItemAndItsFoldersComeBack)
+{
+    mountDevice(128 << 20);
+    constexpr int kDepth = 400;
+    auto openLevels = [](const QString &top, int levels) {
+        int fd = ::open(Bytes(top).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        for (int i = 0; i < levels && fd >= 0; ++i) {
+            const int next = ::openat(fd, "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            ::close(fd);
+            fd = next;
+        }
+        return fd;
+    };
+    int fd = openLevels(source(), 0);
+    for (int i = 0; i < kDepth; ++i) {
+        ASSERT_EQ(::mkdirat(fd, "d", 0755), 0);
+        const int next = ::openat(fd, "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ::close(fd);
+        fd = next;
+    }
+    WriteFileBytes(Bytes(source()) + "/keep.txt", "k");
+    ::close(fd);
+    backupAndExpectMirror();
+
+    const QString mirror = device(QStringLiteral("Docs"));
+    WriteFileBytes(Bytes(mirror) + '/' + kRunMarkName, QByteArray());
+    const timespec runTimes[2] = {{1600000000, 0}, {1600000000, 0}};
+    for (int level = 0; level <= kDepth; ++level) {
+        fd = openLevels(mirror, level);
+        ASSERT_EQ(::futimens(fd, runTimes), 0) << level;
+        ::close(fd);
+    }
+    ClearTransactions();
+    BUAnalysisReport report = analyze();
+    EXPECT_FALSE(report.extra.has_value());
+    EXPECT_EQ(transactionLines(), QStringList()) << "a mirror holding only a stale mark is up to date";
+
+    WriteTree(source(), {{"new.txt", "n"}});
+    report = analyze();
+    EXPECT_EQ(transactionLines(), QStringList {QStringLiteral("Copy file Docs/new.txt")}); // no row for the mark
+    rlimit saved;
+    ::getrlimit(RLIMIT_NOFILE, &saved);
+    rlimit low = saved;
+    low.rlim_cur = 128; // far fewer than the levels
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+    RecordingReceiver receiver;
+    backup(receiver);
+    ::setrlimit(RLIMIT_NOFILE, &saved);
+    ASSERT_TRUE(receiver.complete.has_value());
+    EXPECT_FALSE(receiver.complete->error.has_value()) << receiver.complete->error->toStdString();
+    EXPECT_EQ(g_failedTransactions, 0) << failures(receiver).toStdString();
+
+    QList<int> wrong;
+    for (int level = 0; level <= kDepth; ++level) {
+        struct stat device = {}, original = {};
+        const int m = openLevels(mirror, level), s = openLevels(source(), level);
+        ::fstat(m, &device);
+        ::fstat(s, &original);
+        ::close(m);
+        ::close(s);
+        if (device.st_mtim.tv_sec != original.st_mtim.tv_sec)
+            wrong.append(level);
+    }
+    EXPECT_TRUE(wrong.isEmpty()) << wrong.size() << " levels keep the killed run's time, the first at "
+                                 << wrong.value(0);
+    EXPECT_FALSE(QFileInfo::exists(mirror + u'/' + QLatin1String(kRunMarkName)));
+    EXPECT_EQ(MirrorDifferences(source(), mirror), QStringList());
 }

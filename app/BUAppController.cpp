@@ -153,7 +153,7 @@ bool _TextIsWhole(const QByteArray &text, const QString &path)
     }
     for (const char c : text) {
         const auto byte = static_cast<unsigned char>(c);
-        if ((byte < 0x20 && c != '\n' && c != '\r' && c != '\t') || byte == 0x7F) {
+        if (byte < 0x20 && c != '\n' && c != '\r' && c != '\t') { // the settings writer escapes these
             LogString("The settings file %@ is not text.", path);
             return false;
         }

@@ -69,7 +69,8 @@ TEST_F(AppState, RoundTripThroughTheSettingsFile)
     controller.backupFolders() = {odd, QStringLiteral("/srv/Photos")}; // stored order is kept
     controller.ignoreFiles() = {BUIgnoreRule(QStringLiteral("10tmp")), BUIgnoreRule(QStringLiteral("01a, b"))};
     controller.ignoreFolders() = {BUIgnoreRule(QStringLiteral("00@home"))};
-    controller.recentDrives() = {QStringLiteral("Backup Disk"), QStringLiteral("USB, 2")};
+    const QString oddDevice = QStringLiteral("USB, 2 \"\x01\x7f\"");
+    controller.recentDrives() = {QStringLiteral("Backup Disk"), oddDevice};
     const int today = DayIndexForToday();
     controller.backupDates() = {{QStringLiteral("Backup Disk"), today}};
     controller.backupTimes() = {{QStringLiteral("Backup Disk"), 50400}, {QStringLiteral("Never Dated"), 60}};
@@ -84,7 +85,8 @@ TEST_F(AppState, RoundTripThroughTheSettingsFile)
     EXPECT_EQ(FileNameToBytes(controller.backupFolders().front()), QByteArray("/data/caf\xe9, \"quoted\""));
     EXPECT_EQ(Archives(controller.ignoreFiles()), (QStringList {QStringLiteral("10tmp"), QStringLiteral("01a, b")}));
     EXPECT_EQ(Archives(controller.ignoreFolders()), QStringList {QStringLiteral("00@home")});
-    EXPECT_EQ(controller.recentDrives(), (QStringList {QStringLiteral("Backup Disk"), QStringLiteral("USB, 2")}));
+    EXPECT_EQ(controller.recentDrives(), (QStringList {QStringLiteral("Backup Disk"), oddDevice}));
+    EXPECT_FALSE(QFile::exists(home.settingsFile() + QStringLiteral(".damaged"))) << logged.join(u'\n').toStdString();
     EXPECT_EQ(controller.backupDates().value(QStringLiteral("Backup Disk")), today);
     EXPECT_EQ(controller.backupTimes().value(QStringLiteral("Backup Disk")), 50400);
     EXPECT_EQ(controller.backupTimes().value(QStringLiteral("Never Dated")), 60); // no date: never purged

@@ -430,35 +430,16 @@ TEST_F(DeviceTest, AnAttributeTheDeviceCannotHoldFailsItsItemAlone)
 TEST_F(DeviceTest, AKilledRunsMarkIsNoItemAndItsFoldersComeBack)
 {
     mountDevice(128 << 20);
-    constexpr int kDepth = 400;
-    auto openLevels = [](const QString &top, int levels) {
-        int fd = ::open(Bytes(top).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        for (int i = 0; i < levels && fd >= 0; ++i) {
-            const int next = ::openat(fd, "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-            ::close(fd);
-            fd = next;
-        }
-        return fd;
-    };
-    int fd = openLevels(source(), 0);
-    for (int i = 0; i < kDepth; ++i) {
-        ASSERT_EQ(::mkdirat(fd, "d", 0755), 0);
-        const int next = ::openat(fd, "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        ::close(fd);
-        fd = next;
-    }
-    WriteFileBytes(Bytes(source()) + "/keep.txt", "k");
-    ::close(fd);
+    constexpr int kDepth = 400; // "d/d/...": far more levels than descriptors below
+    auto below = [](const QString &top, int levels) { return top + QStringLiteral("/d").repeated(levels); };
+    ASSERT_TRUE(QDir().mkpath(below(source(), kDepth)));
+    WriteTree(source(), {{"keep.txt", "k"}});
     backupAndExpectMirror();
 
     const QString mirror = device(QStringLiteral("Docs"));
     WriteFileBytes(Bytes(mirror) + '/' + kRunMarkName, QByteArray());
-    const timespec runTimes[2] = {{1600000000, 0}, {1600000000, 0}};
-    for (int level = 0; level <= kDepth; ++level) {
-        fd = openLevels(mirror, level);
-        ASSERT_EQ(::futimens(fd, runTimes), 0) << level;
-        ::close(fd);
-    }
+    for (int level = 0; level <= kDepth; ++level)
+        SetModificationTime(below(mirror, level), 1600000000);
     ClearTransactions();
     BUAnalysisReport report = analyze();
     EXPECT_FALSE(report.extra.has_value());
@@ -470,7 +451,7 @@ TEST_F(DeviceTest, AKilledRunsMarkIsNoItemAndItsFoldersComeBack)
     rlimit saved;
     ::getrlimit(RLIMIT_NOFILE, &saved);
     rlimit low = saved;
-    low.rlim_cur = 128; // far fewer than the levels
+    low.rlim_cur = 128;
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
     RecordingReceiver receiver;
     backup(receiver);
@@ -478,16 +459,9 @@ TEST_F(DeviceTest, AKilledRunsMarkIsNoItemAndItsFoldersComeBack)
     ASSERT_TRUE(receiver.complete.has_value());
     EXPECT_FALSE(receiver.complete->error.has_value()) << receiver.complete->error->toStdString();
     EXPECT_EQ(g_failedTransactions, 0) << failures(receiver).toStdString();
-
     QList<int> wrong;
     for (int level = 0; level <= kDepth; ++level) {
-        struct stat device = {}, original = {};
-        const int m = openLevels(mirror, level), s = openLevels(source(), level);
-        ::fstat(m, &device);
-        ::fstat(s, &original);
-        ::close(m);
-        ::close(s);
-        if (device.st_mtim.tv_sec != original.st_mtim.tv_sec)
+        if (ModificationTime(below(mirror, level)) != ModificationTime(below(source(), level)))
             wrong.append(level);
     }
     EXPECT_TRUE(wrong.isEmpty()) << wrong.size() << " levels keep the killed run's time, the first at "

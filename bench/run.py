@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
-"""Benchmarks tanner-backup against rsync and cp on the same source and the same freshly prepared
-device, in a private mount namespace, and writes the medians and ratios to docs/PERFORMANCE.md.
+"""Benchmarks tanner-backup against rsync, cp and the tools a user would pick instead (rclone,
+FreeFileSync) on the same source and the same freshly prepared device, in a private mount
+namespace, and writes the medians and ratios to docs/PERFORMANCE.md.
 
 Run as root:  bench/run.py [--runs 5] [--workloads W1,W2,W3,W4,W5] [--devices ext4,tmpfs]
               [--scale 1.0] [--cache cold,warm] [--binary build/tanner-backup]
@@ -20,9 +21,17 @@ runs and never dropped, and the freshly prepared device is read before each run 
 anew from its image starts cold): the daily case, with the trees already in the page cache. Both
 states in one call (--cache cold,warm) give a table each.
 
-The peers: rsync, cp -a (full backups), and rclone sync when the rclone command is installed (the
-benchmark asks apt-get for it once, except with --tiny, and otherwise leaves its rows out with the
-reason printed).
+The peers: rsync, cp -a (full backups), rclone sync when the rclone command is installed, and
+FreeFileSync's batch mirror (W1, W3, W4; with a sync of the device after it in W1, like cp -a) when
+FreeFileSync and Xvfb are installed and a small job of its own comes out right. The benchmark asks
+apt-get for what is missing once, except with --tiny, and otherwise leaves those rows out with the
+reason printed. FreeFileSync runs a batch job (.ffs_batch) made for each workload and device:
+variant Mirror, compared by time and size, deletions permanent, errors and warnings ending the run
+instead of a dialog; on one Xvfb kept for the whole benchmark, with settings and logs in a folder of
+the benchmark's, its directory lock (a file it writes into the source) turned off. After each of its
+runs the device must mirror the source (items, kinds, sizes, times, the bytes of a sample of files,
+none of its own files on either side), and its exit code must be 0; otherwise its rows for that
+workload are left out with the reason printed (details: docs/PERFORMANCE.md, bench/freefilesync.py).
 --baseline adds a second tanner-backup, another build, to the same alternating runs.
 
 Memory: the largest process's peak RSS (from the kernel), and the peak of the PSS of all the tool's
@@ -32,15 +41,22 @@ of their RSS would count three times.
 import argparse
 import os
 import random
+import shlex
 import shutil
+import signal
 import statistics
 import subprocess
 import sys
 import threading
 import time
 
+sys.dont_write_bytecode = True  # run as root: no __pycache__ of root's in bench/
+from freefilesync import FreeFileSync  # noqa: E402
+
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 SEED = 20261122
+# A FreeFileSync run that has not ended by then waits on something: it is stopped and left out.
+FREEFILESYNC_LIMIT_S = 900
 MKFS = ["mkfs.ext4", "-q", "-F", "-i", "8192", "-E", "lazy_itable_init=0,lazy_journal_init=0"]
 
 # The targets by page cache state: (workload, peer, largest tanner/peer ratio of the medians, what
@@ -62,7 +78,7 @@ TARGETS = {
         ("W3", "rsync -n", 0.7, "wall"),
         ("W3", "stat floor", 1.3, "wall"),
         ("W4", "rsync", 0.7, "wall"),
-        ("W1", "rsync", 0.9, "wall"),
+        ("W1", "rsync + sync", 0.9, "wall"),
         ("W1", "cp -a + sync", 1.0, "wall"),
         ("W1", "rsync", 0.5, "rss"),
         ("W3", "rsync", 0.5, "rss"),
@@ -217,11 +233,18 @@ def _tree_pss_kib(pid):
     return total
 
 
-def timed(cmd, env=None, ok=(0,)):
+class ToolFailed(RuntimeError):
+    def __init__(self, message, code):
+        super().__init__(message)
+        self.code = code
+
+
+def timed(cmd, env=None, ok=(0,), limit=None):
     """Runs a command under /usr/bin/time. Returns (wall seconds, peak RSS KiB of its largest
-    process, peak PSS KiB of all its processes together, sampled every 20 ms)."""
+    process, peak PSS KiB of all its processes together, sampled every 20 ms). With a limit in
+    seconds, a command still running then is killed with all its processes."""
     process = subprocess.Popen(["/usr/bin/time", "-f", "TIME %e %M"] + cmd, env=env, stdout=subprocess.DEVNULL,
-                               stderr=subprocess.PIPE, text=True)
+                               stderr=subprocess.PIPE, text=True, start_new_session=limit is not None)
     peak = [0]
 
     def sample():
@@ -231,11 +254,19 @@ def timed(cmd, env=None, ok=(0,)):
 
     sampler = threading.Thread(target=sample)
     sampler.start()
-    _, err = process.communicate()
+    try:
+        _, err = process.communicate(timeout=limit)
+    except subprocess.TimeoutExpired:
+        os.killpg(process.pid, signal.SIGKILL)
+        process.communicate()
+        sampler.join()
+        raise ToolFailed(f"{cmd[0]} did not end within {limit} s and was stopped", None)
     sampler.join()
     line = [l for l in err.splitlines() if l.startswith("TIME ")]
     if process.returncode not in ok or not line:
-        raise RuntimeError(f"{cmd[0]} failed ({process.returncode}): {err[-2000:]}")
+        # /usr/bin/time reports a command's own exit code as "Command exited with non-zero status N".
+        codes = [int(l.split()[-1]) for l in err.splitlines() if l.startswith("Command exited with non-zero status")]
+        raise ToolFailed(f"{cmd[0]} failed ({process.returncode}): {err[-2000:]}", codes[-1] if codes else None)
     _, wall, rss = line[-1].split()
     return float(wall), int(rss), peak[0]
 
@@ -335,7 +366,7 @@ def rclone_available(install):
     return False
 
 
-def run_workload(name, args, work, scale, device_kind):
+def run_workload(name, args, work, scale, device_kind, freefilesync):
     rng = random.Random(SEED)
     size_mib = scale.size_mib(name)
     source = Ext4(os.path.join(work, "source.img"), os.path.join(work, "source"), size_mib)
@@ -369,6 +400,16 @@ def run_workload(name, args, work, scale, device_kind):
         # Local to local, no configuration file: the same mirror as the others, empty folders too.
         tools["rclone"] = ["rclone", "sync", "--create-empty-src-dirs", "--config", "/dev/null", "-q",
                            folder + "/", target + "/"]
+    # FreeFileSync's rows: each is checked after every run, and left out of this workload when one fails.
+    mirrors = []
+    if name in ("W1", "W3", "W4") and freefilesync.available():
+        command = freefilesync.command(freefilesync.job(f"{name}-{device_kind}", folder, target))
+        tools["FreeFileSync"] = command
+        mirrors.append("FreeFileSync")
+        if not incremental:
+            # Like cp -a, it leaves the copies in the page cache (it calls no fsync).
+            tools["FreeFileSync + sync"] = ["sh", "-c", f"{shlex.join(command)} && sync -f {shlex.quote(device.mount)}"]
+            mirrors.append("FreeFileSync + sync")
     if incremental:
         tools["rsync -n"] = ["rsync", "-a", "--delete", "-n", folder + "/", target + "/"]
         tools["stat floor"] = ["sh", "-c", f"find '{folder}' '{target}' -printf '%s %T@ %m\\n' > /dev/null"]
@@ -376,10 +417,12 @@ def run_workload(name, args, work, scale, device_kind):
         tools["cp -a"] = ["cp", "-a", folder, device.mount + "/"]
         # tanner-backup ends a backup with the data on the device; cp -a leaves it in the page cache.
         tools["cp -a + sync"] = ["sh", "-c", f"cp -a '{folder}' '{device.mount}/' && sync -f '{device.mount}'"]
+        tools["rsync + sync"] = ["sh", "-c", f"rsync -a --delete '{folder}/' '{target}/' && sync -f '{device.mount}'"]
         tools["read floor"] = ["sh", "-c", f"find '{folder}' -type f -print0 | xargs -0 -r cat > /dev/null"]
 
     all_results = {}
     order = list(tools)
+    left_out = set()
     for cache in args.cache.split(","):
         results = {tool: [] for tool in tools}
         if cache == "warm":
@@ -387,13 +430,30 @@ def run_workload(name, args, work, scale, device_kind):
             warm(folder)
         for run in range(args.runs):
             for tool in order[run % len(order) :] + order[: run % len(order)]:
+                if tool in left_out:
+                    continue
                 device.fresh()
+                if tool in mirrors:
+                    freefilesync.prepare(target)
                 if cache == "cold":
                     drop_caches()
                 elif device_kind != "tmpfs":
                     warm(device.mount)
-                results[tool].append(timed(tools[tool], env=env if tool.startswith("tanner") else None))
+                if tool not in mirrors:
+                    results[tool].append(timed(tools[tool], env=env if tool.startswith("tanner") else None))
+                    continue
+                try:
+                    results[tool].append(timed(tools[tool], env=freefilesync.env, limit=FREEFILESYNC_LIMIT_S))
+                    freefilesync.verify(folder, target)
+                except RuntimeError as e:  # a failed run (ToolFailed) or a failed check
+                    code = getattr(e, "code", None)
+                    reason = str(e) if code is None else freefilesync.explain(code)
+                    print(f"{tool} left out of {name} on {device_kind}: {reason}", flush=True)
+                    left_out.add(tool)
         all_results[cache] = results
+    for results in all_results.values():
+        for tool in left_out:
+            del results[tool]
     device.close()
     source.close()
     return all_results
@@ -411,6 +471,8 @@ def machine():
     for tool in ("rsync", "cp", "rclone"):
         if shutil.which(tool):
             versions.append(subprocess.run([tool, "--version"], capture_output=True, text=True).stdout.split("\n")[0])
+    if shutil.which("FreeFileSync"):
+        versions.append(FreeFileSync.version())
     load = " ".join(open("/proc/loadavg").read().split()[:3])
     return (f"{os.cpu_count()} cores ({model}), {mem:.0f} GiB, Linux {os.uname().release}; "
             f"load average at the end {load}; {'; '.join(versions)}")
@@ -474,12 +536,16 @@ def main():
     os.makedirs(args.workdir, exist_ok=True)
     scale = Scale(args.scale)
     all_results = {}
-    for dev in args.devices.split(","):
-        for name in args.workloads.split(","):
-            print(f"== {name} on {dev} ({time.strftime('%H:%M:%S')})", flush=True)
-            all_results[(name, dev)] = run_workload(name, args, args.workdir, scale, dev)
-            for cache in args.cache.split(","):
-                print(report({(name, dev): all_results[(name, dev)]}, args, cache).split("\n\n")[2], flush=True)
+    freefilesync = FreeFileSync(args.workdir, install=not args.tiny)
+    try:
+        for dev in args.devices.split(","):
+            for name in args.workloads.split(","):
+                print(f"== {name} on {dev} ({time.strftime('%H:%M:%S')})", flush=True)
+                all_results[(name, dev)] = run_workload(name, args, args.workdir, scale, dev, freefilesync)
+                for cache in args.cache.split(","):
+                    print(report({(name, dev): all_results[(name, dev)]}, args, cache).split("\n\n")[2], flush=True)
+    finally:
+        freefilesync.close()
     for cache in args.cache.split(","):
         text = report(all_results, args, cache)
         print(text)

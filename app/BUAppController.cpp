@@ -16,9 +16,9 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QTemporaryDir>
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -118,13 +118,100 @@ QStringList _RawListElements(const QString &settingsPath, const QString &key)
     return {};
 }
 
+// The elements a list setting holds, empty ones (a trailing comma) not counted.
+int _StoredElements(QSettings &settings, const QString &key)
+{
+    int count = 0;
+    for (const QVariant &element : ReadList(settings, key)) {
+        if (!(element.typeId() == QMetaType::QString && element.toString().isEmpty()))
+            ++count;
+    }
+    return count;
+}
+
+// The entries a dictionary setting holds; a plain value where the group belongs counts as one.
+int _StoredEntries(QSettings &settings, const QString &key)
+{
+    if (settings.contains(key))
+        return 1;
+    if (!settings.childGroups().contains(key))
+        return 0;
+    settings.beginGroup(key);
+    const int count = int(settings.childKeys().size());
+    settings.endGroup();
+    return count;
+}
+
+// Whether the text of a settings file can be a whole file of settings; where it cannot, logs why.
+// What a person may change by hand without losing anything does not count: the order of the keys,
+// spaces, blank lines, comments, quotes around a value.
+bool _TextIsWhole(const QByteArray &text, const QString &path)
+{
+    if (text.isEmpty()) {
+        LogString("The settings file %@ is empty.", path);
+        return false;
+    }
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 && c != '\n' && c != '\r' && c != '\t') { // the settings writer escapes these
+            LogString("The settings file %@ is not text.", path);
+            return false;
+        }
+    }
+    // Every line this program writes ends with a line end: a file without one was cut short.
+    if (!text.endsWith('\n')) {
+        LogString("The last line of the settings file %@ is cut short.", path);
+        return false;
+    }
+    QByteArray line;
+    int number = 0;
+    for (const QByteArray &piece : text.split('\n')) {
+        ++number;
+        line += piece.endsWith('\r') ? piece.chopped(1) : piece;
+        qsizetype backslashes = 0;
+        while (backslashes < line.size() && line[line.size() - 1 - backslashes] == '\\')
+            ++backslashes;
+        if (backslashes % 2 == 1) { // continued on the next line
+            line.chop(1);
+            continue;
+        }
+        const QByteArray trimmed = std::exchange(line, QByteArray()).trimmed();
+        if (trimmed.isEmpty() || trimmed.startsWith(';') || trimmed.startsWith('#'))
+            continue;
+        if (trimmed.startsWith('[')) {
+            if (trimmed.endsWith(']'))
+                continue;
+            LogString("Line %d of the settings file %@ opens a section without closing its name.", number, path);
+            return false;
+        }
+        const qsizetype equals = trimmed.indexOf('=');
+        if (equals <= 0) {
+            LogString("Line %d of the settings file %@ is not a setting.", number, path);
+            return false;
+        }
+        bool quoted = false;
+        for (qsizetype i = equals + 1; i < trimmed.size(); ++i) {
+            if (trimmed[i] == '\\')
+                ++i;
+            else if (trimmed[i] == '"')
+                quoted = !quoted;
+        }
+        if (quoted) {
+            LogString("Line %d of the settings file %@ opens a quote without closing it.", number, path);
+            return false;
+        }
+    }
+    return true;
+}
+
 } // namespace
 
-void BUAppController::loadFolders(const QVariantList &stored)
+int BUAppController::loadFolders(const QVariantList &stored)
 {
     // On Linux a folder is stored as its path; there is no bookmark to resolve. A path that no
     // longer exists stays in the list: the analysis reports it, and the user decides.
     QStringList raw; // read only when a path lost bytes
+    int unrecovered = 0;
     for (qsizetype i = 0; i < stored.size(); ++i) {
         const QVariant &element = stored[i];
         QString path;
@@ -137,6 +224,8 @@ void BUAppController::loadFolders(const QVariantList &stored)
                     raw = _RawListElements(m_settingsPath, kFoldersKey);
                 if (raw.size() == stored.size())
                     path = raw[i];
+                else
+                    ++unrecovered;
             }
         } else {
             LogString(
@@ -149,6 +238,7 @@ void BUAppController::loadFolders(const QVariantList &stored)
         }
         m_backupFolders.append(QDir::cleanPath(path));
     }
+    return unrecovered;
 }
 
 void BUAppController::saveFolders(QSettings &settings) const
@@ -200,7 +290,7 @@ void BUAppController::applicationDidFinishLaunching()
     // 2-4. Recent devices, folders, rules, each in their stored order.
     m_recentDrives = ReadStringList(*settings, kRecentKey);
     m_recentDrives.removeAll(QString());
-    loadFolders(ReadList(*settings, kFoldersKey));
+    int lost = loadFolders(ReadList(*settings, kFoldersKey));
     installRules(ReadStringList(*settings, kIgnoreFilesKey), m_ignoreFiles, kIgnoreFilesKey);
     installRules(ReadStringList(*settings, kIgnoreFoldersKey), m_ignoreFolders, kIgnoreFoldersKey);
 
@@ -216,8 +306,17 @@ void BUAppController::applicationDidFinishLaunching()
     }
     bool datesPresent = false;
     m_backupDates = ReadIntegerDictionary(*settings, kDatesKey, &datesPresent);
-    if (existed && !m_keepStoredFile)
-        keepDamagedOriginal(*settings, original);
+    if (existed && !m_keepStoredFile) {
+        // Whatever a reader above could not use was logged and left out: it is lost unless the
+        // original is kept.
+        lost += _StoredElements(*settings, kRecentKey) - int(m_recentDrives.size());
+        lost += _StoredElements(*settings, kFoldersKey) - int(m_backupFolders.size());
+        lost += _StoredElements(*settings, kIgnoreFilesKey) - int(m_ignoreFiles.size());
+        lost += _StoredElements(*settings, kIgnoreFoldersKey) - int(m_ignoreFolders.size());
+        lost += _StoredEntries(*settings, kTimesKey) - int(m_backupTimes.size());
+        lost += _StoredEntries(*settings, kDatesKey) - int(m_backupDates.size());
+        keepDamagedOriginal(original, lost);
+    }
     if (datesPresent) {
         PurgeBackupDates(m_backupDates, m_backupTimes, DayIndexForToday());
     }
@@ -270,26 +369,11 @@ void BUAppController::writeState(QSettings &settings)
     WriteIntegerDictionary(settings, kTimesKey, m_backupTimes);
 }
 
-void BUAppController::keepDamagedOriginal(QSettings &settings, const QByteArray &original)
+void BUAppController::keepDamagedOriginal(const QByteArray &original, int lost)
 {
-    // What the state just read would be written as: every key the file gave, then the state. A
-    // file this program wrote comes out byte for byte the same; one that lost anything does not.
-    bool same = false;
-    if (!original.isEmpty() && settings.status() == QSettings::NoError) {
-        QTemporaryDir folder;
-        const QString path = folder.path() + QStringLiteral("/check.conf");
-        {
-            QSettings rewritten(path, QSettings::IniFormat);
-            const QStringList keys = settings.allKeys();
-            for (const QString &key : keys)
-                rewritten.setValue(key, settings.value(key));
-            writeState(rewritten);
-            rewritten.sync();
-        }
-        QFile file(path);
-        same = folder.isValid() && file.open(QIODevice::ReadOnly) && file.readAll() == original;
-    }
-    if (same)
+    // The readers logged each value they left out. The reader's own format error is not asked:
+    // it takes a comment that begins with "#" for one.
+    if (lost <= 0 && _TextIsWhole(original, m_settingsPath))
         return;
     const QString copy = m_settingsPath + QStringLiteral(".damaged");
     QFile::remove(copy);

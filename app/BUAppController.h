@@ -51,9 +51,11 @@ public:
     void saveRules(QSettings &settings, const BURuleList &rules, const QString &key);
     // Writes the state into settings (the other keys it holds stay as they are).
     void writeState(QSettings &settings);
-    // Keeps the original settings file aside as ".damaged" when what was read from it would not
-    // be written back as it is (garbage, a truncated or empty file, values that were dropped).
-    void keepDamagedOriginal(QSettings &settings, const QByteArray &original);
+    // Keeps the original settings file aside as ".damaged" when something read from it would be
+    // lost by writing the state back: a file that is empty, not text, cut short or not in the form
+    // of settings, or `lost` values that the readers could not use. Changes a person makes by hand
+    // without losing anything (order, spaces, comments, quotes) keep nothing aside.
+    void keepDamagedOriginal(const QByteArray &original, int lost);
 
     // Adds source folders as the folder chooser does: the same path twice is skipped silently,
     // a second folder of the same name (ignoring case) is refused with an alert text; then the
@@ -90,7 +92,8 @@ public:
 
 private:
     BUAppController() = default;
-    void loadFolders(const QVariantList &stored);
+    // Returns how many paths lost bytes that could not be found again in the file.
+    int loadFolders(const QVariantList &stored);
     void saveFolders(QSettings &settings) const;
 
     QStringList m_recentDrives, m_mountedRecentDrives, m_otherDrives;

@@ -1,10 +1,12 @@
 #include "backup/BUAnalysisTrees.h"
 
 #include "backup/BUFileCopier.h"
+#include "backup/BUTouchedFolders.h"
 #include "keelson/FormatString.h"
 #include "keelson/KSKernel.h"
 
 #include <cerrno>
+#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -229,6 +231,13 @@ void _GetFileStats(const BUItemProperties &properties, FileStats *stats)
     StatsFromProperties(properties, stats);
 }
 
+// Whether the device folder at path is a mirror: a folder at the top of the device at root.
+bool _IsMirrorFolder(const QString &path, const QString &root)
+{
+    return path.size() > root.size() + 1 && path.startsWith(root) && path[root.size()] == u'/'
+        && path.indexOf(u'/', root.size() + 1) < 0;
+}
+
 // 0 skip, 1 use (stats filled), 2 failure (reason set).
 // known: the item's properties when they were read already, else null.
 int _ShouldCopyFile(AnalysisContext &context, int folderFd, const QString &folder, const char *name,
@@ -257,7 +266,8 @@ int _ShouldCopyFile(AnalysisContext &context, int folderFd, const QString &folde
 
 // Reads one folder: its subfolders for the tree, its files for the comparison, each entry examined
 // once. The device side keeps temporary files that an interrupted backup left behind: no source
-// file is ever named like them, so they are deleted.
+// file is ever named like them, so they are deleted. The mark of a run in a mirror folder is not
+// one of them: the backup itself finds it.
 void _ReadFolder(AnalysisContext &context, const QString &path, bool deviceSide, bool isBackupFolder, ListedFolder &out,
     std::vector<FoundFolder> &subfolders, uint32_t *otherItems)
 {
@@ -292,6 +302,8 @@ void _ReadFolder(AnalysisContext &context, const QString &path, bool deviceSide,
     // The device's top level: only the mirrors take part, whatever their names (".config" too);
     // the rest is the user's own or the file system's, and is never touched.
     const bool topLevel = deviceSide && context.mirrorNames && path == context.device->path();
+    // A mirror folder holds the mark of a backup in progress: the program's own, never an item.
+    const bool mirrorFolder = deviceSide && !topLevel && _IsMirrorFolder(path, context.device->path());
     BUItemProperties properties;
     // A device mounted inside a backup folder is never walked into, the backup folder itself
     // included.
@@ -304,6 +316,8 @@ void _ReadFolder(AnalysisContext &context, const QString &path, bool deviceSide,
     while (reader.next(&name, &type, &known)) {
         if (_CancelAnalysis(context))
             return treeFailure();
+        if (mirrorFolder && std::strcmp(name, kRunMarkName) == 0)
+            continue;
         const bool maybeFolder = type == DT_DIR || type == DT_UNKNOWN;
         if (walk && !maybeFolder && deviceSide)
             ++*otherItems;

@@ -30,6 +30,13 @@ using namespace BUAnalysis;
 
 QHash<QString, QString> g_caseConflicts;
 
+QString CaseConflictOf(const BUTransaction &transaction)
+{
+    if (transaction.action() != BUTransaction::kCopy || g_caseConflicts.isEmpty())
+        return QString();
+    return g_caseConflicts.value(transaction.path());
+}
+
 namespace {
 
 // The device file of that name (without regard to case where the folder ignores it), or null.

@@ -22,6 +22,10 @@
 // other item. Filled by the analysis with g_transactions, read by the backup that carries them out.
 extern QHash<QString, QString> g_caseConflicts;
 
+class BUTransaction;
+// Why the backup will not make this copy, from g_caseConflicts; null for any other transaction.
+QString CaseConflictOf(const BUTransaction &transaction);
+
 class BUAnalyzeOperation : public KSAsyncOperation {
 public:
     // The folder list and the rules are copied: the analysis reads them on its own thread.

@@ -390,13 +390,6 @@ QString _DeleteItem(BackupRun &run, const BUTransaction &transaction)
     const QString relative = run.device.relativePath(transaction.path());
     if (relative.isNull())
         return kInternalError;
-    // The mark a killed run left: this run's own mark has taken its place, and the mirror's
-    // folders get their attributes back at the end.
-    const qsizetype slash = relative.indexOf(u'/');
-    if (slash > 0 && relative.mid(slash + 1) == QLatin1String(kRunMarkName)) {
-        run.interrupted.append(relative.left(slash));
-        return QString();
-    }
     QByteArray name;
     BUError error;
     run.deviceFolders.forgetFolder(); // it may be the one to go
@@ -460,12 +453,19 @@ QString _BackupFolderOf(const BackupRun &run, const QString &mirror)
     return QString();
 }
 
-// Puts the mark of a run in progress into the mirror folder of that name in the device root.
+// Puts the mark of a run in progress into the mirror folder of that name in the device root. A
+// mark that is there already was left by a run killed on the way: it stays as this run's, and the
+// mirror's folders get their attributes back at the end.
 void _MarkMirror(BackupRun &run, int rootFd, const QString &mirror)
 {
     const Descriptor fd {OpenItemAt(rootFd, FileNameToBytes(mirror).constData(), O_RDONLY | O_DIRECTORY)};
-    const Descriptor mark {
-        fd.fd < 0 ? -1 : ::openat(fd.fd, kRunMarkName, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600)};
+    constexpr int kFlags = O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    Descriptor mark {fd.fd < 0 ? -1 : ::openat(fd.fd, kRunMarkName, kFlags | O_CREAT | O_EXCL, 0600)};
+    if (fd.fd >= 0 && mark.fd < 0 && errno == EEXIST) {
+        mark.fd = ::openat(fd.fd, kRunMarkName, kFlags);
+        if (mark.fd >= 0 && !run.interrupted.contains(mirror))
+            run.interrupted.append(mirror);
+    }
     if (mark.fd >= 0 && !run.marked.contains(mirror))
         run.marked.append(mirror);
 }

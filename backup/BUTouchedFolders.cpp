@@ -68,43 +68,81 @@ void TouchedFolders::rehash(std::size_t count)
 void RestoreMirrorTree(int mirrorFd,
     const std::function<bool(const QByteArray &, BUItemAttributes *)> &sourceAttributes, const BUVolumeKind &kind)
 {
-    const int listed = ::openat(mirrorFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    DIR *folder = listed >= 0 ? ::fdopendir(listed) : nullptr;
-    if (!folder) {
-        if (listed >= 0)
-            ::close(listed);
-        return;
-    }
-    std::vector<QByteArray> subfolders;
-    while (const dirent *entry = ::readdir(folder)) {
-        if (entry->d_name[0] != '.' && (entry->d_type == DT_DIR || entry->d_type == DT_UNKNOWN))
-            subfolders.emplace_back(entry->d_name);
-    }
-    ::closedir(folder);
-    std::function<void(int, const QByteArray &)> restore = [&](int parentFd, const QByteArray &relative) {
-        const QByteArray name = relative.mid(relative.lastIndexOf('/') + 1);
-        const int fd = OpenItemAt(parentFd, name.constData(), O_RDONLY | O_DIRECTORY);
-        if (fd < 0)
-            return; // a link, a file, another file system
-        const int inner = ::openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (DIR *list = inner >= 0 ? ::fdopendir(inner) : nullptr) {
-            std::vector<QByteArray> names;
-            while (const dirent *entry = ::readdir(list)) {
-                if (entry->d_name[0] != '.' && (entry->d_type == DT_DIR || entry->d_type == DT_UNKNOWN))
-                    names.emplace_back(entry->d_name);
-            }
-            ::closedir(list);
-            for (const QByteArray &child : names)
-                restore(fd, relative + '/' + child);
-        } else if (inner >= 0) {
-            ::close(inner);
+    // Walked down and back up holding only the folder at hand, whatever the depth: going up goes
+    // through "..", and each parent must be the folder that was come from.
+    struct Level {
+        QByteArray relative; // below the mirror; empty for the mirror itself
+        dev_t device;
+        ino_t inode;
+        std::vector<QByteArray> subfolders; // still to restore, the next one last
+    };
+    auto enter = [](int fd, QByteArray relative, std::vector<Level> *levels) {
+        struct stat status;
+        const int listed = ::openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        DIR *folder = listed >= 0 ? ::fdopendir(listed) : nullptr;
+        if (!folder || ::fstat(fd, &status) != 0) {
+            if (folder)
+                ::closedir(folder);
+            else if (listed >= 0)
+                ::close(listed);
+            return false;
         }
+        Level level {std::move(relative), status.st_dev, status.st_ino, {}};
+        while (const dirent *entry = ::readdir(folder)) {
+            if (entry->d_name[0] != '.' && (entry->d_type == DT_DIR || entry->d_type == DT_UNKNOWN))
+                level.subfolders.emplace_back(entry->d_name);
+        }
+        ::closedir(folder);
+        std::reverse(level.subfolders.begin(), level.subfolders.end());
+        levels->push_back(std::move(level));
+        return true;
+    };
+    std::vector<Level> levels;
+    if (!enter(mirrorFd, QByteArray(), &levels))
+        return;
+    int current = mirrorFd; // the folder of the last level; the mirror's is the caller's
+    while (!levels.empty()) {
+        Level &level = levels.back();
+        if (!level.subfolders.empty()) {
+            const QByteArray name = std::move(level.subfolders.back());
+            level.subfolders.pop_back();
+            const int fd = OpenItemAt(current, name.constData(), O_RDONLY | O_DIRECTORY);
+            if (fd < 0)
+                continue; // a link, a file, another file system
+            if (!enter(fd, level.relative.isEmpty() ? name : level.relative + '/' + name, &levels)) {
+                ::close(fd);
+                continue;
+            }
+            if (current != mirrorFd)
+                ::close(current);
+            current = fd;
+            continue;
+        }
+        // Everything below it is done: the folder itself, then up to its parent.
+        const QByteArray relative = std::move(level.relative);
+        levels.pop_back();
+        if (levels.empty())
+            break; // the mirror itself is the caller's to restore
         BUItemAttributes attributes;
         BUError error;
-        if (sourceAttributes(relative, &attributes) && !WriteItemAttributes(fd, attributes, kind, 0, &error))
+        if (sourceAttributes(relative, &attributes) && !WriteItemAttributes(current, attributes, kind, 0, &error))
             LogString("Can't set the attributes of %@. %@", FileNameFromBytes(relative), error.failureReason);
-        ::close(fd);
-    };
-    for (const QByteArray &name : subfolders)
-        restore(mirrorFd, name);
+        int parent = mirrorFd;
+        if (levels.size() > 1) {
+            parent = ::openat(current, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            struct stat status;
+            if (parent < 0 || ::fstat(parent, &status) != 0 || status.st_dev != levels.back().device
+                || status.st_ino != levels.back().inode) {
+                if (parent >= 0)
+                    ::close(parent);
+                LogString(
+                    "Can't set the attributes of the folders that hold %@: it was moved.", FileNameFromBytes(relative));
+                break;
+            }
+        }
+        ::close(current);
+        current = parent;
+    }
+    if (current != mirrorFd)
+        ::close(current);
 }

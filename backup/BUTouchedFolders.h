@@ -47,13 +47,14 @@ private:
 };
 
 // The mark of a run in progress, kept in each mirror folder while a backup runs. A run killed on
-// the way leaves it behind, with folders whose times and modes are still the run's: the next
-// analysis lists it as a leftover to delete, and the run that deletes it gives every folder of
-// that mirror its source's attributes again.
+// the way leaves it behind, with folders whose times and modes are still the run's. The analysis
+// never lists it (it is the program's own, not an item); the next run finds it as it places its
+// own, gives every folder of that mirror its source's attributes again and removes it at the end.
 inline constexpr char kRunMarkName[] = ".tanner-partial-run";
 
 // Gives every folder below the open mirror folder (not the folder itself), deepest first, the
 // attributes sourceAttributes finds for its path below the mirror ("a/b"); a folder it finds
-// none for keeps its own. Never follows a link nor enters another file system.
+// none for keeps its own. Never follows a link nor enters another file system, and holds one
+// descriptor of its own at a time, whatever the depth.
 void RestoreMirrorTree(int mirrorFd,
     const std::function<bool(const QByteArray &, BUItemAttributes *)> &sourceAttributes, const BUVolumeKind &kind);

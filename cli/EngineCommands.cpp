@@ -67,15 +67,6 @@ QString _KindName(const BUTransaction &transaction)
     return transaction.isFolder() ? QStringLiteral("folder") : QStringLiteral("file");
 }
 
-// Why the backup will not make a copy the analysis lists (two source names the same but for case,
-// on a device that ignores case); null for any other transaction.
-QString _CaseConflict(const BUTransaction &transaction)
-{
-    if (transaction.action() != BUTransaction::kCopy || g_caseConflicts.isEmpty())
-        return QString();
-    return g_caseConflicts.value(transaction.path());
-}
-
 // The window's "Confirm Large Deletions" setting, which the command line follows too.
 bool ConfirmsLargeDeletions()
 {
@@ -155,7 +146,7 @@ public:
             if (!m_json) {
                 // A copy that the device's letter case rules out says so, as the backup will.
                 for (const BUTransaction &transaction : std::as_const(g_transactions)) {
-                    const QString conflict = _CaseConflict(transaction);
+                    const QString conflict = CaseConflictOf(transaction);
                     PrintLine(stdout,
                         transaction.actionName() + u'\t' + _KindName(transaction) + u'\t' + transaction.path()
                             + (conflict.isNull() ? QString() : u'\t' + conflict));
@@ -317,7 +308,7 @@ private:
             out += QStringLiteral(", \"rootPath\": ")
                 + (t.rootPath().isNull() ? QStringLiteral("null") : _Json(t.rootPath()));
             out += QStringLiteral(", \"fileSize\": ") + QString::number(t.fileSize(), 'f', 0);
-            const QString conflict = _CaseConflict(t);
+            const QString conflict = CaseConflictOf(t);
             out += QStringLiteral(", \"conflict\": ") + (conflict.isNull() ? QStringLiteral("null") : _Json(conflict));
             if (m_backupRan) {
                 out += QStringLiteral(", \"done\": ")

@@ -69,7 +69,8 @@ TEST_F(AppState, RoundTripThroughTheSettingsFile)
     controller.backupFolders() = {odd, QStringLiteral("/srv/Photos")}; // stored order is kept
     controller.ignoreFiles() = {BUIgnoreRule(QStringLiteral("10tmp")), BUIgnoreRule(QStringLiteral("01a, b"))};
     controller.ignoreFolders() = {BUIgnoreRule(QStringLiteral("00@home"))};
-    controller.recentDrives() = {QStringLiteral("Backup Disk"), QStringLiteral("USB, 2")};
+    const QString oddDevice = QStringLiteral("USB, 2 \"\x01\x7f\"");
+    controller.recentDrives() = {QStringLiteral("Backup Disk"), oddDevice};
     const int today = DayIndexForToday();
     controller.backupDates() = {{QStringLiteral("Backup Disk"), today}};
     controller.backupTimes() = {{QStringLiteral("Backup Disk"), 50400}, {QStringLiteral("Never Dated"), 60}};
@@ -84,7 +85,8 @@ TEST_F(AppState, RoundTripThroughTheSettingsFile)
     EXPECT_EQ(FileNameToBytes(controller.backupFolders().front()), QByteArray("/data/caf\xe9, \"quoted\""));
     EXPECT_EQ(Archives(controller.ignoreFiles()), (QStringList {QStringLiteral("10tmp"), QStringLiteral("01a, b")}));
     EXPECT_EQ(Archives(controller.ignoreFolders()), QStringList {QStringLiteral("00@home")});
-    EXPECT_EQ(controller.recentDrives(), (QStringList {QStringLiteral("Backup Disk"), QStringLiteral("USB, 2")}));
+    EXPECT_EQ(controller.recentDrives(), (QStringList {QStringLiteral("Backup Disk"), oddDevice}));
+    EXPECT_FALSE(QFile::exists(home.settingsFile() + QStringLiteral(".damaged"))) << logged.join(u'\n').toStdString();
     EXPECT_EQ(controller.backupDates().value(QStringLiteral("Backup Disk")), today);
     EXPECT_EQ(controller.backupTimes().value(QStringLiteral("Backup Disk")), 50400);
     EXPECT_EQ(controller.backupTimes().value(QStringLiteral("Never Dated")), 60); // no date: never purged
@@ -210,5 +212,62 @@ TEST_F(AppState, WhatWouldNotBeWrittenBackIsKeptAside)
         ASSERT_TRUE(controller.applicationWillTerminate());
         copy.seek(0);
         EXPECT_EQ(copy.readAll(), content) << "the copy aside outlives the write";
+    }
+}
+
+// Only what would be lost keeps the original aside: a file edited by hand into another order,
+// spacing, quoting or line ends, with comments, reads as it says and is not called damaged; a
+// value that can't be used, a line that is not a setting or an open quote is.
+TEST_F(AppState, OnlyALossKeepsTheOriginalAside)
+{
+    const QString damaged = home.settingsFile() + QStringLiteral(".damaged");
+    const QByteArray today = QByteArray::number(DayIndexForToday());
+    const QByteArray handEdited = "; edited by hand\n"
+                                  "# the last backups\n"
+                                  "[twbackup.times]\n"
+                                  "Backup Disk = 50400\n"
+                                  "\n"
+                                  "[twbackup.dates]\n"
+                                  "Backup Disk="
+        + today
+        + "\n"
+          "[General]\n"
+          "twbackup.recent = \"USB\" , Backup Disk\n"
+          "twbackup.ignoreFolders=00Caches,\n"
+          "twbackup.ignoreFiles = \"10tmp\", 13bak\n"
+          "twbackup.folders=/srv/Photos, \"/data/a, b\",   /home/ann\n";
+    QByteArray crlf = handEdited;
+    crlf.replace("\n", "\r\n");
+    const struct {
+        const char *what;
+        QByteArray content;
+        bool lost;
+    } cases[] = {
+        {"reordered, spaced, quoted, commented", handEdited, false},
+        {"CR LF line ends", crlf, false},
+        {"a time that is not a number", "[twbackup.times]\nUSB=soon\n", true},
+        {"a dictionary written as a value", "twbackup.dates=" + today + "\n", true},
+        {"a rule too short to be one", "twbackup.ignoreFiles=10tmp, 0\n", true},
+        {"a line that is not a setting", "twbackup.recent=USB\nBackup Disk\n", true},
+        {"a quote left open", "twbackup.recent=\"USB, Backup Disk\n", true},
+    };
+    for (const auto &[what, content, lost] : cases) {
+        SCOPED_TRACE(what);
+        QFile::remove(damaged);
+        logged.clear();
+        writeFile(content);
+        BUAppController &controller = launch();
+        const QString log = logged.join(u'\n');
+        EXPECT_EQ(QFile::exists(damaged), lost) << log.toStdString();
+        EXPECT_EQ(log.contains(QStringLiteral("is damaged")), lost) << log.toStdString();
+        if (lost)
+            continue;
+        EXPECT_EQ(controller.recentDrives(), (QStringList {QStringLiteral("USB"), QStringLiteral("Backup Disk")}));
+        EXPECT_EQ(controller.backupFolders(),
+            (QStringList {QStringLiteral("/srv/Photos"), QStringLiteral("/data/a, b"), QStringLiteral("/home/ann")}));
+        EXPECT_EQ(Archives(controller.ignoreFiles()), (QStringList {QStringLiteral("10tmp"), QStringLiteral("13bak")}));
+        EXPECT_EQ(Archives(controller.ignoreFolders()), QStringList {QStringLiteral("00Caches")});
+        EXPECT_EQ(controller.backupDates().value(QStringLiteral("Backup Disk")), DayIndexForToday());
+        EXPECT_EQ(controller.backupTimes().value(QStringLiteral("Backup Disk")), 50400);
     }
 }

@@ -3,6 +3,7 @@
 // never took, and two backups of one device. After each run the device and what lies outside it
 // are walked and compared with what must be there.
 #include "backup/BUFileCopier.h"
+#include "backup/BUTouchedFolders.h"
 #include "tests/EngineTestHelpers.h"
 
 #include <QDirIterator>
@@ -460,4 +461,51 @@ TEST_F(DeviceTest, AnAttributeTheDeviceCannotHoldFailsItsItemAlone)
     ASSERT_EQ(failures.keys(), QStringList {"Copy file Docs/big.txt"});
     EXPECT_TRUE(failures.first().contains(QStringLiteral("\"user.big\""))) << failures.first().toStdString();
     EXPECT_EQ(ReadTree(device(QStringLiteral("Docs"))), (Tree {{"plain.txt", "p"}}));
+}
+
+// What a run killed on the way leaves: its mark in the mirror, and folders with the run's times.
+// The mark is the program's own: no analysis lists it, and a mirror holding nothing else is up to
+// date. The next backup brings every folder's times back, however deep, with few descriptors,
+// and takes the mark away.
+TEST_F(DeviceTest, AKilledRunsMarkIsNoItemAndItsFoldersComeBack)
+{
+    mountDevice(128 << 20);
+    constexpr int kDepth = 400; // "d/d/...": far more levels than descriptors below
+    auto below = [](const QString &top, int levels) { return top + QStringLiteral("/d").repeated(levels); };
+    ASSERT_TRUE(QDir().mkpath(below(source(), kDepth)));
+    WriteTree(source(), {{"keep.txt", "k"}});
+    backupAndExpectMirror();
+
+    const QString mirror = device(QStringLiteral("Docs"));
+    WriteFileBytes(Bytes(mirror) + '/' + kRunMarkName, QByteArray());
+    for (int level = 0; level <= kDepth; ++level)
+        SetModificationTime(below(mirror, level), 1600000000);
+    ClearTransactions();
+    BUAnalysisReport report = analyze();
+    EXPECT_FALSE(report.extra.has_value());
+    EXPECT_EQ(transactionLines(), QStringList()) << "a mirror holding only a stale mark is up to date";
+
+    WriteTree(source(), {{"new.txt", "n"}});
+    report = analyze();
+    EXPECT_EQ(transactionLines(), QStringList {QStringLiteral("Copy file Docs/new.txt")}); // no row for the mark
+    rlimit saved;
+    ::getrlimit(RLIMIT_NOFILE, &saved);
+    rlimit low = saved;
+    low.rlim_cur = 128;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+    RecordingReceiver receiver;
+    backup(receiver);
+    ::setrlimit(RLIMIT_NOFILE, &saved);
+    ASSERT_TRUE(receiver.complete.has_value());
+    EXPECT_FALSE(receiver.complete->error.has_value()) << receiver.complete->error->toStdString();
+    EXPECT_EQ(g_failedTransactions, 0) << failures(receiver).toStdString();
+    QList<int> wrong;
+    for (int level = 0; level <= kDepth; ++level) {
+        if (ModificationTime(below(mirror, level)) != ModificationTime(below(source(), level)))
+            wrong.append(level);
+    }
+    EXPECT_TRUE(wrong.isEmpty()) << wrong.size() << " levels keep the killed run's time, the first at "
+                                 << wrong.value(0);
+    EXPECT_FALSE(QFileInfo::exists(mirror + u'/' + QLatin1String(kRunMarkName)));
+    EXPECT_EQ(MirrorDifferences(source(), mirror), QStringList());
 }

@@ -244,6 +244,46 @@ TEST_F(MainWindow, LaunchToBackupSucceededAndThenUpToDate)
     EXPECT_TRUE(alerts.isEmpty()) << alerts.join(u'|').toStdString();
 }
 
+// On a device that ignores case, a copy that would collide with its twin is marked in the list
+// before the backup, with the very reason the backup then fails it with.
+TEST_F(MainWindow, ACopyThatCaseRulesOutIsMarkedBeforeTheBackup)
+{
+    const QString fat = volumes + QStringLiteral("/Fat Disk");
+    if (!MountFuseImage(QStringLiteral("fusefat"), home.path() + QStringLiteral("/fat.img"), 16, fat))
+        GTEST_SKIP() << "fusefat cannot make or mount a FAT image here";
+    WriteTree(source, {{QStringLiteral("Twin/f"), "folder"}, {QStringLiteral("twin"), "file"}});
+    ASSERT_TRUE(WaitUntil([this] { return selectDevice(QStringLiteral("Fat Disk")); }));
+    window->findChild<QAction *>(QStringLiteral("analyzeAction"))->trigger();
+    ASSERT_TRUE(runToEnd());
+    const QString reason
+        = QStringLiteral("The device ignores case, so \"Twin\" and \"twin\" can't both be kept on it.");
+    const QAbstractItemModel *model = table->model();
+    auto cell
+        = [model](int row, int column, int role = Qt::DisplayRole) { return model->index(row, column).data(role); };
+    QList<int> marked;
+    for (int row = 0; row < model->rowCount(); ++row) {
+        if (!cell(row, BUTransactionTableModel::kStatusColumn, Qt::DecorationRole).isNull())
+            marked.append(row);
+        else
+            EXPECT_FALSE(cell(row, BUTransactionTableModel::kNameColumn, Qt::ToolTipRole).toString().contains(reason));
+    }
+    ASSERT_EQ(marked.size(), 1) << status->text().toStdString();
+    const int row = marked.front();
+    EXPECT_EQ(cell(row, BUTransactionTableModel::kNameColumn).toString(), QStringLiteral("twin"));
+    EXPECT_EQ(cell(row, BUTransactionTableModel::kStatusColumn, Qt::ToolTipRole).toString(), reason);
+    EXPECT_EQ(cell(row, BUTransactionTableModel::kStatusColumn, Qt::AccessibleTextRole).toString(), reason);
+    EXPECT_EQ(cell(row, BUTransactionTableModel::kNameColumn, Qt::ToolTipRole).toString(),
+        source + QStringLiteral("/twin\n") + reason);
+
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    EXPECT_EQ(status->text(), QStringLiteral("1 backup action failed")) << alerts.join(u'|').toStdString();
+    EXPECT_EQ(statusColumn(row), QStringLiteral("\u2718"));
+    EXPECT_TRUE(cell(row, BUTransactionTableModel::kLocationColumn).toString().endsWith(u'\n' + reason));
+    EXPECT_TRUE(cell(row, BUTransactionTableModel::kStatusColumn, Qt::DecorationRole).isNull()); // the cross says it
+    LazyUnmount(fat);
+}
+
 TEST_F(MainWindow, VolumesAppearAndGoWhileTheWindowIsOpen)
 {
     const QString late = volumes + QStringLiteral("/Late Disk");

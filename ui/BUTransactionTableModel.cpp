@@ -1,5 +1,6 @@
 #include "ui/BUTransactionTableModel.h"
 
+#include "backup/BUAnalyzeOperation.h"
 #include "backup/BUDevices.h"
 #include "backup/BUTransaction.h"
 #include "keelson/KSStrings.h"
@@ -13,7 +14,8 @@
 #include <unistd.h>
 
 BUTransactionTableModel::BUTransactionTableModel(QObject *parent)
-    : QAbstractTableModel(parent), folderImage(QApplication::style()->standardIcon(QStyle::SP_DirIcon))
+    : QAbstractTableModel(parent), folderImage(QApplication::style()->standardIcon(QStyle::SP_DirIcon)),
+      conflictImage(QApplication::style()->standardIcon(QStyle::SP_MessageBoxWarning))
 {
 }
 
@@ -74,6 +76,8 @@ QVariant BUTransactionTableModel::data(const QModelIndex &index, int role) const
     const QString error = g_outcomes.errorText(index.row());
     const bool failed = !error.isNull();
     const bool done = g_outcomes.isDone(index.row());
+    // A copy the device can't hold beside its namesake says so before the backup fails it.
+    const QString conflict = failed || done ? QString() : CaseConflictOf(t);
     switch (role) {
     case Qt::DisplayRole:
         switch (index.column()) {
@@ -89,6 +93,8 @@ QVariant BUTransactionTableModel::data(const QModelIndex &index, int role) const
             return {};
         }
     case Qt::DecorationRole:
+        if (index.column() == kStatusColumn && !conflict.isNull())
+            return conflictImage;
         return index.column() == kTypeColumn && t.isFolder() ? QVariant(folderImage) : QVariant();
     case Qt::ForegroundRole:
         if (failed && index.column() != kTypeColumn)
@@ -98,11 +104,14 @@ QVariant BUTransactionTableModel::data(const QModelIndex &index, int role) const
         return index.column() == kStatusColumn ? QVariant(Qt::AlignCenter) : QVariant(Qt::AlignLeft | Qt::AlignVCenter);
     case Qt::ToolTipRole:
         if (index.column() == kLocationColumn || index.column() == kNameColumn)
-            return failed ? t.path() + u'\n' + error : t.path();
-        return {};
+            return failed ? t.path() + u'\n' + error : (conflict.isNull() ? t.path() : t.path() + u'\n' + conflict);
+        return conflict.isNull() ? QVariant() : QVariant(conflict);
     case Qt::AccessibleTextRole:
-        if (index.column() == kStatusColumn)
+        if (index.column() == kStatusColumn) {
+            if (!conflict.isNull())
+                return conflict;
             return failed ? QStringLiteral("failed") : (done ? QStringLiteral("done") : QStringLiteral("waiting"));
+        }
         return {};
     default:
         return {};

@@ -1,6 +1,7 @@
 // The transaction table's model over the shared transaction list: columns status (a tick or a
-// cross), action, type (a folder icon), name and location (with the error text under it for a
-// failed transaction). Rows are plain data; nothing per row is a widget, so 200,000 rows stay
+// cross; before the backup, a warning sign on a copy the device can't hold beside its namesake,
+// with the reason as the row's tooltip), action, type (a folder icon), name and location (with the
+// error text under it for a failed transaction). Rows are plain data; nothing per row is a widget, so 200,000 rows stay
 // responsive. Main thread.
 #pragma once
 
@@ -40,5 +41,6 @@ private:
     QString failureLocation(const BUTransaction &transaction) const;
 
     QIcon folderImage;
+    QIcon conflictImage;
     QString deviceName;
 };

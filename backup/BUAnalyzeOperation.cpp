@@ -6,6 +6,7 @@
 #include "backup/BUFileCopier.h"
 #include "backup/BUFileStats.h"
 #include "backup/BUFolderReading.h"
+#include "backup/BUTouchedFolders.h"
 #include "backup/BUTransaction.h"
 #include "backup/BUTreeReader.h"
 #include "keelson/FormatString.h"
@@ -23,6 +24,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -164,6 +166,14 @@ void _ReadFolderDigest(AnalysisContext &context, const QString &path, bool devic
     ::close(fd);
 }
 
+// Whether the mirror folder of that name at the top of the device holds the mark of a run.
+bool _HoldsRunMark(const BUDeviceRoot &device, QStringView mirror)
+{
+    struct stat status;
+    const QByteArray mark = FileNameToBytes(mirror) + '/' + kRunMarkName;
+    return device.fd() >= 0 && ::fstatat(device.fd(), mark.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
 // places: by source tree entry, the place its files' transactions share, if any; a folder's own
 // transaction shares it too (the same path and root) rather than keep its path again.
 bool _RecordFolders(AnalysisContext &context, FolderTree &tree, FolderTree &otherTree, bool deviceSide,
@@ -208,7 +218,10 @@ bool _RecordFolders(AnalysisContext &context, FolderTree &tree, FolderTree &othe
                 _ReadFolderDigest(context, path, false, &source);
                 _ReadFolderDigest(context, _DeviceFolderPath(otherTree, entry.match), true, &device);
             }
-            if (_ShouldUpdateAttributes(context, source, device)) {
+            // A mirror still marked by a run killed on the way gets an Update of its own: the backup
+            // that carries it out gives every folder of the mirror its source's attributes again.
+            if (_ShouldUpdateAttributes(context, source, device)
+                || (entry.parent == 0 && _HoldsRunMark(*context.device, _Name(otherTree, entry.match)))) {
                 BUTransaction transaction = folderTransaction(index, path, rootPath);
                 transaction.setAction(BUTransaction::kUpdate);
                 g_transactions.append(transaction);

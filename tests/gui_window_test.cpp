@@ -750,13 +750,16 @@ TEST_F(MainWindow, TheEndOfAJobIsAnnouncedWhileTheWindowIsInactive)
     window->activateWindow();
     ASSERT_TRUE(QTest::qWaitForWindowActive(window.get()));
     WriteTree(source, {{QStringLiteral("newer.txt"), "newer"}});
-    window->findChild<QAction *>(QStringLiteral("analyzeAction"))->trigger();
+    QAction *analyze = window->findChild<QAction *>(QStringLiteral("analyzeAction"));
+    ASSERT_TRUE(WaitUntil([analyze] { return analyze->isEnabled(); })) << "Analyze is enabled again after a job";
+    analyze->trigger();
     ASSERT_TRUE(runToEnd());
-    EXPECT_TRUE(status->text().startsWith(QStringLiteral("Analysis complete")));
+    EXPECT_TRUE(status->text().startsWith(QStringLiteral("Analysis complete"))) << status->text().toStdString();
     QFile::remove(source + QStringLiteral("/newer.txt"));
     other.activateWindow();
     ASSERT_TRUE(QTest::qWaitForWindowActive(&other));
-    window->findChild<QAction *>(QStringLiteral("analyzeAction"))->trigger();
+    ASSERT_TRUE(WaitUntil([analyze] { return analyze->isEnabled(); }));
+    analyze->trigger();
     ASSERT_TRUE(runToEnd());
     EXPECT_TRUE(WaitUntil([&] { return server.received().size() >= 2; }));
     EXPECT_EQ(server.received(),

@@ -557,11 +557,18 @@ void BUWindowController::finishJob(const QString &outcome, bool alert)
     deviceModel.setJobState(false, false);
     updateTitle();
     setStatus(outcome, alert);
-    enableBackup();
+    enableWhenQueueIsIdle();
     if (!outcome.isEmpty() && !isActiveWindow())
         KSPostNotification(jobTarget, outcome);
     if (closeWhenIdle)
         QTimer::singleShot(0, this, &QWidget::close);
+}
+
+void BUWindowController::enableWhenQueueIsIdle()
+{
+    enableBackup();
+    if (operationQueue.operationCount() > 0)
+        QTimer::singleShot(10, this, &BUWindowController::enableWhenQueueIsIdle);
 }
 
 void BUWindowController::selectTransactionRow(qsizetype row)

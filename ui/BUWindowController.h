@@ -79,6 +79,9 @@ private:
     // Ends the job; `outcome` goes to the status line and, while the window is not active, to a
     // desktop notification.
     void finishJob(const QString &outcome = QString(), bool alert = false);
+    // The job's last report arrives while its operation is still leaving the queue: the actions
+    // that start a job are enabled once it has left.
+    void enableWhenQueueIsIdle();
     enum class DeletionAnswer { Backup, Cancel, Review };
     DeletionAnswer confirmLargeDeletion(const BUAnalysisReport &report);
     QString analysisSummary() const;

@@ -3,7 +3,6 @@
 #include "backup/BUAnalyzeOperation.h"
 
 #include "backup/BUCopyOverlap.h"
-#include "backup/BUDeviceFolderCache.h"
 #include "backup/BUDeviceRoot.h"
 #include "backup/BUDevices.h"
 #include "backup/BUFileCopier.h"
@@ -71,18 +70,27 @@ struct BackupRun {
     const QStringList *backupFolders;
     TouchedFolders touchedFolders; // the device folders whose contents or attributes changed
     QString lastTouched; // the last folder a copy touched: the next file's is usually the same
-    BUDeviceFolderCache deviceFolders {device}; // the folder of the current transaction's item
+    int deviceFolder = -1; // the folder of the current transaction's item
     QStringList marked; // mirror folders holding the mark of this run
     QStringList interrupted; // mirror folders that a killed run left marked
     FolderCache sourceFolders; // by absolute path
 
+    ~BackupRun()
+    {
+        if (deviceFolder >= 0)
+            ::close(deviceFolder);
+    }
+
     // The folder holding a device path's last component, and that component; the descriptor is
-    // the run's until the next call. A folder kept open from one copy to the next is used only
-    // while nothing has moved it or a folder above it (it might have left the device through
-    // another mount of its file system); otherwise it is resolved again.
+    // the run's until the next call. Resolved again for every item: a folder kept open from one
+    // copy to the next may have been moved out of the device since (through another mount of its
+    // file system), and nothing may land there.
     int deviceParent(const QString &relative, QByteArray *name, bool caseFallback, BUError *error)
     {
-        return deviceFolders.openParent(relative, name, caseFallback, error);
+        if (deviceFolder >= 0)
+            ::close(deviceFolder);
+        deviceFolder = device.openParent(relative, name, caseFallback, error);
+        return deviceFolder;
     }
     // The source folder holding a source item's last component, and that component; -1 with
     // errno on failure. The backup folder is reached as the user chose it (perhaps through a
@@ -392,7 +400,6 @@ QString _DeleteItem(BackupRun &run, const BUTransaction &transaction)
         return kInternalError;
     QByteArray name;
     BUError error;
-    run.deviceFolders.forgetFolder(); // it may be the one to go
     const Descriptor parent {run.device.openParent(relative, &name, false, &error)};
     _OpenUpForChange(run, parent.fd, relative);
     if (parent.fd < 0 || !RemoveItemAt(parent.fd, name.constData(), &error))

@@ -71,26 +71,42 @@ struct BackupRun {
     TouchedFolders touchedFolders; // the device folders whose contents or attributes changed
     QString lastTouched; // the last folder a copy touched: the next file's is usually the same
     int deviceFolder = -1; // the folder of the current transaction's item
+    QString deviceFolderPath; // its path below the device root
     QStringList marked; // mirror folders holding the mark of this run
     QStringList interrupted; // mirror folders that a killed run left marked
     FolderCache sourceFolders; // by absolute path
 
-    ~BackupRun()
-    {
-        if (deviceFolder >= 0)
-            ::close(deviceFolder);
-    }
+    ~BackupRun() { forgetDeviceFolder(); }
 
     // The folder holding a device path's last component, and that component; the descriptor is
-    // the run's until the next call. Resolved again for every item: a folder kept open from one
-    // copy to the next may have been moved out of the device since (through another mount of its
-    // file system), and nothing may land there.
+    // the run's until the next call. A folder kept open from one copy to the next may have been
+    // moved since; where the device is a folder of a bigger file system (a bind mount, a
+    // subvolume) it may have left the device through another mount, and nothing may land there:
+    // such a device's folders are resolved again for every item. On a device whose mount shows
+    // its whole file system a moved folder is still on the device, and the next item in the same
+    // folder uses the one already open.
     int deviceParent(const QString &relative, QByteArray *name, bool caseFallback, BUError *error)
+    {
+        const qsizetype slash = relative.lastIndexOf(u'/');
+        const QStringView folder = slash < 0 ? QStringView() : QStringView(relative).left(slash);
+        if (deviceFolder >= 0 && device.showsWholeFileSystem() && folder == deviceFolderPath) {
+            *name = FileNameToBytes(QStringView(relative).mid(slash + 1));
+            if (!name->isEmpty() && *name != "." && *name != "..")
+                return deviceFolder;
+        }
+        forgetDeviceFolder();
+        deviceFolder = device.openParent(relative, name, caseFallback, error);
+        if (deviceFolder >= 0)
+            deviceFolderPath = folder.toString();
+        return deviceFolder;
+    }
+    // Closes the folder kept open: the run is about to delete something, perhaps that folder.
+    void forgetDeviceFolder()
     {
         if (deviceFolder >= 0)
             ::close(deviceFolder);
-        deviceFolder = device.openParent(relative, name, caseFallback, error);
-        return deviceFolder;
+        deviceFolder = -1;
+        deviceFolderPath.clear();
     }
     // The source folder holding a source item's last component, and that component; -1 with
     // errno on failure. The backup folder is reached as the user chose it (perhaps through a
@@ -400,6 +416,7 @@ QString _DeleteItem(BackupRun &run, const BUTransaction &transaction)
         return kInternalError;
     QByteArray name;
     BUError error;
+    run.forgetDeviceFolder();
     const Descriptor parent {run.device.openParent(relative, &name, false, &error)};
     _OpenUpForChange(run, parent.fd, relative);
     if (parent.fd < 0 || !RemoveItemAt(parent.fd, name.constData(), &error))

@@ -157,6 +157,7 @@ bool BUDeviceRoot::open(const QString &name, BUError *error)
     m_name = name;
     m_path = DeviceRootPath(name);
     m_checked = false;
+    m_wholeFileSystem = false;
     auto fail = [this, error](int errorNumber) {
         close();
         if (error)
@@ -180,6 +181,7 @@ bool BUDeviceRoot::open(const QString &name, BUError *error)
     m_mountId = (status.stx_mask & STATX_MNT_ID) ? status.stx_mnt_id : 0;
     const std::optional<BUMountEntry> entry = MountEntryForDevice(name);
     m_kind = VolumeKindForFileSystem(entry ? entry->fileSystemType : QString());
+    m_wholeFileSystem = entry && entry->wholeFileSystem;
     m_mountTableFd = ::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
     return true;
 }

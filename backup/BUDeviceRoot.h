@@ -28,6 +28,10 @@ public:
     const QString &path() const { return m_path; }
     int fd() const { return m_fd; }
     const BUVolumeKind &kind() const { return m_kind; }
+    // Whether the device's mount shows its whole file system. Then no folder of it can be moved
+    // anywhere but inside the device; a device that is a folder of a bigger file system (a bind
+    // mount, a subvolume) can lose folders to the rest of it through another mount.
+    bool showsWholeFileSystem() const { return m_wholeFileSystem; }
     // Identity of the root folder, to keep a walk of the sources out of the device.
     bool isRootFolder(const BUItemProperties &properties) const
     {
@@ -67,6 +71,7 @@ private:
     uint64_t m_inode = 0;
     bool m_mounted = false;
     bool m_checked = false;
+    bool m_wholeFileSystem = false;
     BUVolumeKind m_kind;
 };
 

@@ -144,6 +144,7 @@ QList<BUMountEntry> ParseMountInfo(QByteArrayView text)
         entry.source = FileNameFromBytes(_UnescapeMountField(fields[separator + 2]));
         const bool superReadOnly = separator + 3 < fields.size() && _HasOption(fields[separator + 3], "ro");
         entry.readOnly = _HasOption(fields[5], "ro") || superReadOnly;
+        entry.wholeFileSystem = fields[3] == QByteArrayView("/");
         entries.append(entry);
     }
     return entries;

@@ -20,6 +20,9 @@ struct BUMountEntry {
     QString fileSystemType; // "ext4", "vfat", "fuseblk"...
     QString source; // "/dev/sdb1"
     bool readOnly = false; // mounted read-only, or its file system is
+    // The mount shows its whole file system (its root is the file system's), not a folder of it
+    // (a bind mount, a subvolume).
+    bool wholeFileSystem = false;
 };
 
 // The folder that holds the device mount points, without a trailing "/": TANNER_VOLUMES_ROOT

@@ -65,9 +65,10 @@ TEST(MountInfo, DecodesEscapesOptionalFieldsAndReadOnlyOptions)
                             "41 22 0:41 / /media/me/Tab\\011and\\134slash ro - tmpfs tmpfs rw\n"
                             "42 22 0:42 / /media/me/SuperRO rw - ext4 /dev/sdc1 ro,errors=remount-ro\n"
                             "malformed line without separator\n"
-                            "43 22 0:43 / /media/me/Caf\\303\\251\\377 rw - fuseblk /dev/sdd1 rw";
+                            "43 22 0:43 / /media/me/Caf\\303\\251\\377 rw - fuseblk /dev/sdd1 rw\n"
+                            "44 22 0:44 /shared/Disk /media/me/Bound rw - ext4 /dev/sde1 rw";
     const QList<BUMountEntry> entries = ParseMountInfo(text);
-    ASSERT_EQ(entries.size(), 5);
+    ASSERT_EQ(entries.size(), 6);
     EXPECT_EQ(entries[0].mountPoint, QStringLiteral("/"));
     EXPECT_EQ(entries[1].mountPoint, QStringLiteral("/media/me/Backup Disk"));
     EXPECT_EQ(entries[1].fileSystemType, QStringLiteral("vfat"));
@@ -78,6 +79,10 @@ TEST(MountInfo, DecodesEscapesOptionalFieldsAndReadOnlyOptions)
     EXPECT_TRUE(entries[3].readOnly) << "a file system mounted read-only underneath counts too";
     // Names that are not UTF-8 keep their bytes.
     EXPECT_EQ(FileNameToBytes(entries[4].mountPoint), QByteArray("/media/me/Caf\xc3\xa9\xff"));
+    // A mount of a folder of its file system is told from one of the whole file system.
+    EXPECT_TRUE(entries[1].wholeFileSystem);
+    EXPECT_FALSE(entries[5].wholeFileSystem);
+    EXPECT_EQ(entries[5].mountPoint, QStringLiteral("/media/me/Bound"));
 }
 
 TEST_F(VolumesRootFixture, ListsWritableMountsOneLevelBelowTheRootSortedWithoutCase)

@@ -13,6 +13,7 @@
 #include "help/VLHelpReader.h"
 #include "help/VLTopicOutline.h"
 #include "keelson/KSLog.h"
+#include "keelson/KSStringKeelson.h"
 
 #include <QByteArray>
 #include <QDir>
@@ -112,7 +113,8 @@ inline QString ExerciseHelpReader(const QByteArray &input, const QString &folder
     }
     if (document->bookmarkIds().count() < document->bookmarkStarts().count())
         return QStringLiteral("a bookmark has no identifier");
-    if (!document->isLocked() || document->styleName(0) != u"Normal")
+    // The first style is the file's own Normal when it has one, spelled as the file spells it.
+    if (!document->isLocked() || !IsFuzzyEqualToString(document->styleName(0), u"Normal"))
         return QStringLiteral("the document was not finished as help");
 
     // Every query answers without fault.

@@ -270,6 +270,17 @@ bool BUDeviceRoot::isStillMounted()
     return m_mounted;
 }
 
+int OpenParentIfUnmoved(int folderFd, dev_t device, ino_t inode)
+{
+    const int parent = ::openat(folderFd, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    struct stat status;
+    if (parent >= 0 && ::fstat(parent, &status) == 0 && status.st_dev == device && status.st_ino == inode)
+        return parent;
+    if (parent >= 0)
+        ::close(parent);
+    return -1;
+}
+
 QByteArray NameIgnoringCase(int folderFd, const QByteArray &wanted, bool folder)
 {
     QList<QByteArray> names;
@@ -398,14 +409,9 @@ bool RemoveItemAt(int folderFd, const char *name, BUError *error)
         levels.pop_back();
         int parent = folderFd;
         if (!levels.empty()) {
-            parent = ::openat(current, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-            struct stat status;
-            if (parent < 0 || ::fstat(parent, &status) != 0 || status.st_dev != levels.back().device
-                || status.st_ino != levels.back().inode) {
-                if (parent >= 0)
-                    ::close(parent);
+            parent = OpenParentIfUnmoved(current, levels.back().device, levels.back().inode);
+            if (parent < 0)
                 return finish(fail(ESTALE)); // moved while it was being removed
-            }
         }
         ::close(current);
         current = parent == folderFd ? -1 : parent;

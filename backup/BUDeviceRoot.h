@@ -12,6 +12,8 @@
 #include <QByteArray>
 #include <QString>
 
+#include <sys/types.h>
+
 class BUDeviceRoot {
 public:
     BUDeviceRoot() = default;
@@ -78,6 +80,9 @@ private:
 // The first name listed in a folder that equals `wanted` without regard to case and is a folder
 // (or a regular file); empty when there is none. Links never match.
 QByteArray NameIgnoringCase(int folderFd, const QByteArray &wanted, bool folder);
+// Opens the folder above an open folder through ".." when it is still the folder of that
+// identity (the one a walk came down from); -1 when it is not (the folder was moved) or on failure.
+int OpenParentIfUnmoved(int folderFd, dev_t device, ino_t inode);
 // Opens an item of a folder without following a link and without entering another file system.
 int OpenItemAt(int folderFd, const char *name, int flags);
 // Removes an item and, for a folder, everything inside it, never following a link and never

@@ -129,12 +129,8 @@ void RestoreMirrorTree(int mirrorFd,
             LogString("Can't set the attributes of %@. %@", FileNameFromBytes(relative), error.failureReason);
         int parent = mirrorFd;
         if (levels.size() > 1) {
-            parent = ::openat(current, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-            struct stat status;
-            if (parent < 0 || ::fstat(parent, &status) != 0 || status.st_dev != levels.back().device
-                || status.st_ino != levels.back().inode) {
-                if (parent >= 0)
-                    ::close(parent);
+            parent = OpenParentIfUnmoved(current, levels.back().device, levels.back().inode);
+            if (parent < 0) {
                 LogString(
                     "Can't set the attributes of the folders that hold %@: it was moved.", FileNameFromBytes(relative));
                 break;

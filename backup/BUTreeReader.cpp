@@ -26,7 +26,7 @@ bool TreeReader::waitUntil(
         if (node != kNone)
             wanted = std::find_if(m_tasks.begin(), m_tasks.end(),
                 [&](const Task &task) { return task.node == node && task.side == side; });
-        if (wanted == m_tasks.end() && m_threads.empty() && !m_tasks.empty())
+        if (wanted == m_tasks.end() && activeReaders() == 0 && !m_tasks.empty())
             wanted = m_tasks.begin();
         if (wanted != m_tasks.end()) {
             Task task = std::move(*wanted);
@@ -92,6 +92,7 @@ TreeReader::TreeReader(
     const int threads = std::min(kMaxThreads, ProcessorCount());
     const std::lock_guard<std::mutex> lock(m_mutex); // the readers may add readers
     for (int i = 0; i < threads && StartHelperThread(m_threads, [this] { run(); }); ++i) { }
+    m_baseReaders = int(m_threads.size());
 }
 
 TreeReader::~TreeReader()
@@ -101,6 +102,7 @@ TreeReader::~TreeReader()
         m_stop = true;
     }
     m_work.notify_all();
+    m_parking.notify_all();
     for (std::thread &thread : m_threads)
         thread.join();
 }
@@ -205,15 +207,27 @@ void TreeReader::adapt(bool blocked)
 {
     // A cold tree answers some readings from blocks that others read: one reading in five that
     // waits is enough to grow; a warm tree, where hardly one waits, never does.
-    if (blocked)
+    if (blocked) {
         m_blocked += kBlockedWeight;
-    else if (m_blocked > 0)
+    } else if (m_blocked > 0) {
         --m_blocked;
-    if (m_blocked < kBlockedToGrow || m_stop || m_idle > 0 || m_tasks.empty()
-        || m_threads.size() >= std::size_t(kMaxThreads))
+    } else {
+        // The readings have stopped waiting: the readers grown for the disks only switch now.
+        if (activeReaders() > m_baseReaders)
+            ++m_toPark;
+        return;
+    }
+    if (m_blocked < kBlockedToGrow || m_stop || m_idle > 0 || m_tasks.empty() || activeReaders() >= kMaxThreads)
         return;
     m_blocked = 0;
-    StartHelperThread(m_threads, [this] { run(); });
+    if (m_toPark > 0) {
+        --m_toPark;
+    } else if (m_parked > m_toUnpark) {
+        ++m_toUnpark;
+        m_parking.notify_one();
+    } else {
+        StartHelperThread(m_threads, [this] { run(); });
+    }
 }
 
 void TreeReader::run()
@@ -222,6 +236,16 @@ void TreeReader::run()
         Task task;
         {
             std::unique_lock<std::mutex> lock(m_mutex);
+            if (m_toPark > 0 && !m_stop) {
+                --m_toPark;
+                ++m_parked;
+                wakeReaders(readersToWake(0)); // the task this reader would have taken next
+                m_parking.wait(lock, [this] { return m_stop || m_toUnpark > 0; });
+                if (m_stop)
+                    return;
+                --m_toUnpark;
+                --m_parked;
+            }
             while (!m_stop && (m_tasks.empty() || (m_keptFiles >= kKeptFiles && !m_finishing))) {
                 ++m_idle;
                 m_work.wait(lock);

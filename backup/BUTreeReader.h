@@ -25,7 +25,9 @@ namespace BUAnalysis {
 // answer many questions at once far faster than one after another; with the folders in the page
 // cache the processors are, and a reader more than there are processors only adds switching. So
 // the pool starts with a reader a processor and grows, up to kMaxThreads, only while the readings
-// wait on the disks (a reading that spent more than half its time asleep). The files kept are
+// wait on the disks (a reading that spent more than half its time asleep); once they no longer
+// do (the rest of the trees is in the page cache), the readers beyond a processor each step
+// aside until the readings wait again. The files kept are
 // bounded: the readers pause when the comparison falls behind, and the comparison reads a folder
 // that it needs itself rather than wait for it.
 //
@@ -86,6 +88,8 @@ private:
     }
 
     void grow(Side side);
+    // Readers at work: started, less those parked or asked to park.
+    int activeReaders() const { return int(m_threads.size()) - (m_parked - m_toUnpark) - m_toPark; }
 
     void release(std::unique_lock<std::mutex> &lock, const ListedFolder &listed);
 
@@ -94,7 +98,8 @@ private:
     int readersToWake(int takenByCaller);
     void wakeReaders(int count);
     // One more reader after a reading that waited on the disks, while others wait for a reader;
-    // call with the lock held.
+    // one fewer, down to a processor each, once the readings have stopped waiting; call with the
+    // lock held.
     void adapt(bool blocked);
 
     template <typename Ready>
@@ -112,12 +117,17 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_work; // for the readers: folders to read, or stop
     std::condition_variable m_progress; // for the comparison: a folder was read
+    std::condition_variable m_parking; // for the parked readers: called back, or stop
     std::vector<Task> m_tasks; // folders to read, a heap
     QStringList m_backupFolderNames; // the last names of the backup folders: their mirrors' names
     int m_busy = 0; // folders being read
     int m_idle = 0; // readers waiting for a task
     int m_signaled = 0; // of those, woken and not yet awake
     int m_blocked = 0; // readings that waited on the disks, weighed against those that did not
+    int m_baseReaders = 0; // the readers started with: a processor each
+    int m_toPark = 0; // readers asked to step aside, not yet parked
+    int m_parked = 0; // readers stepped aside, waiting on m_parking
+    int m_toUnpark = 0; // of those, readers called back and not yet awake
     std::size_t m_keptFiles = 0; // folders and files read and not yet taken
     bool m_finishing = false; // the comparison is done
     // What the comparison waits for: a folder (side and entry), the end of the reading (kNone), or

@@ -8,6 +8,27 @@
 #include <linux/openat2.h>
 #include <sys/syscall.h>
 
+namespace {
+
+// Opens the folder at relative below folderFd without following a link: -1 with errno when a
+// component is a link, is not a folder or leads out of folderFd.
+long _OpenBelow(int folderFd, const char *relative)
+{
+    open_how how = {};
+    how.flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    long below = -1;
+    // EAGAIN: a rename raced with the lookup; the kernel asks for a retry.
+    for (int attempt = 0; attempt < 8; ++attempt) {
+        below = ::syscall(SYS_openat2, folderFd, relative, &how, sizeof how);
+        if (below >= 0 || errno != EAGAIN)
+            break;
+    }
+    return below;
+}
+
+} // namespace
+
 int _OpenSourceFolder(const QByteArray &path, const QString &root)
 {
     QByteArray prefix = FileNameToBytes(root);
@@ -21,9 +42,6 @@ int _OpenSourceFolder(const QByteArray &path, const QString &root)
     }
     qsizetype slash = path.indexOf('/', prefix.size() + 1);
     int fd = OpenLongPath(AT_FDCWD, (slash < 0 ? path : path.left(slash)).constData(), O_PATH | O_DIRECTORY);
-    open_how how = {};
-    how.flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
     // The rest a part of at most kPathPart bytes at a time, each below the last.
     while (fd >= 0 && slash >= 0) {
         const qsizetype start = slash + 1;
@@ -37,13 +55,7 @@ int _OpenSourceFolder(const QByteArray &path, const QString &root)
             }
         }
         const QByteArray part = path.mid(start, end - start);
-        long below = -1;
-        // EAGAIN: a rename raced with the lookup; the kernel asks for a retry.
-        for (int attempt = 0; attempt < 8; ++attempt) {
-            below = ::syscall(SYS_openat2, fd, part.constData(), &how, sizeof how);
-            if (below >= 0 || errno != EAGAIN)
-                break;
-        }
+        const long below = _OpenBelow(fd, part.constData());
         const int saved = errno;
         ::close(fd);
         errno = saved;
@@ -51,6 +63,15 @@ int _OpenSourceFolder(const QByteArray &path, const QString &root)
         slash = end < path.size() ? end : -1;
     }
     return fd;
+}
+
+int _OpenSourceSubfolder(int parentFd, const QByteArray &name)
+{
+    if (name.isEmpty() || name.contains('/') || name == "." || name == "..") {
+        errno = EINVAL;
+        return -1;
+    }
+    return int(_OpenBelow(parentFd, name.constData()));
 }
 
 QByteArray _PathThrough(int folderFd, const QByteArray &name)

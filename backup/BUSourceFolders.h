@@ -52,7 +52,7 @@ public:
     }
 
 private:
-    static constexpr std::size_t kSize = 4;
+    static constexpr std::size_t kSize = 8; // deep enough to hold the parent of the next folder
     struct Entry {
         QByteArray key;
         bool caseFallback;
@@ -64,6 +64,8 @@ private:
 // Opens a source folder below the folder `root` holds (the parent of its backup folder): the backup
 // folder by its path, the rest without following a link.
 int _OpenSourceFolder(const QByteArray &path, const QString &root);
+// Opens the subfolder name of an open source folder without following a link.
+int _OpenSourceSubfolder(int parentFd, const QByteArray &name);
 
 // A path that reaches an item through the open folder holding it, without resolving the
 // folder's path again: the kernel takes the descriptor's folder itself.

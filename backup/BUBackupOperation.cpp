@@ -118,22 +118,7 @@ struct BackupRun {
         const qsizetype slash = path.lastIndexOf('/');
         const QByteArray key = slash <= 0 ? QByteArrayLiteral("/") : path.left(slash);
         *name = path.mid(slash + 1);
-        const int held = sourceFolders.find(key, false);
-        if (held >= 0)
-            return held;
-        // The list goes down the tree: a folder below the backup folder is usually the
-        // subfolder of one still open, and is opened from it rather than from its path.
-        const QString &root = transaction.rootPath();
-        QByteArray prefix = FileNameToBytes(root);
-        while (prefix.endsWith('/'))
-            prefix.chop(1);
-        const qsizetype up = key.lastIndexOf('/');
-        if (up > prefix.size() + 1 && key.startsWith(prefix + '/')) {
-            const int parent = sourceFolders.find(key.left(up), false);
-            if (parent >= 0)
-                return sourceFolders.keep(key, false, _OpenSourceSubfolder(parent, key.mid(up + 1)));
-        }
-        return sourceFolders.keep(key, false, _OpenSourceFolder(key, root));
+        return sourceFolders.open(key, transaction.rootPath());
     }
 };
 

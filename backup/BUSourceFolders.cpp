@@ -27,13 +27,20 @@ long _OpenBelow(int folderFd, const char *relative)
     return below;
 }
 
-} // namespace
-
-int _OpenSourceFolder(const QByteArray &path, const QString &root)
+// The path of the folder root holds, without a closing slash ("" for "/").
+QByteArray _RootPrefix(const QString &root)
 {
     QByteArray prefix = FileNameToBytes(root);
     while (prefix.endsWith('/'))
         prefix.chop(1);
+    return prefix;
+}
+
+} // namespace
+
+int _OpenSourceFolder(const QByteArray &path, const QString &root)
+{
+    const QByteArray prefix = _RootPrefix(root);
     if (path == prefix || (prefix.isEmpty() && path == "/"))
         return OpenLongPath(AT_FDCWD, path.constData(), O_PATH | O_DIRECTORY);
     if (root.isEmpty() || !path.startsWith(prefix + '/') || path.size() <= prefix.size() + 1) {
@@ -65,13 +72,21 @@ int _OpenSourceFolder(const QByteArray &path, const QString &root)
     return fd;
 }
 
-int _OpenSourceSubfolder(int parentFd, const QByteArray &name)
+int FolderCache::open(const QByteArray &path, const QString &root)
 {
-    if (name.isEmpty() || name.contains('/') || name == "." || name == "..") {
-        errno = EINVAL;
-        return -1;
+    const int held = find(path);
+    if (held >= 0)
+        return held;
+    // The copies go down the tree: a folder below the backup folder is usually the subfolder of
+    // one still open, and is opened from it rather than from its path.
+    const QByteArray prefix = _RootPrefix(root);
+    const qsizetype up = path.lastIndexOf('/');
+    if (up > prefix.size() + 1 && path.startsWith(prefix + '/')) {
+        const int parent = find(path.left(up));
+        if (parent >= 0)
+            return keep(path, int(_OpenBelow(parent, path.constData() + up + 1)));
     }
-    return int(_OpenBelow(parentFd, name.constData()));
+    return keep(path, _OpenSourceFolder(path, root));
 }
 
 QByteArray _PathThrough(int folderFd, const QByteArray &name)

@@ -26,7 +26,7 @@ bool TreeReader::waitUntil(
         if (node != kNone)
             wanted = std::find_if(m_tasks.begin(), m_tasks.end(),
                 [&](const Task &task) { return task.node == node && task.side == side; });
-        if (wanted == m_tasks.end() && activeReaders() == 0 && !m_tasks.empty())
+        if (wanted == m_tasks.end() && m_readersWanted == 0 && !m_tasks.empty())
             wanted = m_tasks.begin();
         if (wanted != m_tasks.end()) {
             Task task = std::move(*wanted);
@@ -92,7 +92,7 @@ TreeReader::TreeReader(
     const int threads = std::min(kMaxThreads, ProcessorCount());
     const std::lock_guard<std::mutex> lock(m_mutex); // the readers may add readers
     for (int i = 0; i < threads && StartHelperThread(m_threads, [this] { run(); }); ++i) { }
-    m_baseReaders = int(m_threads.size());
+    m_baseReaders = m_readersWanted = int(m_threads.size());
 }
 
 TreeReader::~TreeReader()
@@ -213,21 +213,21 @@ void TreeReader::adapt(bool blocked)
         --m_blocked;
     } else {
         // The readings have stopped waiting: the readers grown for the disks only switch now.
-        if (activeReaders() > m_baseReaders)
-            ++m_toPark;
+        if (m_readersWanted > m_baseReaders)
+            --m_readersWanted;
         return;
     }
-    if (m_blocked < kBlockedToGrow || m_stop || m_idle > 0 || m_tasks.empty() || activeReaders() >= kMaxThreads)
+    if (m_blocked < kBlockedToGrow || m_stop || m_idle > 0 || m_tasks.empty() || m_readersWanted >= kMaxThreads)
         return;
     m_blocked = 0;
-    if (m_toPark > 0) {
-        --m_toPark;
-    } else if (m_parked > m_toUnpark) {
-        ++m_toUnpark;
+    ++m_readersWanted;
+    // A reader not yet parked stays; else a parked one comes back; else one more thread.
+    if (int(m_threads.size()) - m_parked >= m_readersWanted)
+        return;
+    if (m_parked > 0)
         m_parking.notify_one();
-    } else {
-        StartHelperThread(m_threads, [this] { run(); });
-    }
+    else if (!StartHelperThread(m_threads, [this] { run(); }))
+        --m_readersWanted;
 }
 
 void TreeReader::run()
@@ -236,14 +236,10 @@ void TreeReader::run()
         Task task;
         {
             std::unique_lock<std::mutex> lock(m_mutex);
-            if (m_toPark > 0 && !m_stop) {
-                --m_toPark;
+            if (!m_stop && int(m_threads.size()) - m_parked > m_readersWanted) {
                 ++m_parked;
                 wakeReaders(readersToWake(0)); // the task this reader would have taken next
-                m_parking.wait(lock, [this] { return m_stop || m_toUnpark > 0; });
-                if (m_stop)
-                    return;
-                --m_toUnpark;
+                m_parking.wait(lock, [this] { return m_stop || int(m_threads.size()) - m_parked < m_readersWanted; });
                 --m_parked;
             }
             while (!m_stop && (m_tasks.empty() || (m_keptFiles >= kKeptFiles && !m_finishing))) {

@@ -88,8 +88,6 @@ private:
     }
 
     void grow(Side side);
-    // Readers at work: started, less those parked or asked to park.
-    int activeReaders() const { return int(m_threads.size()) - (m_parked - m_toUnpark) - m_toPark; }
 
     void release(std::unique_lock<std::mutex> &lock, const ListedFolder &listed);
 
@@ -125,9 +123,8 @@ private:
     int m_signaled = 0; // of those, woken and not yet awake
     int m_blocked = 0; // readings that waited on the disks, weighed against those that did not
     int m_baseReaders = 0; // the readers started with: a processor each
-    int m_toPark = 0; // readers asked to step aside, not yet parked
-    int m_parked = 0; // readers stepped aside, waiting on m_parking
-    int m_toUnpark = 0; // of those, readers called back and not yet awake
+    int m_readersWanted = 0; // readers to be at work; those beyond it park at their next task
+    int m_parked = 0; // readers parked, waiting on m_parking
     std::size_t m_keptFiles = 0; // folders and files read and not yet taken
     bool m_finishing = false; // the comparison is done
     // What the comparison waits for: a folder (side and entry), the end of the reading (kNone), or

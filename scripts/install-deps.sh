@@ -2,7 +2,7 @@
 # Installs, from Debian's packages, what building, running and testing Tanner Backup needs.
 # Safe to run again: it only calls apt-get when a package is missing.
 set -eu
-PACKAGES="cmake ninja-build g++ pkg-config
+PACKAGES="cmake ninja-build g++ pkg-config python3-fusepy
 qt6-base-dev qt6-base-dev-tools qt6-speech-dev qt6-speech-flite-plugin libgl-dev libgtest-dev
 clang libclang-rt-14-dev clang-format
 util-linux mount e2fsprogs rsync time python3 xvfb xauth dbus-x11 fusefat exfat-fuse exfatprogs dosfstools attr

@@ -8,6 +8,7 @@
 
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace tanner::test {
@@ -107,6 +108,30 @@ bool MountFuseImage(const QString &kind, const QString &imagePath, int sizeMiB, 
         return mounted;
     }
     return false;
+}
+
+QString MountFaultFs(const QString &root, const QString &mountPoint, const QString &rulesFile)
+{
+    const QString script = QStringLiteral(TANNER_SOURCE_DIR "/tests/support/faultfs.py");
+    if (QProcess::execute(QStringLiteral("/usr/bin/python3"), {QStringLiteral("-c"), QStringLiteral("import fusepy")})
+        != 0)
+        return QStringLiteral("the fault-injecting file system needs python3-fusepy");
+    if (!QFileInfo::exists(QStringLiteral("/dev/fuse")))
+        return QStringLiteral("the fault-injecting file system needs /dev/fuse");
+    QDir().mkpath(mountPoint);
+    const QByteArray target = QFile::encodeName(mountPoint);
+    struct statfs before = {};
+    ::statfs(target.constData(), &before);
+    if (!QProcess::startDetached(QStringLiteral("/usr/bin/python3"), {script, root, mountPoint, rulesFile}))
+        return QStringLiteral("python3 could not be started");
+    constexpr long kFuseMagic = 0x65735546;
+    for (int attempt = 0; attempt < 200; ++attempt) {
+        struct statfs now = {};
+        if (::statfs(target.constData(), &now) == 0 && now.f_type == kFuseMagic && before.f_type != kFuseMagic)
+            return QString();
+        ::usleep(25000);
+    }
+    return QStringLiteral("the fault-injecting file system did not mount");
 }
 
 void WriteTree(const QString &root, const Tree &tree)

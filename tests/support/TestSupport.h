@@ -48,6 +48,12 @@ bool MountExt4Image(
 // fuse.fusefat) or "exfat-fuse" (fuseblk). False when the tools are missing or refuse.
 bool MountFuseImage(const QString &kind, const QString &imagePath, int sizeMiB, const QString &mountPoint);
 
+// Mounts the folder `root` again at `mountPoint` through the fault-injecting pass-through file
+// system (tests/support/faultfs.py), whose operations fail as the lines of `rulesFile` say
+// ("read EIO /thesis.doc"); the file may be written at any time. Unmount it with LazyUnmount. The
+// reason it cannot run here, or empty once it is mounted.
+QString MountFaultFs(const QString &root, const QString &mountPoint, const QString &rulesFile);
+
 // A fixture tree written as data: relative path -> content. A path ending in "/" is a folder.
 using Tree = QMap<QString, QByteArray>;
 void WriteTree(const QString &root, const Tree &tree);

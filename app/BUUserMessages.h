@@ -21,6 +21,8 @@
     X(kCantExamineProperties, "I can't examine the properties of \"%@\" -- %@")                                        \
     X(kReasonReadOnly, "it is mounted read-only")                                                                      \
     X(kReasonExtraItems, "its top level holds items that are not mirrors of the backup folders")                       \
+    X(kReasonFolderNotMounted,                                                                                         \
+        "the backup folder \"%@\" is where a disk is mounted (as /etc/fstab says), and that disk is not mounted")      \
     X(kReasonFolderOnDevice,                                                                                           \
         "the backup folder \"%@\" is on that device itself, and a backup must be kept apart from its original")        \
     X(kAnotherBackupRunning, "Another backup of the device \"%@\" is running.")                                        \
@@ -29,8 +31,16 @@
     X(kFileNotCreated, "%@.\n\nThe file \"%@\" could not be created.")                                                 \
     X(kDeviceFull, "The device is full")                                                                               \
     X(kDeviceReadOnly, "The device is read-only")                                                                      \
-    X(kFileNoLongerExists, "The file no longer exists")                                                                \
-    X(kNoPermissionToCreate, "You don't have permission to create the file")                                           \
+    X(kFileGoneAtSource, "The file no longer exists at the source.")                                                   \
+    X(kFolderGoneAtSource, "The folder no longer exists at the source.")                                               \
+    X(kNameNotHeld, "The device can't hold the name \"%@\".")                                                          \
+    X(kNoPermissionInDeviceFolder, "You don't have permission to write in the folder \"%@\" on the device.")           \
+    X(kOwnerRefused, "The device refused the owner of the item (%1)")                                                  \
+    X(kOldCopyRemovedFirst, "The old copy was removed first, because the device could not hold both.")                 \
+    X(kFileUnreadable, "The file can't be read at the source (%@).")                                                   \
+    X(kFolderUnreadable, "The folder can't be read at the source (%@).")                                               \
+    X(kFileUnreadableKept, "The file can't be read at the source (%@). Its copy on the device is kept.")               \
+    X(kFolderUnreadableKept, "The folder can't be read at the source (%@). Its copy on the device is kept.")           \
     X(kFolderNotCreated, "%@\n\nThe folder \"%@\" could not be created.")                                              \
     X(kDataNotWritten, "%@.\n\nThe data could not be written to the device \"%@\".")                                   \
     X(kLargeDeletion, "This backup would delete %,lld of the %,lld items on \"%@\".")                                  \
@@ -38,6 +48,17 @@
         "That is half or more of what the backup device holds. It happens when a backup folder was emptied or "        \
         "renamed, or lies on a disk that is not mounted. Check the transactions before you go on.")                    \
     X(kLargeDeletionTurnOff, " You can turn this question off in the Edit menu.")                                      \
+    X(kLargeDeletionDetails, "They take %@ on the device. Most go from %@.")                                           \
+    X(kLargeDeletionFolder, "\"%@\" (%,lld)")                                                                          \
+    X(kLargeDeletionIgnored,                                                                                           \
+        " %,lld of them are still in your backup folders and are deleted because your ignore rules leave them out "    \
+        "now.")                                                                                                        \
+    X(kEmptiedFolder,                                                                                                  \
+        "The backup folder \"%@\" is empty, so this backup would delete everything in its mirror on \"%@\".")          \
+    X(kEmptiedFolderExplanation,                                                                                       \
+        "A folder where a disk or a network share is mounted looks empty while that disk is not mounted. Check the "   \
+        "folder before you go on.")                                                                                    \
+    X(kEmptiedFolderReview, " Review keeps the list of transactions in the window.")                                   \
     X(kLargeDeletionReview,                                                                                            \
         " Review keeps the list of transactions in the window. You can turn this question off in the Edit menu.")      \
     X(kNotEnoughSpace,                                                                                                 \

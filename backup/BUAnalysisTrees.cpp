@@ -256,10 +256,12 @@ int _ShouldCopyFile(AnalysisContext &context, int folderFd, const QString &folde
             "I can't examine the properties of \"%@\" -- %@", _Child(folder, itemName), error.failureReason);
         return 2;
     }
-    // Links, FIFOs, sockets and devices are never copied, nor hidden, immutable or unreadable files.
-    if (!properties.isRegularFile() || properties.systemImmutable || !properties.isReadable())
+    // Links, FIFOs, sockets and devices are never copied, nor hidden or immutable files. A source
+    // file the user may not read takes part, marked: its row fails, and its copy is kept.
+    if (!properties.isRegularFile() || properties.systemImmutable || (deviceSide && !properties.isReadable()))
         return 0;
     _GetFileStats(properties, stats);
+    stats->unreadable = !properties.isReadable();
     stats->size = properties.size;
     return 1;
 }
@@ -289,10 +291,13 @@ void _ReadFolder(AnalysisContext &context, const QString &path, bool deviceSide,
         if (!noPermission) {
             treeFailure();
         } else if (deviceSide) {
-            // The tree goes on without it; the comparison stops here if it needs its files. A
-            // source folder the user cannot read simply has nothing to copy.
+            // The tree goes on without it; the comparison stops here if it needs its files.
             out.filesFailed = true;
             out.filesReason = context.reason;
+        } else {
+            // A source folder the user cannot read fails its row; its mirror stays as it is.
+            out.unreadable = true;
+            out.unreadableReason = BUError::posix(errorNumber).failureReason;
         }
         return;
     }
@@ -343,10 +348,11 @@ void _ReadFolder(AnalysisContext &context, const QString &path, bool deviceSide,
             }
             if (known->isDirectory()) {
                 if (deviceSide
-                    || !(known->systemImmutable || !known->isReadable() || !_RulesAllowItem(context, itemName, true)
+                    || !(known->systemImmutable || !_RulesAllowItem(context, itemName, true)
                         || context.device->isRootFolder(*known))) {
                     FoundFolder folder {itemName, {}};
                     _GetFileStats(*known, &folder.stats);
+                    folder.stats.unreadable = !deviceSide && !known->isReadable();
                     subfolders.push_back(std::move(folder));
                 }
                 continue; // a folder is never one of the files

@@ -127,6 +127,9 @@ struct ListedFolder {
     QString treeReason;
     bool filesFailed = false; // the files up to the failure are kept
     QString filesReason;
+    // A source folder the program may not list: nothing of its mirror is deleted.
+    bool unreadable = false;
+    QString unreadableReason; // the system's reason
     std::vector<SourceFile> sourceFiles; // in listing order
     DeviceFileList deviceFiles; // sorted by name, without regard to case where the folder ignores it
     // A device folder whose names match without regard to case (the device's kind, or the

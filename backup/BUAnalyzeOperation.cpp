@@ -1,6 +1,7 @@
 #include "backup/BUAnalyzeOperation.h"
 
 #include "backup/BUAnalysisTrees.h"
+#include "backup/BUBackupFolderChecks.h"
 #include "backup/BUDeviceRoot.h"
 #include "backup/BUDevices.h"
 #include "backup/BUFileCopier.h"
@@ -34,7 +35,7 @@ QHash<QString, QString> g_caseConflicts;
 
 QString CaseConflictOf(const BUTransaction &transaction)
 {
-    if (transaction.action() != BUTransaction::kCopy || g_caseConflicts.isEmpty())
+    if (transaction.action() == BUTransaction::kDelete || g_caseConflicts.isEmpty())
         return QString();
     return g_caseConflicts.value(transaction.path());
 }
@@ -201,6 +202,9 @@ bool _RecordFolders(AnalysisContext &context, FolderTree &tree, FolderTree &othe
             rootPath = deviceSide ? deviceRoot : _ParentPath(path);
         }
         bool descend = true;
+        // The mirror of a source folder the user may not read is kept whole.
+        if (deviceSide && entry.match != kNone && _Entry(otherTree, entry.match)->stats.unreadable)
+            descend = false;
         if (entry.match == kNone) {
             BUTransaction transaction = folderTransaction(index, path, rootPath);
             if (deviceSide) {
@@ -218,9 +222,14 @@ bool _RecordFolders(AnalysisContext &context, FolderTree &tree, FolderTree &othe
                 _ReadFolderDigest(context, path, false, &source);
                 _ReadFolderDigest(context, _DeviceFolderPath(otherTree, entry.match), true, &device);
             }
-            // A mirror still marked by a run killed on the way gets an Update of its own: the backup
-            // that carries it out gives every folder of the mirror its source's attributes again.
-            if (_ShouldUpdateAttributes(context, source, device)
+            // A folder the user may not read gets a failed Update: its mirror is kept as it is.
+            if (const auto failure = conflicts.find(index); failure != conflicts.end()) {
+                BUTransaction transaction = folderTransaction(index, path, rootPath);
+                transaction.setAction(BUTransaction::kUpdate);
+                g_caseConflicts.insert(path, failure->second);
+                g_transactions.append(transaction);
+                descend = false;
+            } else if (_ShouldUpdateAttributes(context, source, device)
                 || (entry.parent == 0 && _HoldsRunMark(*context.device, _Name(otherTree, entry.match)))) {
                 BUTransaction transaction = folderTransaction(index, path, rootPath);
                 transaction.setAction(BUTransaction::kUpdate);
@@ -260,15 +269,18 @@ bool _LiesInside(int folderFd, const BUDeviceRoot &device)
 // What the mirrors hold and how much of it the Delete transactions remove, so that the window can
 // ask before a backup empties most of the device (as an emptied or unmounted source would). Parents
 // come before their children in the tree, so one pass finds every folder below a deleted one.
-void _CountDeviceItems(FolderTree &deviceTree, BUAnalysisReport *result)
+void _CountDeviceItems(FolderTree &deviceTree, FolderTree &sourceTree, BUAnalysisReport *result)
 {
     std::vector<bool> deleted(deviceTree.count(), false);
+    std::vector<bool> kept(deviceTree.count(), false); // the mirror of an unreadable source folder
     for (uint64_t i = 1; i < deviceTree.count(); ++i) {
         const FolderEntry *entry = _Entry(deviceTree, i);
         // The mirror folders themselves are not counted, only what they hold.
         const qint64 items = (entry->parent != 0 ? 1 : 0) + qint64(entry->files);
         result->mirrorItems += items;
-        deleted[i] = entry->match == kNone || (entry->parent != 0 && deleted[entry->parent]);
+        kept[i] = (entry->match != kNone && _Entry(sourceTree, entry->match)->stats.unreadable)
+            || (entry->parent != 0 && kept[entry->parent]);
+        deleted[i] = !kept[i] && (entry->match == kNone || (entry->parent != 0 && deleted[entry->parent]));
         if (deleted[i])
             result->itemsToDelete += items;
     }
@@ -355,6 +367,17 @@ void _MatchFolders(FolderTree &sourceTree, uint64_t s, FolderTree &deviceTree, u
     }
 }
 
+// The failure of a source item the user may not read.
+QString _UnreadableReason(bool folder, bool copyKept, int errorNumber)
+{
+    const QString reason = BUError::posix(errorNumber).failureReason;
+    if (!copyKept)
+        return folder ? FormatString("The folder can't be read at the source (%@).", reason)
+                      : FormatString("The file can't be read at the source (%@).", reason);
+    return folder ? FormatString("The folder can't be read at the source (%@). Its copy on the device is kept.", reason)
+                  : FormatString("The file can't be read at the source (%@). Its copy on the device is kept.", reason);
+}
+
 // The file transactions of one source folder against its device folder's files (null when it
 // has no device folder); the device files that no source file matched are left unseen.
 bool _RecordFilesInFolder(AnalysisContext &context, const QString &folder, const QString &rootPath, bool isBackupFolder,
@@ -373,6 +396,18 @@ bool _RecordFilesInFolder(AnalysisContext &context, const QString &folder, const
         bool counted = true;
         const bool conflict = !conflicts.files.empty() && !conflicts.files[i].isNull();
         DeviceFile *deviceFile = device && !conflict ? _FindDeviceFile(*device, name) : nullptr;
+        if (stats.unreadable) {
+            // Not read, so not compared: the row fails and the device copy stays.
+            if (deviceFile)
+                deviceFile->stats.seen = true;
+            if (!place)
+                place = BUTransaction::makePlace(folder, rootPath, source.names);
+            BUTransaction transaction(place, file.nameStart, file.nameLength);
+            transaction.setReplacesItem(deviceFile != nullptr);
+            g_caseConflicts.insert(transaction.path(), _UnreadableReason(false, deviceFile != nullptr, EACCES));
+            g_transactions.append(transaction);
+            continue;
+        }
         if (deviceFile) {
             FileStats *deviceStats = &deviceFile->stats;
             deviceStats->seen = true;
@@ -473,6 +508,14 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
             context.reason = QStringLiteral("it is mounted read-only");
             return fail();
         }
+    }
+    // A folder where a disk is mounted at start-up, while that disk is not mounted, is an empty
+    // folder: a backup would empty its mirror.
+    if (const QString unmounted = UnmountedBackupFolder(m_backupFolders); !unmounted.isNull()) {
+        context.reason = FormatString("the backup folder \"%@\" is where a disk is mounted (as /etc/fstab says), and "
+                                      "that disk is not mounted",
+            unmounted);
+        return fail();
     }
     QStringList mirrorNames;
     for (const QString &folder : std::as_const(m_backupFolders))
@@ -687,6 +730,18 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
             }
             ignoresCase = deviceFolder->ignoresCase;
         }
+        if (source->unreadable || entry.stats.unreadable) {
+            // Nothing of it was read: its row fails, and its mirror is kept whole.
+            folderConflicts.emplace(index, _UnreadableReason(true, entry.match != kNone, EACCES));
+            const auto lock = reader.lock();
+            _Entry(*sourceTree, index)->stats.unreadable = true;
+            if (entry.match != kNone) {
+                for (uint64_t e = _Entry(*deviceTree, entry.match)->firstChild; e != kNone;
+                     e = _Entry(*deviceTree, e)->nextSibling)
+                    reader.unwanted(e); // never compared
+            }
+            continue;
+        }
         CaseConflicts conflicts;
         if (ignoresCase) {
             _FindCaseConflicts(subfolders, source.get(), &conflicts);
@@ -694,6 +749,10 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
         }
         if (entry.match != kNone) {
             const auto lock = reader.lock();
+            // A backup folder with nothing to back up whose mirror holds items.
+            if (entry.parent == 0 && subfolders.empty() && source->sourceFiles.empty() && deviceFolder
+                && (!deviceFolder->deviceFiles.empty() || _Entry(*deviceTree, entry.match)->firstChild != kNone))
+                result.emptiedFolders.append(path);
             _MatchFolders(*sourceTree, index, *deviceTree, entry.match, ignoresCase, conflicts);
             for (uint64_t e = _Entry(*deviceTree, entry.match)->firstChild; e != kNone;
                  e = _Entry(*deviceTree, e)->nextSibling) {
@@ -765,7 +824,7 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
         || !_RecordFolders(context, *deviceTree, *sourceTree, true))
         return fail();
     folderPlaces = {};
-    _CountDeviceItems(*deviceTree, &result);
+    _CountDeviceItems(*deviceTree, *sourceTree, &result);
     return result;
 }
 

@@ -16,6 +16,7 @@
 #include "keelson/KSStrings.h"
 
 #include <QElapsedTimer>
+#include <QSet>
 
 #include <algorithm>
 #include <atomic>
@@ -75,6 +76,9 @@ struct BackupRun {
     QStringList marked; // mirror folders holding the mark of this run
     QStringList interrupted; // mirror folders that a killed run left marked
     FolderCache sourceFolders; // by absolute path
+    // Rows whose old copy must go before the new one is written: the device cannot hold both.
+    QSet<uint32_t> oldCopyFirst;
+    QString note; // what the current row's outcome says beside success
 
     ~BackupRun() { forgetDeviceFolder(); }
 
@@ -227,6 +231,56 @@ void _SetFullPermissionsAt(int parentFd, const QByteArray &name, const QString &
     }
 }
 
+// Characters that FAT and exFAT refuse in a name, besides control characters; a name may not end
+// in a space or a dot there either.
+bool _NameRefusedByFatDevices(QStringView name)
+{
+    if (name.isEmpty() || name.endsWith(u' ') || name.endsWith(u'.'))
+        return true;
+    return std::any_of(
+        name.begin(), name.end(), [](QChar c) { return c.unicode() < 0x20 || QStringView(u"\"*:<>?\\|").contains(c); });
+}
+
+// The text of a failed copy or update, and whether it stops the run. Only what concerns the whole
+// device stops it (ejected, full, read-only); a name the device cannot hold, a device folder that
+// refuses the user, an attribute refused, a source item gone since the analysis fail their row
+// alone, each with what happened.
+QString _ItemFailure(
+    BackupRun &run, const BUTransaction &transaction, const BUError &error, const QString &devicePath, QString *fatal)
+{
+    const bool reading
+        = error.domain == BUErrorDomain::Cocoa && error.code >= kReadUnknownError && error.code < kWriteUnknownError;
+    if (reading && error.code == kReadNoSuchFileError)
+        return transaction.isFolder() ? QStringLiteral("The folder no longer exists at the source.")
+                                      : QStringLiteral("The file no longer exists at the source.");
+    const int code = CocoaDomainErrorCode(error);
+    if (reading || code == kReadNoPermissionError)
+        return _ErrorStringFromError(run, error, QString());
+    const QString ejected = _ErrorForUnmountedVolume(run, devicePath);
+    if (!ejected.isEmpty()) {
+        *fatal = ejected;
+        return ejected;
+    }
+    const QString name = LastPathComponent(devicePath);
+    if (!run.device.kind().holdsOwnership && code != kWriteOutOfSpaceError && code != kWriteVolumeReadOnlyError
+        && _NameRefusedByFatDevices(name))
+        return FormatString("The device can't hold the name \"%@\".", name);
+    const QString text = _ErrorStringFromError(run, error, devicePath);
+    if (code == kWriteNoPermissionError)
+        return FormatString(
+            "You don't have permission to write in the folder \"%@\" on the device.", _ParentOf(devicePath));
+    if (code != kWriteOutOfSpaceError && code != kWriteVolumeReadOnlyError)
+        return text;
+    if (transaction.isFolder()) {
+        *fatal = FormatString("%@\n\nThe folder \"%@\" could not be created.", text, devicePath);
+        return text;
+    }
+    const QString reason = code == kWriteOutOfSpaceError ? QStringLiteral("The device is full")
+                                                         : QStringLiteral("The device is read-only");
+    *fatal = FormatString("%@.\n\nThe file \"%@\" could not be created.", reason, devicePath);
+    return text;
+}
+
 // Gives the device copy of a transaction's source item the source's attributes; the text is ""
 // or the reason it failed.
 QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fatal, bool replace = false);
@@ -245,9 +299,9 @@ QString _UpdateItem(BackupRun &run, const BUTransaction &transaction, QString *f
     QByteArray sourceName;
     const int sourceFd = run.sourceParent(transaction, &sourceName);
     if (sourceFd < 0)
-        return _ErrorStringFromError(run, BUError::sourceRead(errno), QString());
+        return _ItemFailure(run, transaction, BUError::sourceRead(errno), QString(), fatal);
     if (!ReadItemAttributesAtPath(_PathThrough(sourceFd, sourceName), &attributes, &error))
-        return _ErrorStringFromError(run, error, QString());
+        return _ItemFailure(run, transaction, BUError::sourceRead(error.code), QString(), fatal);
     const QString relative = run.device.relativePath(devicePath);
     QByteArray name;
     const int parentFd = run.deviceParent(relative, &name, run.device.kind().ignoresCase, &error);
@@ -319,25 +373,32 @@ QString _CopyFolder(BackupRun &run, const BUTransaction &transaction, QString *f
         return _UpdateItem(run, transaction, fatal);
     }
     error = BUError::deviceWrite(parentFd >= 0 ? errno : error.code);
-    const QString text = _ErrorStringFromError(run, error, devicePath);
-    // Another file system in the way stops only what would go into it.
-    if (error.failureReason != BUError::otherFileSystem().failureReason)
-        *fatal = FormatString("%@\n\nThe folder \"%@\" could not be created.", text, devicePath);
-    return text;
+    // Another file system in the way stops only what would go into it, as does a name the device
+    // cannot hold or a folder that refuses the user.
+    return _ItemFailure(run, transaction, error, devicePath, fatal);
 }
 
-// Removes what is at the name before a copy takes it, which frees its space before the new data
-// arrives. Where there is none nothing is removed: Linux refuses even that on a read-only file
-// system. False, with the error, when something is there and stays.
-bool _RemoveOldCopy(int parentFd, const QByteArray &name, BUError *error)
+// What a copy finds at its name on the device.
+enum class OldItem { None, File, Other };
+
+OldItem _OldItemAt(int parentFd, const QByteArray &name)
 {
     struct stat old;
-    if (::fstatat(parentFd, name.constData(), &old, AT_SYMLINK_NOFOLLOW) != 0) {
-        *error = BUError::posix(errno);
-        return CocoaDomainErrorCode(*error) == kNoSuchFileError;
-    }
+    if (::fstatat(parentFd, name.constData(), &old, AT_SYMLINK_NOFOLLOW) != 0)
+        return OldItem::None;
+    return S_ISREG(old.st_mode) ? OldItem::File : OldItem::Other;
+}
+
+// Removes what is at the name before a copy takes it: an item of another type (a folder, a link)
+// where the file belongs, or an old copy where the device cannot hold it beside the new one.
+// False, with the error, when something is there and stays.
+bool _RemoveOldItem(int parentFd, const QByteArray &name, BUError *error)
+{
     return RemoveItemAt(parentFd, name.constData(), error) || CocoaDomainErrorCode(*error) == kNoSuchFileError;
 }
+
+const QString kOldCopyRemovedFirst
+    = QStringLiteral("The old copy was removed first, because the device could not hold both.");
 
 QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fatal, bool replace)
 {
@@ -352,57 +413,44 @@ QString _CopyFile(BackupRun &run, const BUTransaction &transaction, QString *fat
         return _ErrorStringFromError(run, error, devicePath);
     if (parentFd >= 0) {
         _OpenUpForChange(run, parentFd, relative);
-        BUError removeError;
-        if ((replace || transaction.replacesItem()) && !_RemoveOldCopy(parentFd, name, &removeError))
-            return _ErrorStringFromError(run, removeError, devicePath);
-        for (bool removedOld = replace || transaction.replacesItem();; removedOld = true) {
+        // The old copy stays readable under its name until the new one is whole and takes its
+        // place in one step, so that whatever stops the copy leaves the device as it was.
+        bool replacing = false;
+        auto makeRoom = [&](OldItem old) {
+            if (old == OldItem::None)
+                return true;
+            if (old == OldItem::File && !run.oldCopyFirst.contains(run.row)) {
+                replacing = true;
+                return true;
+            }
+            if (old == OldItem::File)
+                run.note = kOldCopyRemovedFirst;
+            return _RemoveOldItem(parentFd, name, &error);
+        };
+        if ((replace || transaction.replacesItem()) && !makeRoom(_OldItemAt(parentFd, name)))
+            return _ErrorStringFromError(run, error, devicePath);
+        for (bool retried = false;; retried = true) {
             QByteArray sourceName;
             const int sourceFd = run.sourceParent(transaction, &sourceName);
             if (sourceFd < 0) {
                 error = BUError::sourceRead(errno);
                 break;
             }
-            if (run.copier.copyFile(sourceFd, sourceName, parentFd, name, run.device.kind(), &error)) {
+            if (run.copier.copyFile(sourceFd, sourceName, parentFd, name, run.device.kind(), &error, replacing)) {
                 _TouchParentOfFile(run, relative);
                 return QString();
             }
-            // The name was free at the analysis and has been taken since: what took it goes, as
-            // an old copy does. The copy never replaces anything on its own.
-            if (removedOld || CocoaDomainErrorCode(error) != kFileExistsError)
+            // The name was free at the analysis and has been taken since: what took it is treated
+            // as an old copy is.
+            if (retried || replacing || CocoaDomainErrorCode(error) != kFileExistsError)
                 break;
-            if (!_RemoveOldCopy(parentFd, name, &removeError))
-                return _ErrorStringFromError(run, removeError, devicePath);
+            if (!makeRoom(_OldItemAt(parentFd, name)))
+                return _ErrorStringFromError(run, error, devicePath);
         }
     } else {
         error = BUError::deviceWrite(error.code);
     }
-    const int code = CocoaDomainErrorCode(error);
-    if (code == kReadNoPermissionError)
-        return _ErrorStringFromError(run, error, QString());
-    const QString text = _ErrorStringFromError(run, error, devicePath);
-    const QString ejected = _ErrorForUnmountedVolume(run, devicePath);
-    QString reason;
-    switch (code) {
-    case kWriteOutOfSpaceError:
-        reason = QStringLiteral("The device is full");
-        break;
-    case kWriteVolumeReadOnlyError:
-        reason = QStringLiteral("The device is read-only");
-        break;
-    case kNoSuchFileError:
-        reason = QStringLiteral("The file no longer exists");
-        break;
-    case kWriteNoPermissionError:
-        reason = QStringLiteral("You don't have permission to create the file");
-        break;
-    default:
-        break;
-    }
-    if (!ejected.isEmpty())
-        *fatal = ejected;
-    else if (!reason.isEmpty())
-        *fatal = FormatString("%@.\n\nThe file \"%@\" could not be created.", reason, devicePath);
-    return text;
+    return _ItemFailure(run, transaction, error, devicePath, fatal);
 }
 
 QString _DeleteItem(BackupRun &run, const BUTransaction &transaction)
@@ -626,7 +674,7 @@ bool BUBackupOperation::performOperation()
     };
     run.copier.deviceGone = [&run] { return !run.device.isStillMounted(); };
     run.copier.cancelled = [this] { return m_cancelBackup.load(std::memory_order_relaxed); };
-    fatal = DeviceSpaceShortfall(m_transactions, m_targetName, run.device.path(), run.device.fd());
+    fatal = DeviceSpaceShortfall(m_transactions, m_targetName, run.device.path(), run.device.fd(), &run.oldCopyFirst);
     run.copier.progress = [&](int64_t bytes) {
         if (sinceProgress.isValid() && sinceProgress.elapsed() < 200)
             return;
@@ -672,9 +720,11 @@ bool BUBackupOperation::performOperation()
         current = i;
         run.row = uint32_t(i);
         QString text;
+        run.note.clear();
         lastWasFileCopy = false;
-        // A copy that the device can't hold beside its namesake fails without touching either.
-        if (transaction.action() == BUTransaction::kCopy && !g_caseConflicts.isEmpty())
+        // A copy that the device can't hold beside its namesake fails without touching either, as
+        // does an item the analysis could not read.
+        if (transaction.action() != BUTransaction::kDelete && !g_caseConflicts.isEmpty())
             text = g_caseConflicts.value(transaction.path());
         switch (text.isNull() ? transaction.action() : kAlreadyFailed) {
         case kAlreadyFailed:
@@ -702,6 +752,8 @@ bool BUBackupOperation::performOperation()
         if (transaction.action() == BUTransaction::kCopy && run.copier.stoppedByCancel())
             break;
         status.trans.insert(i, text);
+        if (!run.note.isEmpty())
+            status.notes.insert(i, run.note);
         if (text.isEmpty())
             done.push_back(uint32_t(i));
         ++batchCount;

@@ -20,6 +20,10 @@ struct BUAnalysisReport {
     std::optional<QString> error; // "I can't backup to ..." on every path but success
     qint64 mirrorItems = 0; // files and folders inside the device's mirror folders
     qint64 itemsToDelete = 0; // of those, what the Delete transactions remove
+    // Backup folders that hold nothing to back up while their mirrors hold items: what a folder
+    // whose disk is not mounted looks like. Both front ends ask before such a backup, whatever
+    // share of the device it deletes.
+    QStringList emptiedFolders;
 };
 
 // True when the Delete transactions would remove half or more of what the device's mirrors hold
@@ -32,11 +36,22 @@ inline bool DeletesMostOfTheDevice(const BUAnalysisReport &report)
 // The question's text for such a backup: "This backup would delete 120 of the 130 items on "Disk"."
 QString LargeDeletionMessage(const BUAnalysisReport &report);
 QString LargeDeletionExplanation();
+// What the deletes of g_transactions take away, for the question: their bytes on the device, the
+// backup folders whose mirrors lose most, and how many are still at the source but ignored now.
+// Walks the deleted folders on the device: asked only before the question.
+QString LargeDeletionDetails(const BUAnalysisReport &report, const QStringList &backupFolders);
+// The question for a backup folder that became empty (see emptiedFolders).
+QString EmptiedFolderMessage(const BUAnalysisReport &report);
+QString EmptiedFolderExplanation();
+// The one question a front end asks before this backup, or null: an emptied folder first, then a
+// large deletion when `largeDeletions` (the user's setting) asks for it.
+QString DeletionQuestion(const BUAnalysisReport &report, bool largeDeletions);
 
 // Progress of the backup: one batch of at most two transactions of one action and kind, or a
 // single file copy.
 struct BUBackupStatusReport {
     QMap<qsizetype, QString> trans; // transaction index -> error text, "" for success
+    QMap<qsizetype, QString> notes; // what a done transaction's row says beside its success
     double copied = 0; // bytes of the file copies of this batch
 };
 

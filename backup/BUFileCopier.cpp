@@ -1,5 +1,6 @@
 #include "backup/BUFileCopier.h"
 
+#include "backup/BUDeviceRoot.h"
 #include "keelson/KSStrings.h"
 
 #include <QRandomGenerator>
@@ -76,12 +77,18 @@ bool _SourceFailed(int in)
     return position >= 0 && ::pread(in, &byte, 1, position) < 0;
 }
 
+// A fresh temporary name: the prefix and 64 random bits.
+QByteArray _TemporaryName()
+{
+    return QByteArray(kTemporaryNamePrefix)
+        + QByteArray::number(QRandomGenerator::global()->generate64(), 16).rightJustified(16, '0');
+}
+
 // Creates a file under a fresh temporary name in the folder; false with errno.
 bool _CreateTemporary(int folderFd, QByteArray *temporary, int *out)
 {
     for (int attempt = 0; attempt < 16; ++attempt) {
-        *temporary = QByteArray(kTemporaryNamePrefix)
-            + QByteArray::number(QRandomGenerator::global()->generate64(), 16).rightJustified(16, '0');
+        *temporary = _TemporaryName();
         *out = ::openat(folderFd, temporary->constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
         if (*out >= 0)
             return true;
@@ -91,9 +98,42 @@ bool _CreateTemporary(int folderFd, QByteArray *temporary, int *out)
     return false;
 }
 
-// Renames a finished copy from its temporary name to its own, which must be free.
-bool _PutInPlace(int folderFd, const QByteArray &temporary, const QByteArray &name, BUError *error)
+// Puts a finished copy in the place of the old file of its name in one step: until that instant the
+// old data stays readable under the name. A file system that cannot rename over a file (or an old
+// copy held by an immutable flag) gets the old copy moved aside first and removed only once the
+// new one has its name; if the new one cannot take it, the old one goes back.
+bool _ReplaceWith(int folderFd, const QByteArray &temporary, const QByteArray &name, BUError *error)
 {
+    if (::renameat(folderFd, temporary.constData(), folderFd, name.constData()) == 0)
+        return true;
+    if (errno == EPERM) {
+        ClearImmutableFlags(folderFd, name.constData());
+        if (::renameat(folderFd, temporary.constData(), folderFd, name.constData()) == 0)
+            return true;
+    }
+    int failure = errno;
+    if (failure == EEXIST || failure == ENOTEMPTY || failure == EPERM || failure == EACCES || failure == EINVAL) {
+        const QByteArray aside = _TemporaryName();
+        if (::renameat(folderFd, name.constData(), folderFd, aside.constData()) == 0) {
+            if (::renameat(folderFd, temporary.constData(), folderFd, name.constData()) == 0) {
+                ::unlinkat(folderFd, aside.constData(), 0);
+                return true;
+            }
+            failure = errno;
+            ::renameat(folderFd, aside.constData(), folderFd, name.constData());
+        }
+    }
+    *error = _WriteError(failure);
+    ::unlinkat(folderFd, temporary.constData(), 0);
+    return false;
+}
+
+// Renames a finished copy from its temporary name to its own, which must be free unless the copy
+// replaces the file there.
+bool _PutInPlace(int folderFd, const QByteArray &temporary, const QByteArray &name, bool replace, BUError *error)
+{
+    if (replace)
+        return _ReplaceWith(folderFd, temporary, name, error);
     int result = ::renameat2(folderFd, temporary.constData(), folderFd, name.constData(), RENAME_NOREPLACE);
     if (result != 0 && errno == EINVAL) {
         // A file system that cannot refuse to replace (some FUSE ones) is asked first.
@@ -218,7 +258,7 @@ bool BUFileCopier::skipHole(int in, int out, int64_t *position, int64_t *end)
 }
 
 bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, int folderFd, const QByteArray &name,
-    const BUVolumeKind &kind, BUError *error)
+    const BUVolumeKind &kind, BUError *error, bool replace)
 {
     BUError ignored;
     if (!error)
@@ -265,10 +305,11 @@ bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, in
     // A small file is written into an unnamed file of the folder and linked in under its name when
     // it is complete: a temporary name would be added to the folder and taken out again, which
     // costs a flat folder of many small files a fifth of its copy time. A big file keeps a
-    // temporary name while it is written, which the next analysis finds if the run is killed.
+    // temporary name while it is written, which the next analysis finds if the run is killed. So
+    // does every file that replaces an old copy: only a rename can put it there in one step.
     QByteArray temporary;
     int out = -1;
-    if (m_unnamedFiles && kind.holdsOwnership && !large) {
+    if (m_unnamedFiles && kind.holdsOwnership && !large && !replace) {
         out = ::openat(folderFd, ".", O_WRONLY | O_TMPFILE | O_CLOEXEC, 0600);
         if (out < 0 && (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL)) {
             m_unnamedFiles = false; // this file system has none
@@ -394,12 +435,12 @@ bool BUFileCopier::copyFile(int sourceFolderFd, const QByteArray &sourceName, in
         return false;
     }
     if (kind.holdsOwnership)
-        return _PutInPlace(folderFd, temporary, name, error);
+        return _PutInPlace(folderFd, temporary, name, replace, error);
     // FUSE file systems may write their cached data, and with it a new time, at close; FAT's gives
     // a renamed file the time of the rename. The times are set before and after it.
     const timespec times[2] = {StorableTime(attributes.accessed, kind), StorableTime(attributes.modified, kind)};
     ::utimensat(folderFd, temporary.constData(), times, AT_SYMLINK_NOFOLLOW);
-    if (!_PutInPlace(folderFd, temporary, name, error))
+    if (!_PutInPlace(folderFd, temporary, name, replace, error))
         return false;
     ::utimensat(folderFd, name.constData(), times, AT_SYMLINK_NOFOLLOW);
     return true;

@@ -40,12 +40,13 @@ public:
     std::function<bool()> cancelled;
 
     // Copies the file sourceName in the source folder sourceFolderFd (AT_FDCWD for a path; never
-    // following a link) to `name` in the device folder, which must be free: nothing is ever
-    // replaced. Errors are in the Cocoa file domain: reading the source 257 (no permission), 260
-    // (gone) or 256; writing 513 (no permission), 640 (full), 642 (read-only), 4 (folder gone),
-    // 516 (the name is taken) or 512.
+    // following a link) to `name` in the device folder, which must be free unless `replace`: then
+    // the regular file there (the old copy) is replaced in one step once the new copy is whole and
+    // has its attributes, and stays as it was whenever the copy fails. Errors are in the Cocoa file domain: reading the
+    // source 257 (no permission), 260 (gone) or 256; writing 513 (no permission), 640 (full), 642 (read-only), 4
+    // (folder gone), 516 (the name is taken) or 512.
     bool copyFile(int sourceFolderFd, const QByteArray &sourceName, int folderFd, const QByteArray &name,
-        const BUVolumeKind &kind, BUError *error);
+        const BUVolumeKind &kind, BUError *error, bool replace = false);
     // Whether the last copy was stopped by `cancelled`.
     bool stoppedByCancel() const { return m_stoppedByCancel; }
 

@@ -312,8 +312,15 @@ bool WriteItemAttributes(int fd, const BUItemAttributes &attributes, const BUVol
     };
     if (kind.holdsOwnership) {
         // The owner first: changing it clears the set-user-ID bits that the mode then restores.
-        if (RunningAsRoot() && ::fchown(fd, attributes.owner, attributes.group) != 0)
+        if (RunningAsRoot() && ::fchown(fd, attributes.owner, attributes.group) != 0) {
+            // A share that maps root to nobody refuses owners: a failure of the item, named.
+            if ((errno == EPERM || errno == EINVAL) && error) {
+                *error = {BUErrorDomain::Cocoa, kWriteUnknownError,
+                    QStringLiteral("The device refused the owner of the item (%1)").arg(SystemErrorText(errno))};
+                return false;
+            }
             return fail(errno);
+        }
         QByteArray list;
         const bool listed
             = !newItem && _QueryAttribute([fd](char *b, std::size_t s) { return ::flistxattr(fd, b, s); }, &list);

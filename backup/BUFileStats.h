@@ -26,6 +26,8 @@ struct AttributeStats {
     uint8_t label = 0; // none on Linux
     bool hasCustomIcon = false; // none on Linux
     bool hasHiddenExtension = false; // none on Linux
+    // A source item the program may not read: its row fails and its device copy is kept.
+    bool unreadable = false;
 };
 static_assert(sizeof(AttributeStats) == 24);
 

@@ -7,6 +7,7 @@
 
 #include "backup/BUTransaction.h"
 
+#include <QSet>
 #include <QString>
 
 struct BUSpaceNeeds {
@@ -18,10 +19,17 @@ struct BUSpaceNeeds {
 // `deviceRoot`) and the bytes free there. False when the device's figures cannot be read.
 // Files are counted by the blocks they take: a sparse file by its data, each rounded up to the
 // device's block. The sources and the device are examined only when the plain sizes do not fit.
-bool DeviceSpaceNeeds(
-    const BUTransactionList &transactions, const QString &deviceRoot, int deviceFd, BUSpaceNeeds *needs);
+// oldCopyFirst, when given, receives the rows of copies whose old copy must be removed before the
+// new one is written: where the device cannot hold both at that point of the run. Every other
+// replaced copy is written whole beside its old one first.
+bool DeviceSpaceNeeds(const BUTransactionList &transactions, const QString &deviceRoot, int deviceFd,
+    BUSpaceNeeds *needs, QSet<uint32_t> *oldCopyFirst = nullptr);
+
+// The items (the item itself and all inside it) of a device item at an absolute path, counted
+// without following links; adds the bytes they take to *bytes.
+qint64 ItemsAndBytesOfDeviceItem(const QString &path, qint64 *bytes);
 
 // The message that stops a backup that cannot fit, naming both figures; null when it fits or
 // the figures cannot be read (the copies then find out for themselves).
-QString DeviceSpaceShortfall(
-    const BUTransactionList &transactions, const QString &deviceName, const QString &deviceRoot, int deviceFd);
+QString DeviceSpaceShortfall(const BUTransactionList &transactions, const QString &deviceName,
+    const QString &deviceRoot, int deviceFd, QSet<uint32_t> *oldCopyFirst = nullptr);

@@ -1,6 +1,8 @@
 #include "backup/BUTransaction.h"
 
+#include "backup/BUDevices.h"
 #include "backup/BUEngineReceiver.h"
+#include "backup/BUFreeSpace.h"
 #include "keelson/FormatString.h"
 
 #include "keelson/KSStrings.h"
@@ -14,6 +16,7 @@
 #include <cstring>
 #include <mutex>
 #include <new>
+#include <sys/stat.h>
 #include <vector>
 
 BUTransactionList g_transactions;
@@ -586,6 +589,17 @@ void BUTransactionOutcomes::clear()
 {
     m_done = {};
     m_errors = {};
+    m_notes.clear();
+}
+
+QString BUTransactionOutcomes::note(qsizetype row) const
+{
+    return m_notes.value(row);
+}
+
+void BUTransactionOutcomes::setNote(qsizetype row, const QString &text)
+{
+    m_notes.insert(row, text);
 }
 
 void ClearTransactions()
@@ -595,9 +609,11 @@ void ClearTransactions()
     g_errors.clear();
 }
 
-qsizetype ApplyBackupStatus(const QMap<qsizetype, QString> &trans, double copied)
+qsizetype ApplyBackupStatus(const QMap<qsizetype, QString> &trans, double copied, const QMap<qsizetype, QString> &notes)
 {
     g_copiedBytes += copied;
+    for (auto it = notes.cbegin(); it != notes.cend(); ++it)
+        g_outcomes.setNote(it.key(), it.value());
     qsizetype highest = -1;
     for (auto it = trans.cbegin(); it != trans.cend(); ++it) {
         if (it.key() < 0 || it.key() >= g_transactions.size())
@@ -625,6 +641,68 @@ QString LargeDeletionMessage(const BUAnalysisReport &report)
 {
     return FormatString("This backup would delete %,lld of the %,lld items on \"%@\".", report.itemsToDelete,
         report.mirrorItems, report.target);
+}
+
+QString LargeDeletionDetails(const BUAnalysisReport &report, const QStringList &backupFolders)
+{
+    const QString deviceRoot = DeviceRootPath(report.target);
+    qint64 bytes = 0, ignored = 0;
+    QMap<QString, qint64> byMirror; // items deleted, by mirror name
+    for (const BUTransaction &transaction : std::as_const(g_transactions)) {
+        if (transaction.action() != BUTransaction::kDelete)
+            continue;
+        const QString path = transaction.path();
+        if (!path.startsWith(deviceRoot + u'/'))
+            continue;
+        const QString relative = path.mid(deviceRoot.size() + 1);
+        const qint64 items = ItemsAndBytesOfDeviceItem(path, &bytes);
+        const QString mirror = relative.section(u'/', 0, 0);
+        byMirror[mirror] += items;
+        // Still at the source, yet deleted: left out by the ignore rules (or unreadable names).
+        for (const QString &folder : backupFolders) {
+            if (LastPathComponent(folder) != mirror)
+                continue;
+            struct stat status;
+            const QString sourcePath = folder.left(folder.lastIndexOf(u'/')) + u'/' + relative;
+            if (::lstat(FileNameToBytes(sourcePath).constData(), &status) == 0)
+                ignored += items;
+            break;
+        }
+    }
+    QList<QPair<qint64, QString>> most;
+    for (auto it = byMirror.cbegin(); it != byMirror.cend(); ++it)
+        most.append({it.value(), it.key()});
+    std::sort(most.begin(), most.end(), [](const auto &a, const auto &b) { return a.first > b.first; });
+    QStringList names;
+    for (qsizetype i = 0; i < std::min<qsizetype>(most.size(), 3); ++i)
+        names.append(FormatString("\"%@\" (%,lld)", most[i].second, most[i].first));
+    QString text = FormatString("They take %@ on the device. Most go from %@.", FileSizeString(double(bytes)),
+        names.join(QStringLiteral(", ")));
+    if (ignored > 0)
+        text += FormatString(" %,lld of them are still in your backup folders and are deleted because your ignore "
+                             "rules leave them out now.",
+            ignored);
+    return text;
+}
+
+QString EmptiedFolderMessage(const BUAnalysisReport &report)
+{
+    return FormatString("The backup folder \"%@\" is empty, so this backup would delete everything in its mirror on "
+                        "\"%@\".",
+        report.emptiedFolders.value(0), report.target);
+}
+
+QString EmptiedFolderExplanation()
+{
+    return QStringLiteral("A folder where a disk or a network share is mounted looks empty while that disk is not "
+                          "mounted. Check the folder before you go on.");
+}
+
+QString DeletionQuestion(const BUAnalysisReport &report, bool largeDeletions)
+{
+    if (!report.emptiedFolders.isEmpty())
+        return EmptiedFolderMessage(report);
+    return largeDeletions && DeletesMostOfTheDevice(report) ? LargeDeletionMessage(report) : QString();
 }
 
 QString LargeDeletionExplanation()

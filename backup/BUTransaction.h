@@ -12,6 +12,7 @@
 #pragma once
 
 #include <QExplicitlySharedDataPointer>
+#include <QHash>
 #include <QList>
 #include <QMap>
 #include <QSharedData>
@@ -209,6 +210,10 @@ public:
     // The first failed row from row on; -1 for none.
     qsizetype firstFailure(qsizetype row) const;
     void setErrorIndex(qsizetype row, uint32_t errorIndex);
+    // What a row says beside its outcome (a done copy whose old copy had to go first); few rows
+    // have one.
+    QString note(qsizetype row) const;
+    void setNote(qsizetype row, const QString &text);
     void clear();
 
 private:
@@ -218,6 +223,7 @@ private:
 
     std::vector<uint64_t> m_done;
     std::vector<Failure> m_errors; // by row
+    QHash<qsizetype, QString> m_notes;
 };
 
 // Applies one progress report of the backup to the shared state, as every front end shows it:
@@ -226,7 +232,9 @@ private:
 // (appended when new). A row reported again as failed after it was reported done (its data did
 // not reach the device) turns failed, counted once. Returns the highest index reported, -1 for
 // none. Main thread.
-qsizetype ApplyBackupStatus(const QMap<qsizetype, QString> &trans, double copied);
+// notes: what done rows say beside their success.
+qsizetype ApplyBackupStatus(
+    const QMap<qsizetype, QString> &trans, double copied, const QMap<qsizetype, QString> &notes = {});
 
 // Empties g_transactions and forgets their outcomes and error texts, before a new analysis.
 void ClearTransactions();

@@ -156,9 +156,11 @@ public:
             }
             return finish(kExitOk);
         }
-        if (!m_yes && DeletesMostOfTheDevice(report) && ConfirmsLargeDeletions()) {
-            m_statusText = LargeDeletionMessage(report);
-            m_error = LargeDeletionExplanation()
+        const QString question = m_yes ? QString() : DeletionQuestion(report, ConfirmsLargeDeletions());
+        if (!question.isNull()) {
+            m_statusText = question;
+            m_error = (report.emptiedFolders.isEmpty() ? LargeDeletionExplanation() : EmptiedFolderExplanation()) + u' '
+                + LargeDeletionDetails(report, BUAppController::sharedInstance().backupFolders())
                 + QStringLiteral(
                     " Run the backup again with --yes to go ahead, or look first with: tanner-backup analyze ")
                 + report.target;
@@ -177,8 +179,15 @@ public:
 
     void backupStatus(const BUBackupStatusReport &report) override
     {
-        ApplyBackupStatus(report.trans, report.copied);
+        ApplyBackupStatus(report.trans, report.copied, report.notes);
         m_inFlight = 0;
+        for (auto it = report.notes.cbegin(); it != report.notes.cend() && !m_json; ++it) {
+            clearProgress();
+            const BUTransaction &transaction = g_transactions.at(it.key());
+            PrintLine(stdout,
+                transaction.actionName() + u'\t' + _KindName(transaction) + u'\t' + transaction.path() + u'\t'
+                    + it.value());
+        }
         for (auto it = report.trans.cbegin(); it != report.trans.cend(); ++it) {
             if (it.value().isEmpty() || m_json)
                 continue;
@@ -315,6 +324,9 @@ private:
                     + (g_outcomes.isDone(i) ? QStringLiteral("true") : QStringLiteral("false"));
                 const QString error = g_outcomes.errorText(i);
                 out += QStringLiteral(", \"error\": ") + (error.isNull() ? QStringLiteral("null") : _Json(error));
+                const QString note = g_outcomes.note(i);
+                if (!note.isEmpty())
+                    out += QStringLiteral(", \"note\": ") + _Json(note);
             }
             out += u'}';
         }

@@ -14,6 +14,7 @@
 #include <QCoreApplication>
 #include <QCryptographicHash>
 #include <QDir>
+#include <QDirIterator>
 #include <QEventLoop>
 #include <QFile>
 #include <QProcess>
@@ -44,6 +45,19 @@ inline void WriteFileBytes(const QByteArray &path, const QByteArray &content)
     ASSERT_GE(fd, 0) << path.constData();
     ASSERT_EQ(::write(fd, content.constData(), std::size_t(content.size())), content.size());
     ::close(fd);
+}
+
+// The temporary files of copies under root.
+inline QStringList TemporaryFiles(const QString &root)
+{
+    QStringList found;
+    QDirIterator it(root, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        if (it.fileName().startsWith(QStringLiteral(".tanner-partial-")))
+            found.append(path);
+    }
+    return found;
 }
 
 inline qint64 ModificationTime(const QString &path)
@@ -183,18 +197,24 @@ public:
     void backupStatus(const BUBackupStatusReport &report) override
     {
         statuses.append(report);
-        ApplyBackupStatus(report.trans, report.copied);
+        ApplyBackupStatus(report.trans, report.copied, report.notes);
     }
     void backupComplete(const BUBackupCompleteReport &report) override
     {
         complete = report;
         m_loop.quit();
     }
+    void copyProgress(qsizetype, double) override
+    {
+        if (cancelOnFirstProgress && m_operation)
+            m_operation->cancel();
+    }
     // Runs the sorted g_transactions and waits for the end (at most two minutes).
     void runBackup(const QString &device, const QStringList &folders)
     {
         KSOperationQueue queue;
-        queue.addOperation(std::make_shared<BUBackupOperation>(this, device, g_transactions, folders));
+        m_operation = std::make_shared<BUBackupOperation>(this, device, g_transactions, folders);
+        queue.addOperation(m_operation);
         QTimer::singleShot(120000, &m_loop, &QEventLoop::quit);
         m_loop.exec();
     }
@@ -202,9 +222,11 @@ public:
     BUAnalysisReport analysis;
     QList<BUBackupStatusReport> statuses;
     std::optional<BUBackupCompleteReport> complete;
+    bool cancelOnFirstProgress = false; // Cancel as the first big file's progress arrives
 
 private:
     QEventLoop m_loop;
+    std::shared_ptr<BUBackupOperation> m_operation;
 };
 
 // A volumes root with the device "Dev" (a tmpfs) and a source folder "Docs".

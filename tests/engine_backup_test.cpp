@@ -32,18 +32,6 @@ bool SetAppendOnly(const QString &path, bool on)
     return ok;
 }
 
-QStringList TemporaryFiles(const QString &root)
-{
-    QStringList found;
-    QDirIterator it(root, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        const QString path = it.next();
-        if (it.fileName().startsWith(QStringLiteral(".tanner-partial-")))
-            found.append(path);
-    }
-    return found;
-}
-
 } // namespace
 
 TEST_F(DeviceTest, CopiesBytesAttributesAndFolderTimes)
@@ -187,8 +175,6 @@ TEST_F(DeviceTest, FatalErrorsStopTheRun)
                 WriteTree(source(), {{"b.bin", QByteArray(4 << 20, 'b')}});
             },
             QStringLiteral("The device is full.\n\nThe file \"%1\" could not be created.").arg(file)},
-        {"source vanished", [this] { QFile::remove(source(QStringLiteral("b.bin"))); },
-            QStringLiteral("The file no longer exists.\n\nThe file \"%1\" could not be created.").arg(file)},
         {"device read-only as a whole", [this] { ASSERT_TRUE(RemountReadOnly(device())); },
             QStringLiteral("The device \"Dev\" has been ejected.")},
     };

@@ -39,6 +39,7 @@
 #include <algorithm>
 #include <cmath>
 #include <mutex>
+#include <sys/mount.h>
 #include <utility>
 
 using namespace tanner::test;
@@ -441,7 +442,8 @@ TEST_F(MainWindow, ExtraItemsAnalysisOnlyAndLargeDeletions)
     backupButton->click();
     ASSERT_TRUE(runToEnd());
     ASSERT_EQ(alerts.size(), 1);
-    EXPECT_TRUE(alerts.front().startsWith(QStringLiteral("This backup would delete"))) << alerts.front().toStdString();
+    EXPECT_TRUE(alerts.front().startsWith(QStringLiteral("The backup folder \"%1\" is empty").arg(source)))
+        << alerts.front().toStdString();
     EXPECT_TRUE(QFile::exists(device + QStringLiteral("/Docs/more/f1.txt"))); // nothing deleted
     EXPECT_EQ(table->model()->rowCount(), 0);
 }
@@ -526,20 +528,20 @@ TEST_F(MainWindow, CountersBelongToTheirRun)
     EXPECT_EQ(status->text(), QStringLiteral("The backup device is up to date"));
     EXPECT_FALSE(counters()->isVisible());
 
-    // A stop names what was never tried: source files gone after the analysis stop the run.
+    // A stop names what was never tried: a device that turns read-only after the analysis stops
+    // the run.
     WriteTree(source,
         {{QStringLiteral("sub/n1.txt"), QByteArray(60000, '1')},
             {QStringLiteral("sub/n2.txt"), QByteArray(60000, '2')}});
     const QMetaObject::Connection listed
         = QObject::connect(table->model(), &QAbstractItemModel::modelReset, window.get(), [&] {
-              if (table->model()->rowCount() > 0) {
-                  QFile::remove(source + QStringLiteral("/sub/n1.txt"));
-                  QFile::remove(source + QStringLiteral("/sub/n2.txt"));
-              }
+              if (table->model()->rowCount() > 0)
+                  RemountReadOnly(device);
           });
     backupButton->click();
     ASSERT_TRUE(runToEnd());
     QObject::disconnect(listed);
+    ASSERT_EQ(::mount(nullptr, QFile::encodeName(device).constData(), nullptr, MS_REMOUNT, nullptr), 0);
     const int rows = table->model()->rowCount();
     ASSERT_GE(rows, 2);
     const QRegularExpressionMatch stopped
@@ -593,7 +595,7 @@ TEST_F(MainWindow, TheLargeDeletionQuestionLetsTheUserReview)
     backupButton->click();
     ASSERT_TRUE(runToEnd());
     QDir(source + QStringLiteral("/more")).removeRecursively();
-    answer = KSAlertController::kThirdButton; // "Review"
+    answer = KSAlertController::kFirstButton; // "Review", the default
     backupButton->click();
     ASSERT_TRUE(runToEnd());
     ASSERT_EQ(alerts.size(), 1);
@@ -604,7 +606,7 @@ TEST_F(MainWindow, TheLargeDeletionQuestionLetsTheUserReview)
     EXPECT_EQ(table->model()->rowCount(), 1); // the folder's Delete, listed to be looked at
     EXPECT_TRUE(QFile::exists(device + QStringLiteral("/Docs/more/f1.txt"))); // nothing deleted
     EXPECT_TRUE(backupButton->isEnabled());
-    answer = KSAlertController::kFirstButton;
+    answer = KSAlertController::kThirdButton; // "Backup"
     backupButton->click();
     ASSERT_TRUE(runToEnd());
     EXPECT_EQ(status->text(), QStringLiteral("Backup succeeded"));

@@ -88,7 +88,11 @@ QVariant BUTransactionTableModel::data(const QModelIndex &index, int role) const
         case kNameColumn:
             return LastPathComponent(t.path());
         case kLocationColumn:
-            return failed ? failureLocation(t) + u'\n' + error : locationOf(t.path());
+            if (failed)
+                return failureLocation(t) + u'\n' + error;
+            if (const QString note = done ? g_outcomes.note(index.row()) : QString(); !note.isEmpty())
+                return locationOf(t.path()) + u'\n' + note;
+            return locationOf(t.path());
         default:
             return {};
         }

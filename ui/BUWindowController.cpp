@@ -462,18 +462,24 @@ void BUWindowController::cancel()
 BUWindowController::DeletionAnswer BUWindowController::confirmLargeDeletion(const BUAnalysisReport &report)
 {
     // An emptied, renamed or unmounted source folder looks to the analysis like a folder whose
-    // contents were all deleted. Ask before making the device follow it.
-    if (!ui->confirmDeletionsAction->isChecked() || !DeletesMostOfTheDevice(report))
+    // contents were all deleted. Ask before making the device follow it; the safe answer, Review,
+    // is the default one. An emptied backup folder is asked about whatever the setting.
+    const QString question = DeletionQuestion(report, ui->confirmDeletionsAction->isChecked());
+    if (question.isNull())
         return DeletionAnswer::Backup;
-    const int answer = KSAlert::sharedInstance().giveAlertMessageWithHelp(LargeDeletionMessage(report),
-        LargeDeletionExplanation()
+    const bool emptied = !report.emptiedFolders.isEmpty();
+    const QString details = LargeDeletionDetails(report, BUAppController::sharedInstance().backupFolders());
+    const QString explanation = emptied ? EmptiedFolderExplanation() + u' ' + details
+            + QStringLiteral(" Review keeps the list of transactions in the window.")
+                                        : LargeDeletionExplanation() + u' ' + details
             + QStringLiteral(" Review keeps the list of transactions in the window. You can turn this question off "
-                             "in the Edit menu."),
-        {QStringLiteral("Backup"), QStringLiteral("Cancel"), QStringLiteral("Review")},
+                             "in the Edit menu.");
+    const int answer = KSAlert::sharedInstance().giveAlertMessageWithHelp(question, explanation,
+        {QStringLiteral("Review"), QStringLiteral("Cancel"), QStringLiteral("Backup")},
         [](QWidget *box) { OpenHelpOverBox(box, BUHelpBookmark::kLargeDeletions); });
-    if (answer == KSAlertController::kFirstButton)
+    if (answer == KSAlertController::kThirdButton)
         return DeletionAnswer::Backup;
-    return answer == KSAlertController::kThirdButton ? DeletionAnswer::Review : DeletionAnswer::Cancel;
+    return answer == KSAlertController::kFirstButton ? DeletionAnswer::Review : DeletionAnswer::Cancel;
 }
 
 void BUWindowController::analysisComplete(const BUAnalysisReport &report)
@@ -583,7 +589,7 @@ void BUWindowController::selectTransactionRow(qsizetype row)
 void BUWindowController::backupStatus(const BUBackupStatusReport &report)
 {
     bytesInFlight = 0;
-    const qsizetype highest = ApplyBackupStatus(report.trans, report.copied);
+    const qsizetype highest = ApplyBackupStatus(report.trans, report.copied, report.notes);
     if (!report.trans.isEmpty()) {
         const qsizetype lowest = report.trans.firstKey(); // a map: its keys come in order
         for (auto it = report.trans.begin(); it != report.trans.end(); ++it) {

@@ -65,7 +65,8 @@
         "The backup needs %@ on the device \"%@\", which has only %@ free. Nothing was changed on the device.")        \
     X(kStopAndQuit, "A backup to \"%@\" is running. Stop it and quit?")                                                \
     X(kStopAndQuitExplanation,                                                                                         \
-        "What was copied so far stays on the device. The window closes once the backup has stopped.")                  \
+        "What was copied so far stays on the device, and a file being updated keeps its old copy. The window closes "  \
+        "once the backup has stopped.")                                                                                \
     X(kStopAndQuitButton, "Stop and Quit")                                                                             \
     X(kKeepRunningButton, "Keep Running")                                                                              \
     X(kCantOpenAddress, "I can't open %@.")                                                                            \

@@ -237,8 +237,8 @@ void BUWindowController::closeEvent(QCloseEvent *event)
         if (!closeWhenIdle) {
             const int answer = KSAlert::sharedInstance().giveAlertMessage(
                 FormatString("A backup to \"%@\" is running. Stop it and quit?", jobTarget),
-                QStringLiteral("What was copied so far stays on the device. The window closes once the backup has "
-                               "stopped."),
+                QStringLiteral("What was copied so far stays on the device, and a file being updated keeps its old "
+                               "copy. The window closes once the backup has stopped."),
                 {QStringLiteral("Stop and Quit"), QStringLiteral("Keep Running")});
             if (answer != KSAlertController::kFirstButton) {
                 event->ignore();

@@ -767,7 +767,16 @@ bool BUBackupOperation::performOperation()
         _UnmarkRun(run);
         // What the device does not hold once it is flushed is not done: every transaction
         // reported done since the last batch known to be written back fails with the reason.
-        if (::syncfs(run.device.fd()) != 0) {
+        int flushed = ::syncfs(run.device.fd());
+        // A FUSE driver writes to its disk through that disk's own page cache, which the
+        // mount's flush never reaches (FAT's driver does not even tell the kernel which disk it
+        // is): only a flush of every disk puts the data where a power cut leaves it.
+        if (flushed == 0) {
+            const std::optional<BUMountEntry> mount = MountEntryForDevice(m_targetName);
+            if (mount && mount->fileSystemType.startsWith(u"fuse"))
+                ::sync();
+        }
+        if (flushed != 0) {
             const QString reason = SystemErrorText(errno);
             if (fatal.isEmpty())
                 fatal

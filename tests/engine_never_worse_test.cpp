@@ -297,3 +297,52 @@ TEST_F(DeviceTest, ABackupFolderWhoseDiskIsNotMountedIsRefused)
     EXPECT_EQ(transactionLines(),
         (QStringList {QStringLiteral("Copy folder Docs"), QStringLiteral("Copy file Docs/on-the-disk.txt")}));
 }
+
+// A power cut the moment the program says "Backup succeeded": the FAT driver's disk (a loop
+// device here) is imaged at once, below its page cache, and the image must hold the backup.
+TEST_F(DeviceTest, AFatStickHoldsTheBackupWhenThePowerGoesAtTheEnd)
+{
+    const QString image = m_images.path() + QStringLiteral("/stick.img");
+    QFile file(image);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.resize(32 << 20));
+    file.close();
+    QProcess losetup;
+    losetup.start(QStringLiteral("losetup"), {QStringLiteral("-f"), QStringLiteral("--show"), image});
+    if (QProcess::execute(QStringLiteral("mkfs.vfat"), {image}) != 0 || !losetup.waitForFinished()
+        || losetup.exitCode() != 0)
+        GTEST_SKIP() << "mkfs.vfat or a loop device is not available here";
+    const QString loop = QString::fromLocal8Bit(losetup.readAllStandardOutput()).trimmed();
+    QDir().mkpath(device());
+    if (QProcess::execute(QStringLiteral("fusefat"), {QStringLiteral("-o"), QStringLiteral("rw+"), loop, device()})
+        != 0) {
+        QProcess::execute(QStringLiteral("losetup"), {QStringLiteral("-d"), loop});
+        GTEST_SKIP() << "fusefat is not available here";
+    }
+    m_mounted.prepend(device());
+    Tree tree; // few names: the FAT driver cannot grow a folder past its first cluster
+    for (int i = 0; i < 8; ++i)
+        tree.insert(QStringLiteral("f%1.txt").arg(i), QByteArray::number(i).repeated(100));
+    WriteTree(source(), tree);
+
+    ScopedXdgHome home;
+    QProcessEnvironment environment = home.environment();
+    environment.insert(QStringLiteral("TANNER_VOLUMES_ROOT"), m_volumes.path());
+    ASSERT_EQ(RunTanner({QStringLiteral("folders"), QStringLiteral("add"), source()}, environment).exitCode, 0);
+    ASSERT_EQ(
+        RunTanner({QStringLiteral("folders"), QStringLiteral("remove"), QStringLiteral("home")}, environment).exitCode,
+        0);
+    const ProcessResult result = RunTanner({QStringLiteral("backup"), QStringLiteral("Dev")}, environment);
+    const QString cut = m_images.path() + QStringLiteral("/after-the-cut.img");
+    ASSERT_TRUE(QFile::copy(image, cut)); // the disk as the power cut leaves it
+    EXPECT_EQ(result.exitCode, 0) << result.out.toStdString() << result.err.toStdString();
+    EXPECT_TRUE(result.out.endsWith("Backup succeeded\n")) << result.out.toStdString();
+
+    const QString replugged = m_images.path() + QStringLiteral("/replugged");
+    QDir().mkpath(replugged);
+    ASSERT_EQ(
+        QProcess::execute(QStringLiteral("fusefat"), {QStringLiteral("-o"), QStringLiteral("ro"), cut, replugged}), 0);
+    m_mounted.prepend(replugged);
+    EXPECT_EQ(ReadTree(replugged + QStringLiteral("/Docs")), tree);
+    unmountDevice();
+    QProcess::execute(QStringLiteral("losetup"), {QStringLiteral("-d"), loop});
+}

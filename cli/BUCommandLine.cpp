@@ -37,8 +37,9 @@ const Command kCommands[] = {
         "                                else /run/media/$USER, else /media/$USER.\n"},
     {"logs", RunLogsCommand,
         "  logs                          Print what a problem report would gather: crash reports, core\n"
-        "                                dumps, system log lines of the program, and its own log\n"
-        "                                ($XDG_STATE_HOME/Tannerwick/com.tannerwick.backup.log).\n"},
+        "                                dumps, system log lines of the program, its own log\n"
+        "                                ($XDG_STATE_HOME/Tannerwick/com.tannerwick.backup.log), and the\n"
+        "                                history of runs (see history).\n"},
     {"analyze", RunAnalyzeCommand,
         "  analyze DEVICE [--json]       List what a backup to the device would do, without doing it.\n"},
     {"backup", RunBackupCommand,

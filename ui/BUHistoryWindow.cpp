@@ -106,7 +106,8 @@ BUHistoryWindow::BUHistoryWindow(QWidget *parent) : QDialog(parent)
     failureList->setRootIsDecorated(false);
     failureList->setHeaderLabels({QStringLiteral("Action"), QStringLiteral("Item"), QStringLiteral("Reason")});
     failureList->header()->setSectionResizeMode(0, QHeaderView::ResizeToContents);
-    failureList->setColumnWidth(1, 380);
+    failureList->setColumnWidth(1, 360);
+    failureList->setTextElideMode(Qt::ElideMiddle); // a path's start and its name, the whole in the tooltip
     detailsLayout->addWidget(failureList, 1);
     splitter->addWidget(runList);
     splitter->addWidget(details);

@@ -291,10 +291,7 @@ bool BURunHistory::append(const BURunRecord &run, QString *error, const QString 
     if (!error)
         error = &reason;
     const QString folder = QFileInfo(path).absolutePath();
-    if (!QDir().mkpath(folder)) {
-        *error = FormatString("The folder %@ cannot be made.", folder);
-        return false;
-    }
+    QDir().mkpath(folder); // when it cannot be made, opening the lock below says why
     // The lock is a file of its own: the history itself is replaced by every write.
     const QByteArray lockPath = FileNameToBytes(path) + ".lock";
     const int lockFd = ::open(lockPath.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
@@ -420,7 +417,8 @@ QString BURunHistory::reportSection()
     const Contents contents = load();
     QString text;
     if (contents.damaged)
-        text += FormatString("The history of runs %@ could not be read whole: %@\n", historyPath(), contents.problem);
+        text += FormatString("The history of runs %@ could not be read whole: %@.", historyPath(), contents.problem)
+            + u'\n';
     if (!contents.runs.isEmpty())
         text += BURunHistory::text(newestFirst(contents.runs));
     return text.isEmpty() ? QString() : QStringLiteral("History of runs, newest first:\n") + text;

@@ -1,4 +1,5 @@
 // history: the runs on record, newest first, as text or as one JSON document with --json.
+#include "app/BUUserMessages.h"
 #include "backup/BURunHistory.h"
 #include "cli/BUCommandLine.h"
 #include "keelson/FormatString.h"
@@ -24,8 +25,8 @@ int RunHistoryCommand(const BUCommandArgs &invocation)
     const QString path = BURunHistory::historyPath();
     const BURunHistory::Contents contents = BURunHistory::load(path);
     if (contents.damaged)
-        PrintError(FormatString("The history of runs %@ could not be read whole: %@.", path, contents.problem),
-            QStringLiteral("What could be read is shown; the file is kept aside when the next run is recorded."));
+        PrintError(FormatString(BUUserMessages::kHistoryDamaged, path, contents.problem),
+            QString::fromUtf8(BUUserMessages::kHistoryDamagedShown));
     const QList<BURunRecord> runs = BURunHistory::newestFirst(contents.runs, device);
     if (json) {
         QJsonArray list;

@@ -181,10 +181,9 @@ void BUHistoryWindow::reload()
     for (const QString &name : std::as_const(devices))
         deviceFilter->addItem(name, name);
     problemField->setVisible(contents.damaged);
-    problemField->setText(
-        FormatString("The history could not be read whole (%@). What could be read is listed; the file is kept aside "
-                     "when the next run is recorded.",
-            contents.problem));
+    problemField->setText(FormatString("The history of runs %@ could not be read whole: %@.",
+                              BURunHistory::historyPath(), contents.problem)
+        + QStringLiteral(" What could be read is shown; the file is kept aside when the next run is recorded."));
     showDevice(device);
 }
 

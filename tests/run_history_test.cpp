@@ -142,6 +142,13 @@ TEST_F(RunHistoryOfRealBackups, EveryRunIsInTheLogTheHistoryAndTheReport)
     EXPECT_EQ(runs[0][u"done"][u"copies"].toInt(), 2); // the mirror folder and the file
     EXPECT_EQ(runs[0][u"done"][u"bytes"].toInt(), 5);
     EXPECT_EQ(runs[0][u"failed"].toInt(), 0);
+    // An analysis alone is a run of its own.
+    ASSERT_EQ(tanner({QStringLiteral("analyze"), QStringLiteral("Dev")}).exitCode, 0);
+    runs = historyRuns();
+    ASSERT_EQ(runs.size(), 2);
+    EXPECT_EQ(runs[0][u"kind"].toString(), QStringLiteral("analysis"));
+    EXPECT_EQ(runs[0][u"outcome"].toString(), QStringLiteral("up-to-date"));
+    EXPECT_EQ(runs[0][u"message"].toString(), QStringLiteral("The backup device is up to date"));
 
     // 2. A failed action: a folder with another file system mounted inside cannot be removed.
     const QString inner = device(QStringLiteral("Docs/old/inner"));
@@ -152,7 +159,7 @@ TEST_F(RunHistoryOfRealBackups, EveryRunIsInTheLogTheHistoryAndTheReport)
     ASSERT_EQ(result.exitCode, 1) << result.err.toStdString();
     const QString reason = BUError::otherFileSystem().failureReason;
     runs = historyRuns();
-    ASSERT_EQ(runs.size(), 2);
+    ASSERT_EQ(runs.size(), 3);
     EXPECT_EQ(runs[0][u"outcome"].toString(), QStringLiteral("failed-items"));
     EXPECT_EQ(runs[0][u"message"].toString(), QStringLiteral("1 backup action failed"));
     EXPECT_EQ(runs[0][u"failed"].toInt(), 1);
@@ -178,7 +185,7 @@ TEST_F(RunHistoryOfRealBackups, EveryRunIsInTheLogTheHistoryAndTheReport)
         ASSERT_EQ(process.exitCode(), 130);
     }
     runs = historyRuns();
-    ASSERT_EQ(runs.size(), 3);
+    ASSERT_EQ(runs.size(), 4);
     EXPECT_EQ(runs[0][u"outcome"].toString(), QStringLiteral("canceled"));
     EXPECT_EQ(runs[0][u"message"].toString(), QStringLiteral("Backup canceled"));
     EXPECT_EQ(runs[0][u"notTried"].toInt(), 1) << "the big copy was cut short and reported by no one";
@@ -198,7 +205,7 @@ TEST_F(RunHistoryOfRealBackups, EveryRunIsInTheLogTheHistoryAndTheReport)
     const QString ejected = QStringLiteral(
         "The backup was stopped because a serious error occurred. The device \"Dev\" has been ejected.");
     runs = historyRuns();
-    ASSERT_EQ(runs.size(), 4);
+    ASSERT_EQ(runs.size(), 5);
     EXPECT_EQ(runs[0][u"outcome"].toString(), QStringLiteral("serious-error"));
     EXPECT_EQ(runs[0][u"detail"].toString(), ejected);
     EXPECT_EQ(runs[0][u"failed"].toInt(), 1);
@@ -209,6 +216,7 @@ TEST_F(RunHistoryOfRealBackups, EveryRunIsInTheLogTheHistoryAndTheReport)
     EXPECT_EQ(log.count(QStringLiteral("Backup to \"Dev\" started with the backup folders ") + source()), 4)
         << log.toStdString();
     EXPECT_TRUE(log.contains(QStringLiteral("Backup to \"Dev\" ended (succeeded) after "))) << log.toStdString();
+    EXPECT_TRUE(log.contains(QStringLiteral("Analysis of \"Dev\" ended (up-to-date) after ")));
     EXPECT_TRUE(log.contains(
         QStringLiteral("Backup to \"Dev\": Delete %1 failed: %2").arg(device(QStringLiteral("Docs/old")), reason)));
     EXPECT_TRUE(log.contains(QStringLiteral("ended (failed-items)")));
@@ -227,7 +235,7 @@ TEST_F(RunHistoryOfRealBackups, EveryRunIsInTheLogTheHistoryAndTheReport)
     const qsizetype history = report.indexOf(QStringLiteral("History of runs, newest first:\n"));
     ASSERT_GE(history, 0) << report.toStdString();
     const QStringList lines = report.mid(history).split(u'\n');
-    ASSERT_GE(lines.size(), 6);
+    ASSERT_GE(lines.size(), 7);
     EXPECT_TRUE(lines[1].contains(QStringLiteral("  Dev  Backup  Serious error: 1 backup action failed. ") + ejected))
         << lines[1].toStdString();
     EXPECT_EQ(lines[2],
@@ -236,11 +244,12 @@ TEST_F(RunHistoryOfRealBackups, EveryRunIsInTheLogTheHistoryAndTheReport)
     EXPECT_TRUE(lines[3].contains(QStringLiteral("  Dev  Backup  Canceled: Backup canceled (")))
         << lines[3].toStdString();
     EXPECT_TRUE(lines[4].contains(QStringLiteral("  Dev  Backup  Failed items: 1 backup action failed (")));
-    EXPECT_TRUE(lines[5].contains(QStringLiteral("  Dev  Backup  Succeeded: Backup succeeded (")));
+    EXPECT_TRUE(lines[5].contains(QStringLiteral("  Dev  Analysis  Up to date: The backup device is up to date (")));
+    EXPECT_TRUE(lines[6].contains(QStringLiteral("  Dev  Backup  Succeeded: Backup succeeded (")));
 
     // The text form for people, and a device with no runs.
     result = tanner({QStringLiteral("history")});
-    EXPECT_EQ(Text(result.out).split(u'\n', Qt::SkipEmptyParts).size(), 5); // four runs, one failure
+    EXPECT_EQ(Text(result.out).split(u'\n', Qt::SkipEmptyParts).size(), 6); // five runs, one failure
     EXPECT_EQ(Text(tanner({QStringLiteral("history"), QStringLiteral("Other")}).out),
         QStringLiteral("No runs to \"Other\" on record\n"));
 }

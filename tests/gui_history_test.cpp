@@ -162,17 +162,6 @@ TEST_F(HistoryWindow, TheWindowsRunsWithTheirFailuresOnAClick)
     EXPECT_EQ(history->shownDevice(), QStringLiteral("Backup Disk"));
     EXPECT_EQ(history->shownRuns().size(), 2);
 
-    // A run recorded elsewhere (the command line) is listed when the window reads the history again.
-    BURunRecord other = history->shownRuns().first();
-    other.device = QStringLiteral("Elsewhere");
-    other.started = other.ended = QDateTime::currentDateTime();
-    ASSERT_TRUE(BURunHistory::append(other));
-    history->showDevice({});
-    history->reload();
-    EXPECT_EQ(history->shownRuns().size(), 3);
-    EXPECT_FALSE(history->findChild<QTreeWidget *>(QStringLiteral("runList"))->isColumnHidden(1))
-        << "all devices: the device column is shown";
-
     // The window's runs are in the program's log.
     QFile log(KSLogger::logFilePath());
     ASSERT_TRUE(log.open(QIODevice::ReadOnly));

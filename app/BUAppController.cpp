@@ -2,6 +2,7 @@
 
 #include "backup/BUDeviceWatcher.h"
 #include "backup/BUDevices.h"
+#include "backup/BURunHistory.h"
 #include "help/VLHelpEngine.h"
 #include "keelson/FormatString.h"
 #include "keelson/KSDayIndex.h"
@@ -58,6 +59,7 @@ void BUAppController::applicationWillFinishLaunching()
 {
     KSKernel::sharedInstance();
     KSLogger::install(); // from here on LogString writes the application's own log file
+    KSLogger::sharedInstance().ownRecordsHook = [] { return BURunHistory::reportSection(); };
 }
 
 void BUAppController::installRules(const QStringList &archives, BURuleList &into, const QString &key)

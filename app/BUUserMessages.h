@@ -171,6 +171,22 @@
         "tanner-backup: the window can't be opened -- its part \"%s\" could not be loaded: %s.\nCommands still work: " \
         "tanner-backup --help\n")                                                                                      \
     X(kWindowPartMissing, "it is missing")                                                                             \
+    /* The history of runs: the history command, the History window, the problem report. */                            \
+    X(kHistoryUsage, "history takes one device name and --json")                                                       \
+    X(kNoRuns, "No runs on record")                                                                                    \
+    X(kNoRunsOfDevice, "No runs to \"%@\" on record")                                                                  \
+    X(kHistoryDamaged, "The history of runs %@ could not be read whole: %@.")                                          \
+    X(kHistoryDamagedShown, "What could be read is shown; the file is kept aside when the next run is recorded.")      \
+    X(kHistoryNotJson, "it is not JSON (%@ at byte %lld)")                                                             \
+    X(kHistoryNoRuns, "it holds no list of runs")                                                                      \
+    X(kHistoryRunsUnusable, "%lld of its runs could not be read")                                                      \
+    X(kNoRunsYet, "No analysis or backup is on record yet.")                                                           \
+    X(kNoRunsOfDeviceYet, "No analysis or backup of \"%@\" is on record.")                                             \
+    X(kFailuresNotKept,                                                                                                \
+        "Only the last run of a device keeps its list of failed actions; the program's log has them (Help > Copy "     \
+        "Logs).")                                                                                                      \
+    X(kFailuresCut, "The first %,lld failed actions are listed; the program's log has the rest (Help > Copy Logs).")   \
+    X(kExtraItemsRecorded, "The device holds items at its top level that are not mirrors of the backup folders: %@")   \
     /* Update and news checks. */                                                                                      \
     X(kUpdateCheckFailed, "The update check failed.")                                                                  \
     X(kNewsCheckFailed, "The news check failed.")                                                                      \

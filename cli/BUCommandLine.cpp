@@ -37,8 +37,9 @@ const Command kCommands[] = {
         "                                else /run/media/$USER, else /media/$USER.\n"},
     {"logs", RunLogsCommand,
         "  logs                          Print what a problem report would gather: crash reports, core\n"
-        "                                dumps, system log lines of the program, and its own log\n"
-        "                                ($XDG_STATE_HOME/Tannerwick/com.tannerwick.backup.log).\n"},
+        "                                dumps, system log lines of the program, its own log\n"
+        "                                ($XDG_STATE_HOME/Tannerwick/com.tannerwick.backup.log), and the\n"
+        "                                history of runs (see history).\n"},
     {"analyze", RunAnalyzeCommand,
         "  analyze DEVICE [--json]       List what a backup to the device would do, without doing it.\n"},
     {"backup", RunBackupCommand,
@@ -47,6 +48,10 @@ const Command kCommands[] = {
         "                                holds is refused unless --yes is given.\n"
         "                                Exit status: 0 done, 1 some actions failed, 2 error, 3 the\n"
         "                                device holds other items at its top level, 130 canceled.\n"},
+    {"history", RunHistoryCommand,
+        "  history [DEVICE] [--json]     List the analyses and backups on record, newest first (the last\n"
+        "                                100 of each device): when, outcome, counts, duration, and the\n"
+        "                                failed actions of each device's last run.\n"},
     {"help", RunHelpCommand,
         "  help                          List the topics of the manual.\n"
         "  help TOPIC                    Show the first topic whose name begins with TOPIC (any case).\n"

@@ -35,6 +35,7 @@ int RunDevicesCommand(const BUCommandArgs &invocation);
 int RunLogsCommand(const BUCommandArgs &invocation);
 int RunAnalyzeCommand(const BUCommandArgs &invocation);
 int RunBackupCommand(const BUCommandArgs &invocation);
+int RunHistoryCommand(const BUCommandArgs &invocation);
 int RunHelpCommand(const BUCommandArgs &invocation);
 int RunCheckUpdatesCommand(const BUCommandArgs &invocation);
 int RunNewsCommand(const BUCommandArgs &invocation);

@@ -5,6 +5,7 @@
 #include "backup/BUAnalyzeOperation.h"
 #include "backup/BUBackupOperation.h"
 #include "backup/BUDevices.h"
+#include "backup/BURunRecorder.h"
 #include "backup/BUTransaction.h"
 #include "cli/BUCommandLine.h"
 #include "keelson/FormatString.h"
@@ -98,6 +99,7 @@ public:
         connect(&KSSignalWatcher::sharedInstance(), &KSSignalWatcher::signalReceived, this, [this] { cancel(); });
 
         ClearTransactions();
+        m_recorder.start(m_device, app.backupFolders(), m_analyzeOnly);
         m_queue.addOperation(std::make_shared<BUAnalyzeOperation>(
             m_device, this, app.backupFolders(), app.ignoreFolders(), app.ignoreFiles()));
         return m_loop.exec();
@@ -107,6 +109,7 @@ public:
 
     void analysisComplete(const BUAnalysisReport &report) override
     {
+        m_recorder.analysisComplete(report);
         m_extra = report.extra;
         m_cancel = report.cancel;
         m_error = report.error;
@@ -209,6 +212,7 @@ public:
     void backupComplete(const BUBackupCompleteReport &report) override
     {
         clearProgress();
+        m_recorder.backupComplete(report);
         m_cancel = report.cancel;
         m_error = report.error;
         int status;
@@ -257,6 +261,7 @@ private:
 
     void finish(int status)
     {
+        m_recorder.finish(m_statusText);
         if (m_json)
             printJson();
         m_loop.exit(status);
@@ -350,6 +355,7 @@ private:
     QElapsedTimer m_started;
     QElapsedTimer m_lastDraw;
     QEventLoop m_loop;
+    BURunRecorder m_recorder;
     KSOperationQueue m_queue; // last: it is stopped before anything it reports to goes away
 };
 

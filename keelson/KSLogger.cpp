@@ -238,7 +238,9 @@ QString KSLogger::allLogsForApp(const QString &name, const QString &bundleID)
     const QString appName = name.isEmpty() ? _ProcessName() : name;
     const QString identifier = bundleID.isEmpty() ? _BundleID() : bundleID;
     const QString reports = logsForApp(appName, 0);
-    const QString messages = messagesForApp(appName, identifier, 0);
+    QString messages = messagesForApp(appName, identifier, 0);
+    if (const QString records = ownRecordsHook ? ownRecordsHook() : QString(); !records.isEmpty())
+        messages += (messages.isEmpty() ? QString() : delimiter()) + records;
     QString result;
     if (!reports.isEmpty() && !messages.isEmpty())
         result = reports + delimiter() + messages;

@@ -60,6 +60,9 @@ public:
     Sources sources;
     // Tells the user that nothing was found (the window's alert box, the command line's stderr).
     std::function<void(const QString &message, const QString &moreInfo)> alertHook;
+    // The program's own records that a report gathers after its log (the history of runs), or an
+    // empty text.
+    std::function<QString()> ownRecordsHook;
 
     // Crash reports and system messages together, or a null string after telling the user (through
     // alertHook) that there is none. Empty arguments mean the executable's name and the bundle id.

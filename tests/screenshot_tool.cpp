@@ -6,6 +6,7 @@
 #include "tests/support/GuiTestSupport.h"
 #include "tests/support/TestSupport.h"
 #include "ui/BUExtraStuffDialog.h"
+#include "ui/BUHistoryWindow.h"
 #include "ui/BURuleDialog.h"
 #include "ui/BUWindowController.h"
 
@@ -148,6 +149,14 @@ int main(int argc, char **argv)
     window.backup(false);
     RunToEnd(window);
     Save(&window, "screenshot-failure.png");
+
+    // The History window on the runs so far, the failure of the last one shown.
+    {
+        BUHistoryWindow *history = BUHistoryWindow::showHistory(&window, QStringLiteral("Backup Disk"));
+        history->resize(900, 560);
+        Save(history, "screenshot-history.png");
+        history->close();
+    }
 
     // The same window in a dark palette, as a desktop in dark mode hands it over.
     {

@@ -20,6 +20,7 @@
 #include "keelson/gui/KSWorkspace.h"
 #include "ui/BUExtraStuffDialog.h"
 #include "ui/BUHelpOverBox.h"
+#include "ui/BUHistoryWindow.h"
 #include "ui/BURuleDialog.h"
 #include "ui_MainWindow.h"
 
@@ -201,6 +202,12 @@ void BUWindowController::connectActions()
     connect(ui->nextWindowAction, &QAction::triggered, this, [&handler] { handler.nextWindow(); });
     for (QMenu *menu : {ui->fileMenu, ui->editMenu, ui->goMenu, ui->helpMenu})
         connect(menu, &QMenu::aboutToShow, this, &BUWindowController::validateMenuItems);
+    BUHistoryWindow::installCommands(
+        this, ui->goMenu, ui->diskOutline, [this](const QModelIndex &index) { return deviceModel.deviceName(index); });
+    runRecorder.recorded = [](const BURunRecord &) {
+        if (BUHistoryWindow *history = BUHistoryWindow::openWindow())
+            history->reload();
+    };
 }
 
 void BUWindowController::restoreWindowState()
@@ -430,6 +437,7 @@ void BUWindowController::backup(bool onlyAnalyze)
     running = true;
     canceling = false;
     jobTarget = target;
+    runRecorder.start(target, controller.backupFolders(), onlyAnalyze);
     ui->progressControl->setRange(0, 0); // indeterminate while analysing
     ui->progressControl->show();
     controller.updateRecentDrives(target);
@@ -484,6 +492,7 @@ BUWindowController::DeletionAnswer BUWindowController::confirmLargeDeletion(cons
 
 void BUWindowController::analysisComplete(const BUAnalysisReport &report)
 {
+    runRecorder.analysisComplete(report);
     ui->progressControl->setRange(0, 1);
     setStatus(QString());
     analyzeInProgress = false;
@@ -555,6 +564,7 @@ void BUWindowController::startBackup(const QString &target)
 
 void BUWindowController::finishJob(const QString &outcome, bool alert)
 {
+    runRecorder.finish(outcome);
     running = false;
     canceling = false;
     backupInProgress = false;
@@ -634,6 +644,7 @@ void BUWindowController::showRate()
 
 void BUWindowController::backupComplete(const BUBackupCompleteReport &report)
 {
+    runRecorder.backupComplete(report);
     QString status;
     bool alert = true;
     bytesInFlight = 0;

@@ -8,6 +8,7 @@
 
 #include "backup/BUEngineReceiver.h"
 #include "backup/BUIgnoreRule.h"
+#include "backup/BURunRecorder.h"
 #include "keelson/KSOperationQueue.h"
 #include "ui/BUDeviceOutlineModel.h"
 #include "ui/BURuleListModel.h"
@@ -98,6 +99,7 @@ private:
     BUDeviceOutlineModel deviceModel;
     BURuleListModel ruleModel;
     BUTransactionTableModel transactionModel;
+    BURunRecorder runRecorder; // every job to the log and the history of runs
 
     QLabel *emptyHint = nullptr; // over the empty transaction table: what is missing for a backup
     QString jobTarget; // the device of the running job

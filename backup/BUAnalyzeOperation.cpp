@@ -100,7 +100,8 @@ void _FindCaseConflicts(
 
 bool _ShouldUpdateAttributes(const AnalysisContext &context, const FileStats &source, const FileStats &device)
 {
-    if (device.attributesModified >= source.attributesModified)
+    const BUVolumeKind &kind = context.device->kind();
+    if (ComparableTime(device.attributesModified, kind) >= ComparableTime(source.attributesModified, kind))
         return false;
     // Creation times are not compared: Linux cannot set them, so they would never match.
     if (source.label != device.label || source.hasCustomIcon != device.hasCustomIcon
@@ -119,7 +120,9 @@ bool _ShouldUpdateAttributes(const AnalysisContext &context, const FileStats &so
 // changed attributes after the device copy and the device keeps them.
 bool _NeedsDigests(const AnalysisContext &context, const FileStats &source, const FileStats &device)
 {
-    return context.device->kind().holdsOwnership && device.attributesModified < source.attributesModified;
+    const BUVolumeKind &kind = context.device->kind();
+    return kind.holdsOwnership
+        && ComparableTime(device.attributesModified, kind) < ComparableTime(source.attributesModified, kind);
 }
 
 // The pre-order successor of `index`; descend false skips its subtree. The path follows along,
@@ -412,8 +415,7 @@ bool _RecordFilesInFolder(AnalysisContext &context, const QString &folder, const
             FileStats *deviceStats = &deviceFile->stats;
             deviceStats->seen = true;
             const BUVolumeKind &kind = context.device->kind();
-            if (ComparableContentTime(stats.contentModified, kind)
-                <= ComparableContentTime(deviceStats->contentModified, kind)) {
+            if (ComparableTime(stats.contentModified, kind) <= ComparableTime(deviceStats->contentModified, kind)) {
                 if (_NeedsDigests(context, stats, *deviceStats)) {
                     ReadAttributeDigest(sourceFolder.fd(), FileNameToBytes(name).constData(), &stats);
                     ReadAttributeDigest(
@@ -509,6 +511,10 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
             return fail();
         }
     }
+    // The device says in which steps it keeps times: an edit is seen at the finest step both sides
+    // keep, and a copy is never taken for older than its source because the device rounded it.
+    if (deviceOpen && !device.backupIsRunning())
+        device.probeTimeStep();
     // A folder where a disk is mounted at start-up, while that disk is not mounted, is an empty
     // folder: a backup would empty its mirror.
     if (const QString unmounted = UnmountedBackupFolder(m_backupFolders); !unmounted.isNull()) {

@@ -169,6 +169,7 @@ bool ReadItemProperties(int folderFd, const char *name, BUItemProperties *proper
     properties->modifiedSeconds = status.stx_mtime.tv_sec;
     properties->modifiedNanoseconds = status.stx_mtime.tv_nsec;
     properties->changedSeconds = status.stx_ctime.tv_sec;
+    properties->changedNanoseconds = status.stx_ctime.tv_nsec;
     properties->device = (uint64_t(status.stx_dev_major) << 32) | status.stx_dev_minor;
     properties->inode = status.stx_ino;
     properties->systemImmutable = status.stx_attributes & STATX_ATTR_IMMUTABLE;
@@ -179,9 +180,9 @@ bool ReadItemProperties(int folderFd, const char *name, BUItemProperties *proper
 void StatsFromProperties(const BUItemProperties &properties, FileStats *stats)
 {
     *stats = FileStats();
-    // Whole seconds, rounded down: statx's seconds already are.
-    stats->contentModified = double(properties.modifiedSeconds);
-    stats->attributesModified = double(properties.changedSeconds);
+    // At full precision: the comparison rounds to what the device keeps.
+    stats->contentModified = properties.modifiedSeconds * 1000000000 + properties.modifiedNanoseconds;
+    stats->attributesModified = properties.changedSeconds * 1000000000 + properties.changedNanoseconds;
     stats->mode = uint16_t(properties.mode); // 07777 at most
     stats->owner = properties.owner;
     stats->group = properties.group;
@@ -225,12 +226,23 @@ BUVolumeKind VolumeKindForFileSystem(const QString &fileSystemType)
     BUVolumeKind kind;
     kind.holdsOwnership = !limited.contains(fileSystemType);
     kind.twoSecondTimes = twoSeconds.contains(fileSystemType);
+    kind.timeStep = kind.twoSecondTimes ? 2000000000 : 1000000000;
     kind.ignoresCase = limited.contains(fileSystemType) && fileSystemType != u"ntfs";
     kind.mayFoldCase = fileSystemType == u"ext4" || fileSystemType == u"f2fs";
     kind.reservesSpaceCheaply = fileSystemType != u"tmpfs" && fileSystemType != u"ramfs";
     kind.datesFrom1980 = twoSeconds.contains(fileSystemType) || fileSystemType == u"exfat";
     kind.filesUnder4GiB = twoSeconds.contains(fileSystemType);
     return kind;
+}
+
+int64_t TimeStepFromProbe(int64_t written, int64_t kept)
+{
+    for (const int64_t step : {int64_t(1), int64_t(10), int64_t(100), int64_t(1000), int64_t(10000), int64_t(100000),
+             int64_t(1000000), int64_t(10000000), int64_t(100000000), int64_t(1000000000), int64_t(2000000000)}) {
+        if (written - written % step == kept)
+            return step;
+    }
+    return 0;
 }
 
 int64_t StorableSeconds(int64_t seconds, const BUVolumeKind &kind)

@@ -18,7 +18,7 @@
 // The attributes compared for every item, folders included (a folder's size and content time never
 // are). Trivially copyable, like FileStats: both are stored in entry arrays, one for every folder.
 struct AttributeStats {
-    double attributesModified = 0; // ctime, whole seconds
+    int64_t attributesModified = 0; // ctime, nanoseconds since 1970
     // Linux keeps these where the desktop keeps icons, labels and hidden extensions.
     uint32_t owner = 0;
     uint32_t group = 0;
@@ -39,7 +39,7 @@ struct FileStats : AttributeStats {
     bool seen = false; // a source file of the same name was examined against this device file
     uint64_t attributeDigest = 0; // user.* extended attribute names and values
     int64_t size = 0; // 0 for folders
-    double contentModified = 0; // mtime, whole seconds since 1970
+    int64_t contentModified = 0; // mtime, nanoseconds since 1970
 };
 static_assert(sizeof(FileStats) == 48);
 
@@ -53,6 +53,7 @@ struct BUItemProperties {
     int64_t modifiedSeconds = 0;
     uint32_t modifiedNanoseconds = 0;
     int64_t changedSeconds = 0;
+    uint32_t changedNanoseconds = 0;
     uint64_t device = 0; // major << 32 | minor
     uint64_t inode = 0;
     bool systemImmutable = false; // the immutable flag
@@ -79,6 +80,9 @@ void ReadAttributeDigest(int folderFd, const char *name, FileStats *stats);
 struct BUVolumeKind {
     bool holdsOwnership = true; // modes, owners and extended attributes
     bool twoSecondTimes = false; // content times kept in 2-second steps
+    // The step, in nanoseconds, in which the file system keeps times: what its kind says, then
+    // what a probe on the device finds (BUDeviceRoot::probeTimeStep).
+    int64_t timeStep = 1000000000;
     // Names that differ only in case are one name: items are matched without regard to case.
     bool ignoresCase = false;
     // Folders may be made to ignore case one by one (the casefold flag).
@@ -99,13 +103,22 @@ BUVolumeKind VolumeKindForFileSystem(const QString &fileSystemType);
 int64_t StorableSeconds(int64_t seconds, const BUVolumeKind &kind);
 timespec StorableTime(const timespec &time, const BUVolumeKind &kind);
 
-// Content times as the comparison sees them on a volume of this kind.
-inline double ComparableContentTime(double seconds, const BUVolumeKind &kind)
+// A time in nanoseconds since 1970 as the comparison sees it on a volume of this kind: in the
+// volume's steps (rounded down), within the dates it can hold. Two times are the same when these
+// are equal, so an edit made any time after a copy is seen wherever both file systems keep it.
+inline int64_t ComparableTime(int64_t nanoseconds, const BUVolumeKind &kind)
 {
-    if (kind.datesFrom1980)
-        seconds = double(StorableSeconds(int64_t(seconds), kind));
-    return kind.twoSecondTimes ? double(int64_t(seconds) >> 1) : seconds;
+    constexpr int64_t kSecond = 1000000000;
+    if (kind.datesFrom1980) {
+        const int64_t seconds = nanoseconds >= 0 ? nanoseconds / kSecond : -((-nanoseconds + kSecond - 1) / kSecond);
+        nanoseconds = StorableSeconds(seconds, kind) * kSecond + (nanoseconds - seconds * kSecond);
+    }
+    const int64_t step = kind.timeStep > 0 ? kind.timeStep : 1;
+    return nanoseconds >= 0 ? nanoseconds / step : -((-nanoseconds + step - 1) / step);
 }
+// The step of times that a probe file's kept time shows: what was written (`written`, in
+// nanoseconds) against what was read back; 0 when no step explains it.
+int64_t TimeStepFromProbe(int64_t written, int64_t kept);
 
 // The attributes a copy or an update carries from a source item to its device copy.
 struct BUItemAttributes {

@@ -265,7 +265,8 @@ protected:
         ASSERT_TRUE(MountTmpfs(m_device, sizeBytes, options));
         m_mounted.prepend(m_device);
     }
-    // Mounts the device as a file system of a kind: "tmpfs", "ext4", "ext4-casefold" (every
+    // Mounts the device as a file system of a kind: "tmpfs", "ext4", "ext4-128" (inodes of 128
+    // bytes, which keep whole seconds), "ext4-casefold" (every
     // folder made on it folds case), "fusefat" or "exfat-fuse". False (with the reason printed)
     // when that kind cannot be made or mounted here.
     bool mountDeviceOfKind(const QString &kind)
@@ -276,6 +277,8 @@ protected:
             mounted = MountTmpfs(m_device, 64 << 20);
         else if (kind == u"ext4")
             mounted = MountExt4Image(image, 32, m_device);
+        else if (kind == u"ext4-128")
+            mounted = MountExt4Image(image, 32, m_device, {QStringLiteral("-I"), QStringLiteral("128")});
         else if (kind == u"ext4-casefold")
             mounted = MountExt4Image(image, 32, m_device, {QStringLiteral("-O"), QStringLiteral("casefold")});
         else

@@ -75,8 +75,10 @@ TEST_F(DeviceTest, CopiesBytesAttributesAndFolderTimes)
         (Tree {{"a.txt", "alpha"}, {"bin/", {}}, {"bin/run.sh", "#!/bin/sh\n"}, {"deep/", {}}, {"deep/er/", {}},
             {"deep/er/x", "x"}, {"update.txt", "u"}}));
     WriteFileBytes(FileNameToBytes(device()) + "/Docs/caf\xe9", "latin-1");
-    SetModificationTime(FileNameFromBytes(FileNameToBytes(device()) + "/Docs/caf\xe9"),
-        ModificationTime(FileNameFromBytes(FileNameToBytes(source()) + "/caf\xe9")));
+    struct stat latin = {};
+    ::lstat((FileNameToBytes(source()) + "/caf\xe9").constData(), &latin);
+    const timespec latinTimes[2] = {latin.st_atim, latin.st_mtim};
+    ::utimensat(AT_FDCWD, (FileNameToBytes(device()) + "/Docs/caf\xe9").constData(), latinTimes, AT_SYMLINK_NOFOLLOW);
     EXPECT_EQ(Mode(device(QStringLiteral("Docs/bin/run.sh"))), 0750u);
     EXPECT_EQ(Mode(device(QStringLiteral("Docs/update.txt"))), 0604u);
     EXPECT_EQ(Attribute(device(QStringLiteral("Docs/a.txt")), "user.xdg.tags"), QByteArray("blue"));

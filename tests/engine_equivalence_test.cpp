@@ -269,13 +269,14 @@ protected:
                 if (!mirrored || (fate >= 70 && fate < 80))
                     continue; // nothing on the device: a Copy
                 Item copy = item;
-                copy.nanoseconds = random.below(1000000000); // only whole seconds count
+                // Times count to the nanosecond: a copy earlier within the same second is copied again.
+                copy.nanoseconds = random.below(1000000000);
                 if (fate >= 50 && fate < 60)
                     copy.seconds -= 1 + random.below(1000); // older: a Copy
                 else if (fate >= 60 && fate < 70)
                     copy.seconds += 1 + random.below(1000); // newer: left alone
                 else if (fate >= 80 && fate < 88)
-                    copy.content = random.bytes(random.below(20000)); // resized, same second: left alone
+                    copy.content = random.bytes(random.below(20000)); // resized, dated no earlier: left alone
                 else if (fate >= 88 && fate < 96)
                     m_changedLater.append(from + '/' + name); // attributes change after the copy
                 WriteItem(to + '/' + deviceName, copy, false);

@@ -511,10 +511,11 @@ BUAnalysisReport BUAnalyzeOperation::runAnalysis()
             return fail();
         }
     }
-    // The device says in which steps it keeps times: an edit is seen at the finest step both sides
-    // keep, and a copy is never taken for older than its source because the device rounded it.
+    // The device says whether it ignores case and in which steps it keeps times: an edit is seen
+    // at the finest step both sides keep, and a copy is never taken for older than its source
+    // because the device rounded it.
     if (deviceOpen && !device.backupIsRunning())
-        device.probeTimeStep();
+        device.probe();
     // A folder where a disk is mounted at start-up, while that disk is not mounted, is an empty
     // folder: a backup would empty its mirror.
     if (const QString unmounted = UnmountedBackupFolder(m_backupFolders); !unmounted.isNull()) {

@@ -647,6 +647,7 @@ bool BUBackupOperation::performOperation()
         PostToReceiver(m_controller, [refused](BUEngineReceiver *r) { r->backupComplete(refused); });
         return true;
     }
+    run.device.probe(); // as the analysis found the device
     _MarkRun(run);
 
     BUBackupStatusReport status;

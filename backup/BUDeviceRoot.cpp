@@ -484,27 +484,36 @@ int OpenItemAt(int folderFd, const char *name, int flags)
     return _OpenBeneath(folderFd, name, flags);
 }
 
-void BUDeviceRoot::probeTimeStep()
+void BUDeviceRoot::probe()
 {
     if (m_fd < 0)
         return;
-    static constexpr char kProbeName[] = ".tanner-probe-times";
+    static constexpr char kProbeName[] = ".tanner-probe-a";
+    static constexpr char kProbeOtherCase[] = ".TANNER-PROBE-A";
     const int probe = ::openat(m_fd, kProbeName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (probe < 0)
         return;
     // An odd second in 2001, inside every file system's dates, with every digit of its nanoseconds.
     const timespec written = {1000000001, 123456789};
     const timespec times[2] = {written, written};
-    const bool read = ::futimens(probe, times) == 0;
+    const bool timed = ::futimens(probe, times) == 0;
     ::close(probe);
-    // A FUSE driver may answer from what it was told until the file is looked up again.
-    struct stat again;
-    const bool readAgain = read && ::fstatat(m_fd, kProbeName, &again, AT_SYMLINK_NOFOLLOW) == 0;
+    // Looked up again: a FUSE driver may answer from what it was told until then.
+    struct stat kept, other;
+    const bool found = ::fstatat(m_fd, kProbeName, &kept, AT_SYMLINK_NOFOLLOW) == 0;
+    const bool otherCase = found && ::fstatat(m_fd, kProbeOtherCase, &other, AT_SYMLINK_NOFOLLOW) == 0;
+    const bool otherCaseAbsent = found && !otherCase && errno == ENOENT;
     ::unlinkat(m_fd, kProbeName, 0);
-    if (!readAgain)
+    if (!found)
+        return;
+    if (otherCase && other.st_ino == kept.st_ino)
+        m_kind.ignoresCase = true;
+    else if (otherCaseAbsent)
+        m_kind.ignoresCase = false;
+    if (!timed)
         return;
     const int64_t step = TimeStepFromProbe(int64_t(written.tv_sec) * 1000000000 + written.tv_nsec,
-        int64_t(again.st_mtim.tv_sec) * 1000000000 + again.st_mtim.tv_nsec);
+        int64_t(kept.st_mtim.tv_sec) * 1000000000 + kept.st_mtim.tv_nsec);
     if (step > 0)
         m_kind.timeStep = std::max<int64_t>(step, m_kind.twoSecondTimes ? 2000000000 : 1);
 }

@@ -30,10 +30,12 @@ public:
     const QString &path() const { return m_path; }
     int fd() const { return m_fd; }
     const BUVolumeKind &kind() const { return m_kind; }
-    // Finds the step in which the device keeps times by asking it: a probe file of the program's
-    // own at the top of the device is given a time with nanoseconds and read back, then removed.
-    // The kind's step stays where the device cannot be written or the answer fits no step.
-    void probeTimeStep();
+    // Asks the device what its kind cannot tell, with a probe file of the program's own at its top
+    // (removed at once): whether names that differ only in case are one name (NTFS keeps both,
+    // FAT and exFAT do not, whatever the driver), and the step in which it keeps times (a time
+    // with nanoseconds given and read back). What the kind says stays where the device cannot be
+    // written or an answer fits nothing.
+    void probe();
     // Whether the device's mount shows its whole file system. Then no folder of it can be moved
     // anywhere but inside the device; a device that is a folder of a bigger file system (a bind
     // mount, a subvolume) can lose folders to the rest of it through another mount.

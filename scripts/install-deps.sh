@@ -5,7 +5,7 @@ set -eu
 PACKAGES="cmake ninja-build g++ pkg-config python3-fusepy
 qt6-base-dev qt6-base-dev-tools qt6-speech-dev qt6-speech-flite-plugin libgl-dev libgtest-dev
 clang libclang-rt-14-dev clang-format
-util-linux mount e2fsprogs rsync time python3 xvfb xauth dbus-x11 fusefat exfat-fuse exfatprogs dosfstools attr
+util-linux mount e2fsprogs rsync time python3 xvfb xauth dbus-x11 fusefat exfat-fuse exfatprogs dosfstools ntfs-3g attr
 lintian desktop-file-utils appstream man-db"
 
 missing=""

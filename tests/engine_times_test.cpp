@@ -70,3 +70,34 @@ TEST_F(DeviceTest, EditsWithinTheSecondOfACopyAreSeenWhereTheDeviceKeepsThem)
         unmountDevice();
     }
 }
+
+// Whether a device ignores case is asked of the device: NTFS through its FUSE driver keeps README
+// and Readme apart, as ext4 does; FAT and exFAT, whose driver has the same type as NTFS's, do not.
+TEST_F(DeviceTest, TheDeviceIsAskedWhetherItIgnoresCase)
+{
+    struct Case {
+        const char *kind;
+        bool ignoresCase;
+    };
+    const Case cases[] = {{"ntfs-3g", false}, {"ext4", false}, {"exfat-fuse", true}, {"fusefat", true}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.kind);
+        TearDown();
+        SetUp();
+        if (!mountDeviceOfKind(QString::fromLatin1(c.kind)))
+            continue;
+        WriteTree(source(), {{"README", "upper"}, {"Readme", "mixed"}});
+        analyze();
+        RecordingReceiver receiver;
+        backup(receiver);
+        ASSERT_TRUE(receiver.complete.has_value());
+        EXPECT_EQ(g_failedTransactions, c.ignoresCase ? 1 : 0) << failures(receiver).toStdString();
+        if (!c.ignoresCase) {
+            EXPECT_EQ(ReadTree(device(QStringLiteral("Docs"))), (Tree {{"README", "upper"}, {"Readme", "mixed"}}));
+            analyze();
+            EXPECT_EQ(transactionLines(), QStringList()) << "up to date";
+        }
+        EXPECT_FALSE(QFileInfo::exists(device(QStringLiteral(".tanner-probe-a")))) << "the probe is gone";
+        unmountDevice();
+    }
+}

@@ -95,6 +95,11 @@ bool MountFuseImage(const QString &kind, const QString &imagePath, int sizeMiB, 
         return RunTool(QStringLiteral("mkfs.vfat"), {imagePath})
             && RunTool(QStringLiteral("fusefat"), {QStringLiteral("-o"), QStringLiteral("rw+"), imagePath, mountPoint});
     }
+    if (kind == u"ntfs-3g") {
+        return RunTool(QStringLiteral("mkntfs"),
+                   {QStringLiteral("-F"), QStringLiteral("-Q"), QStringLiteral("-q"), imagePath})
+            && RunTool(QStringLiteral("ntfs-3g"), {imagePath, mountPoint});
+    }
     if (kind == u"exfat-fuse") {
         // The loop device stays attached until the image is unmounted and the kernel lets it go.
         QProcess losetup;

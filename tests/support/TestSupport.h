@@ -44,8 +44,9 @@ bool LazyUnmount(const QString &path);
 // mkfsOptions are given to mkfs.ext4 ("-O", "casefold").
 bool MountExt4Image(
     const QString &imagePath, int sizeMiB, const QString &mountPoint, const QStringList &mkfsOptions = {});
-// Makes a FAT or exFAT image and mounts it with its FUSE driver: kind "fusefat" (type
-// fuse.fusefat) or "exfat-fuse" (fuseblk). False when the tools are missing or refuse.
+// Makes a FAT, exFAT or NTFS image and mounts it with its FUSE driver: kind "fusefat" (type
+// fuse.fusefat), "exfat-fuse" or "ntfs-3g" (both fuseblk). False when the tools are missing or
+// refuse.
 bool MountFuseImage(const QString &kind, const QString &imagePath, int sizeMiB, const QString &mountPoint);
 
 // Mounts the folder `root` again at `mountPoint` through the fault-injecting pass-through file

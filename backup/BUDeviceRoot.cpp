@@ -496,6 +496,7 @@ void BUDeviceRoot::probe()
     // An odd second in 2001, inside every file system's dates, with every digit of its nanoseconds.
     const timespec written = {1000000001, 123456789};
     const timespec times[2] = {written, written};
+    probeDates(probe);
     const bool timed = ::futimens(probe, times) == 0;
     ::close(probe);
     // Looked up again: a FUSE driver may answer from what it was told until then.
@@ -516,4 +517,22 @@ void BUDeviceRoot::probe()
         int64_t(kept.st_mtim.tv_sec) * 1000000000 + kept.st_mtim.tv_nsec);
     if (step > 0)
         m_kind.timeStep = std::max<int64_t>(step, m_kind.twoSecondTimes ? 2000000000 : 1);
+    // A FAT family disk through a FUSE driver: its dates run from 1980 to 2107 like FAT's own.
+    if (m_kind.ignoresCase && !m_kind.holdsOwnership)
+        m_kind.datesFrom1980 = true;
+}
+
+void BUDeviceRoot::probeDates(int probe)
+{
+    // The year 2200 and the year 1800: what the device keeps of them is where its dates end.
+    for (const int64_t seconds : {int64_t(7258118400), int64_t(-5364662400)}) {
+        const timespec times[2] = {{seconds, 0}, {seconds, 0}};
+        struct stat kept;
+        if (::futimens(probe, times) != 0 || ::fstat(probe, &kept) != 0 || kept.st_mtim.tv_sec == seconds)
+            continue;
+        if (seconds > 0 && kept.st_mtim.tv_sec > 0 && kept.st_mtim.tv_sec < seconds)
+            m_kind.latestSeconds = kept.st_mtim.tv_sec;
+        else if (seconds < 0 && kept.st_mtim.tv_sec > seconds)
+            m_kind.earliestSeconds = kept.st_mtim.tv_sec;
+    }
 }

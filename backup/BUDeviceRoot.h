@@ -72,6 +72,8 @@ private:
 
     QString m_name;
     QString m_path;
+    // The dates the probe file at `probe` keeps (see probe()).
+    void probeDates(int probe);
     int m_fd = -1;
     int m_mountTableFd = -1;
     uint64_t m_mountId = 0;

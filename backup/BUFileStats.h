@@ -11,6 +11,7 @@
 #include <QPair>
 #include <QString>
 
+#include <algorithm>
 #include <cstdint>
 #include <ctime>
 #include <sys/stat.h>
@@ -83,6 +84,10 @@ struct BUVolumeKind {
     // The step, in nanoseconds, in which the file system keeps times: what its kind says, then
     // what a probe on the device finds (BUDeviceRoot::probeTimeStep).
     int64_t timeStep = 1000000000;
+    // The dates it can hold, in seconds since 1970, as the probe finds them (ext4 with 128-byte
+    // inodes and XFS without big timestamps end in January 2038).
+    int64_t earliestSeconds = INT64_MIN;
+    int64_t latestSeconds = INT64_MAX;
     // Names that differ only in case are one name: items are matched without regard to case.
     bool ignoresCase = false;
     // Folders may be made to ignore case one by one (the casefold flag).
@@ -109,10 +114,11 @@ timespec StorableTime(const timespec &time, const BUVolumeKind &kind);
 inline int64_t ComparableTime(int64_t nanoseconds, const BUVolumeKind &kind)
 {
     constexpr int64_t kSecond = 1000000000;
-    if (kind.datesFrom1980) {
-        const int64_t seconds = nanoseconds >= 0 ? nanoseconds / kSecond : -((-nanoseconds + kSecond - 1) / kSecond);
-        nanoseconds = StorableSeconds(seconds, kind) * kSecond + (nanoseconds - seconds * kSecond);
-    }
+    const int64_t seconds = nanoseconds >= 0 ? nanoseconds / kSecond : -((-nanoseconds + kSecond - 1) / kSecond);
+    const int64_t kept = std::clamp(
+        kind.datesFrom1980 ? StorableSeconds(seconds, kind) : seconds, kind.earliestSeconds, kind.latestSeconds);
+    if (kept != seconds)
+        nanoseconds = kept * kSecond; // a date the device cannot hold: its nearest one
     const int64_t step = kind.timeStep > 0 ? kind.timeStep : 1;
     return nanoseconds >= 0 ? nanoseconds / step : -((-nanoseconds + step - 1) / step);
 }

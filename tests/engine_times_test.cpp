@@ -101,3 +101,28 @@ TEST_F(DeviceTest, TheDeviceIsAskedWhetherItIgnoresCase)
         unmountDevice();
     }
 }
+
+// A file dated 2200 on a device whose dates end in 2038 (ext4 with 128-byte inodes) is copied
+// once, then counts as up to date: its copy holds the latest date the device can.
+TEST_F(DeviceTest, ADateTheDeviceCannotHoldSettlesAfterOneCopy)
+{
+    for (const char *kind : {"ext4-128", "ext4", "tmpfs"}) {
+        SCOPED_TRACE(kind);
+        TearDown();
+        SetUp();
+        if (!mountDeviceOfKind(QString::fromLatin1(kind)))
+            continue;
+        WriteTree(source(), {{"future.txt", "f"}, {"past.txt", "p"}});
+        SetTimes(source(QStringLiteral("future.txt")), 7258118400, 0); // 2200
+        SetTimes(source(QStringLiteral("past.txt")), -2208988800, 0); // 1900
+        analyze();
+        EXPECT_EQ(g_transactions.size(), 3);
+        RecordingReceiver receiver;
+        backup(receiver);
+        ASSERT_TRUE(receiver.complete.has_value());
+        EXPECT_EQ(g_failedTransactions, 0) << failures(receiver).toStdString();
+        analyze();
+        EXPECT_EQ(transactionLines(), QStringList());
+        unmountDevice();
+    }
+}

@@ -530,9 +530,11 @@ void BUDeviceRoot::probeDates(int probe)
         struct stat kept;
         if (::futimens(probe, times) != 0 || ::fstat(probe, &kept) != 0 || kept.st_mtim.tv_sec == seconds)
             continue;
-        if (seconds > 0 && kept.st_mtim.tv_sec > 0 && kept.st_mtim.tv_sec < seconds)
+        // Only an end that lies beyond today's dates is one; a date wrapped around is not.
+        constexpr int64_t kThisCentury = 1000000000; // 2001
+        if (seconds > 0 && kept.st_mtim.tv_sec > kThisCentury && kept.st_mtim.tv_sec < seconds)
             m_kind.latestSeconds = kept.st_mtim.tv_sec;
-        else if (seconds < 0 && kept.st_mtim.tv_sec > seconds)
+        else if (seconds < 0 && kept.st_mtim.tv_sec > seconds && kept.st_mtim.tv_sec < kThisCentury)
             m_kind.earliestSeconds = kept.st_mtim.tv_sec;
     }
 }

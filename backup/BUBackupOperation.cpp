@@ -675,7 +675,8 @@ bool BUBackupOperation::performOperation()
     };
     run.copier.deviceGone = [&run] { return !run.device.isStillMounted(); };
     run.copier.cancelled = [this] { return m_cancelBackup.load(std::memory_order_relaxed); };
-    fatal = DeviceSpaceShortfall(m_transactions, m_targetName, run.device.path(), run.device.fd(), &run.oldCopyFirst);
+    fatal = DeviceSpaceShortfall(
+        m_transactions, m_targetName, run.device.path(), run.device.fd(), &run.oldCopyFirst, &run.device.kind());
     run.copier.progress = [&](int64_t bytes) {
         if (sinceProgress.isValid() && sinceProgress.elapsed() < 200)
             return;

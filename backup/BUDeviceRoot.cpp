@@ -517,9 +517,12 @@ void BUDeviceRoot::probe()
         int64_t(kept.st_mtim.tv_sec) * 1000000000 + kept.st_mtim.tv_nsec);
     if (step > 0)
         m_kind.timeStep = std::max<int64_t>(step, m_kind.twoSecondTimes ? 2000000000 : 1);
-    // A FAT family disk through a FUSE driver: its dates run from 1980 to 2107 like FAT's own.
-    if (m_kind.ignoresCase && !m_kind.holdsOwnership)
+    // A FAT family disk through a FUSE driver: its dates run from 1980 to 2107 like FAT's own, and
+    // it has no holes.
+    if (m_kind.ignoresCase && !m_kind.holdsOwnership) {
         m_kind.datesFrom1980 = true;
+        m_kind.keepsHoles = false;
+    }
 }
 
 void BUDeviceRoot::probeDates(int probe)

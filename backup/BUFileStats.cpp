@@ -232,6 +232,7 @@ BUVolumeKind VolumeKindForFileSystem(const QString &fileSystemType)
     kind.reservesSpaceCheaply = fileSystemType != u"tmpfs" && fileSystemType != u"ramfs";
     kind.datesFrom1980 = twoSeconds.contains(fileSystemType) || fileSystemType == u"exfat";
     kind.filesUnder4GiB = twoSeconds.contains(fileSystemType);
+    kind.keepsHoles = !twoSeconds.contains(fileSystemType) && fileSystemType != u"exfat";
     return kind;
 }
 

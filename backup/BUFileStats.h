@@ -100,6 +100,8 @@ struct BUVolumeKind {
     bool datesFrom1980 = false;
     // Files only below 4 GiB (FAT).
     bool filesUnder4GiB = false;
+    // Holes of sparse files are kept as holes (not on FAT and exFAT, which write them out).
+    bool keepsHoles = true;
 };
 inline constexpr int64_t kFatFileSizeLimit = int64_t(1) << 32;
 BUVolumeKind VolumeKindForFileSystem(const QString &fileSystemType);

@@ -99,7 +99,7 @@ QByteArray _DeleteBelowRoot(const BUTransaction &transaction, const QString &dev
 } // namespace
 
 bool DeviceSpaceNeeds(const BUTransactionList &transactions, const QString &deviceRoot, int deviceFd,
-    BUSpaceNeeds *needs, QSet<uint32_t> *oldCopyFirst)
+    BUSpaceNeeds *needs, QSet<uint32_t> *oldCopyFirst, const BUVolumeKind *kind)
 {
     struct statvfs device;
     if (deviceFd < 0 || ::fstatvfs(deviceFd, &device) != 0)
@@ -141,8 +141,11 @@ bool DeviceSpaceNeeds(const BUTransactionList &transactions, const QString &devi
             continue;
         }
         qint64 data = qint64(transaction.fileSize());
+        if (kind && kind->filesUnder4GiB && data >= kFatFileSizeLimit)
+            continue; // never copied: it fails alone
         struct stat source;
-        if (::lstat(FileNameToBytes(transaction.path()).constData(), &source) == 0 && S_ISREG(source.st_mode))
+        if ((!kind || kind->keepsHoles) && ::lstat(FileNameToBytes(transaction.path()).constData(), &source) == 0
+            && S_ISREG(source.st_mode))
             data = std::min<qint64>(data, qint64(source.st_blocks) * 512);
         const qint64 blocks = _RoundUp(data, block);
         needed += blocks;
@@ -167,10 +170,11 @@ qint64 ItemsAndBytesOfDeviceItem(const QString &path, qint64 *bytes)
 }
 
 QString DeviceSpaceShortfall(const BUTransactionList &transactions, const QString &deviceName,
-    const QString &deviceRoot, int deviceFd, QSet<uint32_t> *oldCopyFirst)
+    const QString &deviceRoot, int deviceFd, QSet<uint32_t> *oldCopyFirst, const BUVolumeKind *kind)
 {
     BUSpaceNeeds needs;
-    if (!DeviceSpaceNeeds(transactions, deviceRoot, deviceFd, &needs, oldCopyFirst) || needs.needed <= needs.available)
+    if (!DeviceSpaceNeeds(transactions, deviceRoot, deviceFd, &needs, oldCopyFirst, kind)
+        || needs.needed <= needs.available)
         return QString();
     return FormatString("The backup needs %@ on the device \"%@\", which has only %@ free. Nothing was changed on "
                         "the device.",

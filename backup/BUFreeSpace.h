@@ -5,6 +5,7 @@
 // Threads: any; it reads the transactions and the file systems only.
 #pragma once
 
+#include "backup/BUFileStats.h"
 #include "backup/BUTransaction.h"
 
 #include <QSet>
@@ -22,8 +23,10 @@ struct BUSpaceNeeds {
 // oldCopyFirst, when given, receives the rows of copies whose old copy must be removed before the
 // new one is written: where the device cannot hold both at that point of the run. Every other
 // replaced copy is written whole beside its old one first.
+// kind, when given, is the device's as its probe found it: a device without holes takes a sparse
+// file whole.
 bool DeviceSpaceNeeds(const BUTransactionList &transactions, const QString &deviceRoot, int deviceFd,
-    BUSpaceNeeds *needs, QSet<uint32_t> *oldCopyFirst = nullptr);
+    BUSpaceNeeds *needs, QSet<uint32_t> *oldCopyFirst = nullptr, const BUVolumeKind *kind = nullptr);
 
 // The items (the item itself and all inside it) of a device item at an absolute path, counted
 // without following links; adds the bytes they take to *bytes.
@@ -32,4 +35,5 @@ qint64 ItemsAndBytesOfDeviceItem(const QString &path, qint64 *bytes);
 // The message that stops a backup that cannot fit, naming both figures; null when it fits or
 // the figures cannot be read (the copies then find out for themselves).
 QString DeviceSpaceShortfall(const BUTransactionList &transactions, const QString &deviceName,
-    const QString &deviceRoot, int deviceFd, QSet<uint32_t> *oldCopyFirst = nullptr);
+    const QString &deviceRoot, int deviceFd, QSet<uint32_t> *oldCopyFirst = nullptr,
+    const BUVolumeKind *kind = nullptr);

@@ -47,14 +47,14 @@ inline void WriteFileBytes(const QByteArray &path, const QByteArray &content)
     ::close(fd);
 }
 
-// The temporary files of copies under root.
+// The temporary files of copies under root (not the marks of a run).
 inline QStringList TemporaryFiles(const QString &root)
 {
     QStringList found;
     QDirIterator it(root, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
     while (it.hasNext()) {
         const QString path = it.next();
-        if (it.fileName().startsWith(QStringLiteral(".tanner-partial-")))
+        if (it.fileName().startsWith(QStringLiteral(".tanner-partial-")) && it.fileName() != u".tanner-partial-run")
             found.append(path);
     }
     return found;

@@ -346,3 +346,24 @@ TEST_F(DeviceTest, AFatStickHoldsTheBackupWhenThePowerGoesAtTheEnd)
     unmountDevice();
     QProcess::execute(QStringLiteral("losetup"), {QStringLiteral("-d"), loop});
 }
+
+// exFAT has no holes: a sparse file takes its whole size there, and the space check counts it so,
+// stopping before the first change instead of filling the device part-way.
+TEST_F(DeviceTest, ASparseFileTakesItsWholeSizeOnADeviceWithoutHoles)
+{
+    if (!mountDeviceOfKind(QStringLiteral("exfat-fuse")))
+        GTEST_SKIP() << "exfat-fuse cannot make or mount an exFAT image here";
+    WriteTree(source(), {{"a.txt", "a"}});
+    QFile image(source(QStringLiteral("disk.img")));
+    ASSERT_TRUE(image.open(QIODevice::WriteOnly) && image.resize(48 << 20) && image.seek(1 << 20));
+    image.write(QByteArray(4096, 'd'));
+    image.close();
+    analyze();
+    RecordingReceiver receiver;
+    backup(receiver);
+    ASSERT_TRUE(receiver.complete.has_value());
+    EXPECT_TRUE(receiver.complete->error.value_or(QString()).startsWith(u"The backup needs 50.3"))
+        << receiver.complete->error.value_or(QString()).toStdString();
+    EXPECT_TRUE(receiver.statuses.isEmpty()) << "nothing was changed";
+    EXPECT_FALSE(QFileInfo::exists(device(QStringLiteral("Docs"))));
+}

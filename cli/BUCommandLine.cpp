@@ -148,6 +148,8 @@ int RunCommandLine(int argc, char **argv)
     BUAppController &controller = BUAppController::sharedInstance();
     controller.applicationWillFinishLaunching();
     controller.applicationDidFinishLaunching();
+    if (!controller.settingsProblem().isEmpty())
+        PrintError(controller.settingsProblem(), QStringLiteral("Nothing is read from it or saved to it."));
     int status = found->run(invocation);
     if (!controller.applicationWillTerminate()) {
         PrintError(controller.saveError());

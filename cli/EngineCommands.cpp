@@ -95,6 +95,7 @@ public:
         // A name that is not a mounted device does not become a recent device.
         if (MountedDrives().contains(m_device))
             app.updateRecentDrives(m_device);
+        app.saveState(); // saved now: others may change the settings while this job runs
         connect(&KSSignalWatcher::sharedInstance(), &KSSignalWatcher::signalReceived, this, [this] { cancel(); });
 
         ClearTransactions();
@@ -212,6 +213,7 @@ public:
             const QDateTime now = QDateTime::currentDateTime();
             app.backupDates()[report.target] = DayIndexForToday();
             app.backupTimes()[report.target] = qint64(uint32_t(QDateTime(now.date(), QTime(0, 0)).secsTo(now)));
+            app.saveState();
             m_statusText = QStringLiteral("Backup succeeded");
             status = kExitOk;
         } else {

@@ -235,6 +235,7 @@ TEST_F(AppState, WhatWouldNotBeWrittenBackIsKeptAside)
 {
     const QString damaged = home.settingsFile() + QStringLiteral(".damaged");
     BUAppController &controller = launch();
+    controller.recentDrives() = {QStringLiteral("Backup Disk")}; // a change, so that the file is written
     ASSERT_TRUE(controller.applicationWillTerminate());
     const QByteArray written = fileText();
     ASSERT_FALSE(written.isEmpty());

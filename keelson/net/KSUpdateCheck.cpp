@@ -68,10 +68,7 @@ qint64 _IntegerSetting(const QString &path, const QString &key)
 
 void _SetValue(const QString &path, const QString &key, const QVariant &value)
 {
-    auto settings = OpenSettingsFile(path);
-    settings->setValue(key, value);
-    settings->sync();
-    if (settings->status() != QSettings::NoError)
+    if (!SetSettingsValue(path, key, value))
         LogString("Can't write the setting %@ to %@.", key, path);
 }
 

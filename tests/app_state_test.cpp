@@ -190,11 +190,15 @@ TEST_F(AppState, TerminationSignalsArriveAsQtSignals)
 // user asks a second time, by that signal.
 TEST_F(AppState, ASecondSignalEndsTheProgramAtOnce)
 {
+    // Run with the other tests in one process, an earlier test may have taken the first signal
+    // already; then the child inherits that, and its first signal here is the second one.
+    const bool firstTaken = KSSignalWatcher::terminationRequested();
     int ready[2];
     ASSERT_EQ(::pipe(ready), 0);
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
+        ::close(ready[0]);
         int argc = 1;
         char name[] = "app_state_test";
         char *argv[] = {name, nullptr};
@@ -207,11 +211,14 @@ TEST_F(AppState, ASecondSignalEndsTheProgramAtOnce)
         for (;;)
             ::pause();
     }
+    ::close(ready[1]); // a child that ends early gives an end of file, not a wait
     char byte = 0;
     ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-    ::kill(child, SIGTERM);
-    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-    EXPECT_EQ(byte, '1');
+    if (!firstTaken) {
+        ::kill(child, SIGTERM);
+        ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+        EXPECT_EQ(byte, '1') << "the first signal does not end the program";
+    }
     ::kill(child, SIGINT);
     int status = 0;
     pid_t ended = 0;
@@ -226,7 +233,6 @@ TEST_F(AppState, ASecondSignalEndsTheProgramAtOnce)
     }
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) << "status " << status;
     ::close(ready[0]);
-    ::close(ready[1]);
 }
 
 // A file the program wrote is read and written back as it was, with no copy aside; garbage, a

@@ -459,8 +459,7 @@ bool BUAppController::saveState()
             BUPersistedState theirs;
             if (readState(settings, &theirs) > 0)
                 keepOriginal = true;
-            result = MergeStateChange(m_base, mine, theirs);
-            PurgeBackupDates(result.dates, result.times, DayIndexForToday());
+            result = MergeStateChange(m_base, mine, theirs); // theirs is read as a launch reads it, purged
             writeState(settings, result);
         },
         &m_saveError);

@@ -66,8 +66,7 @@ TEST(DevicesCommand, PrintsTheGroupsThenWatchesMountsUntilTerminated)
     // Listing changes nothing, so the file was not written: the purged record leaves it with the
     // next change that is saved.
     auto settings = OpenSettingsFile(home.settingsFile());
-    EXPECT_TRUE(
-        ReadIntegerDictionary(*settings, QStringLiteral("twbackup.dates")).contains(QStringLiteral("Ancient")));
+    EXPECT_TRUE(ReadIntegerDictionary(*settings, QStringLiteral("twbackup.dates")).contains(QStringLiteral("Ancient")));
     for (const QString &path : std::as_const(mounted))
         LazyUnmount(path);
 }

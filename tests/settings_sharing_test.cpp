@@ -277,6 +277,11 @@ TEST_F(SettingsSharing, DamageIsKeptAndNotTrusted)
     EXPECT_EQ(controller.ignoreFiles().size(), 1);
     EXPECT_TRUE(QFile::exists(damaged + QStringLiteral("-4")));
 
+    // A list of one is text as well, never a binary value.
+    controller.backupFolders() = {QStringLiteral("/data/Music")};
+    ASSERT_TRUE(controller.saveState());
+    EXPECT_TRUE(fileText().contains("twbackup.folders=/data/Music\n")) << fileText().toStdString();
+
     const QString volumes = home.path() + QStringLiteral("/volumes");
     QDir().mkpath(volumes + QStringLiteral("/Disk"));
     qputenv("TANNER_VOLUMES_ROOT", QFile::encodeName(volumes));

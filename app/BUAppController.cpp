@@ -17,6 +17,8 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QFileSystemWatcher>
+#include <QTimer>
 
 #include <algorithm>
 #include <utility>
@@ -62,7 +64,7 @@ void BUAppController::applicationWillFinishLaunching()
     KSLogger::sharedInstance().ownRecordsHook = [] { return BURunHistory::reportSection(); };
 }
 
-void BUAppController::installRules(const QStringList &archives, BURuleList &into, const QString &key)
+void BUAppController::installRules(const QStringList &archives, BURuleList &into, const QString &key) const
 {
     for (const QString &archive : archives) {
         if (archive.size() < 2) {
@@ -89,11 +91,9 @@ QVariant _StoredFolder(const QString &path)
 // list edited by hand may hold a path's raw bytes, which the settings reader turns into U+FFFD.
 QStringList _RawListElements(const QString &settingsPath, const QString &key)
 {
-    QFile file(settingsPath);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
+    const KSSettingsFileText file = ReadSettingsFileText(settingsPath);
     const QByteArray prefix = key.toUtf8() + '=';
-    for (QByteArray line : file.readAll().split('\n')) {
+    for (QByteArray line : TrustedSettingsText(file.text).split('\n')) {
         line = line.trimmed();
         if (!line.startsWith(prefix))
             continue;
@@ -144,71 +144,138 @@ int _StoredEntries(QSettings &settings, const QString &key)
     return count;
 }
 
-// Whether the text of a settings file can be a whole file of settings; where it cannot, logs why.
-// What a person may change by hand without losing anything does not count: the order of the keys,
-// spaces, blank lines, comments, quotes around a value.
-bool _TextIsWhole(const QByteArray &text, const QString &path)
+} // namespace
+
+namespace {
+
+// Why a folder can't be a backup folder, or nothing: "/" has no name to mirror, and a folder that
+// holds the devices (or is one) would be backed up into itself.
+QString _FolderRefusal(const QString &path)
 {
-    if (text.isEmpty()) {
-        LogString("The settings file %@ is empty.", path);
-        return false;
+    if (path == u"/")
+        return QStringLiteral("The root folder has no name to mirror on the backup device.");
+    const QString volumes = VolumesRoot();
+    if (volumes.isEmpty())
+        return {};
+    if (PathIsInside(volumes, path))
+        return QStringLiteral("It holds the backup devices.");
+    if (PathIsInside(path, volumes) && !path.sliced(volumes.size() + 1).contains(u'/'))
+        return QStringLiteral("It is a backup device.");
+    return {};
+}
+
+QStringList _Archives(const BURuleList &rules)
+{
+    QStringList archives;
+    archives.reserve(rules.size());
+    for (const BUIgnoreRule &rule : rules)
+        archives.append(rule.archive());
+    return archives;
+}
+
+QStringList _Without(QStringList list, const QStringList &removed)
+{
+    for (const QString &item : removed)
+        list.removeAll(item);
+    return list;
+}
+
+QStringList _Missing(const QStringList &from, const QStringList &in)
+{
+    QStringList missing;
+    for (const QString &item : from) {
+        if (!in.contains(item))
+            missing.append(item);
     }
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 && c != '\n' && c != '\r' && c != '\t') { // the settings writer escapes these
-            LogString("The settings file %@ is not text.", path);
-            return false;
-        }
-    }
-    // Every line this program writes ends with a line end: a file without one was cut short.
-    if (!text.endsWith('\n')) {
-        LogString("The last line of the settings file %@ is cut short.", path);
-        return false;
-    }
-    QByteArray line;
-    int number = 0;
-    for (const QByteArray &piece : text.split('\n')) {
-        ++number;
-        line += piece.endsWith('\r') ? piece.chopped(1) : piece;
-        qsizetype backslashes = 0;
-        while (backslashes < line.size() && line[line.size() - 1 - backslashes] == '\\')
-            ++backslashes;
-        if (backslashes % 2 == 1) { // continued on the next line
-            line.chop(1);
+    return missing;
+}
+
+// Recent devices are a list in the order of use: the change is the devices moved to its front
+// (and any removed), applied in front of the other list.
+QStringList _MergeRecent(const QStringList &base, const QStringList &mine, const QStringList &theirs)
+{
+    const QStringList removed = _Missing(base, mine);
+    qsizetype front = 0;
+    while (front < mine.size() && mine.mid(front) != _Without(_Without(base, removed), mine.first(front)))
+        ++front;
+    const QStringList moved = mine.first(front);
+    return moved + _Without(_Without(theirs, removed), moved);
+}
+
+void _MergeDictionary(
+    const QMap<QString, qint64> &base, const QMap<QString, qint64> &mine, QMap<QString, qint64> &theirs)
+{
+    QStringList keys = base.keys() + mine.keys();
+    keys.removeDuplicates();
+    for (const QString &key : std::as_const(keys)) {
+        if (base.contains(key) == mine.contains(key) && base.value(key) == mine.value(key))
             continue;
-        }
-        const QByteArray trimmed = std::exchange(line, QByteArray()).trimmed();
-        if (trimmed.isEmpty() || trimmed.startsWith(';') || trimmed.startsWith('#'))
-            continue;
-        if (trimmed.startsWith('[')) {
-            if (trimmed.endsWith(']'))
-                continue;
-            LogString("Line %d of the settings file %@ opens a section without closing its name.", number, path);
-            return false;
-        }
-        const qsizetype equals = trimmed.indexOf('=');
-        if (equals <= 0) {
-            LogString("Line %d of the settings file %@ is not a setting.", number, path);
-            return false;
-        }
-        bool quoted = false;
-        for (qsizetype i = equals + 1; i < trimmed.size(); ++i) {
-            if (trimmed[i] == '\\')
-                ++i;
-            else if (trimmed[i] == '"')
-                quoted = !quoted;
-        }
-        if (quoted) {
-            LogString("Line %d of the settings file %@ opens a quote without closing it.", number, path);
-            return false;
-        }
+        if (mine.contains(key))
+            theirs.insert(key, mine.value(key));
+        else
+            theirs.remove(key);
     }
-    return true;
+}
+
+BURuleList _Rules(const QStringList &archives)
+{
+    BURuleList rules;
+    for (const QString &archive : archives)
+        rules.append(BUIgnoreRule(archive));
+    return rules;
+}
+
+QStringList _MergeRules(const QStringList &base, const QStringList &mine, const QStringList &theirs)
+{
+    if (theirs == base)
+        return mine;
+    BURuleList rules = _Rules(_Without(theirs, _Missing(base, mine)));
+    const QStringList added = _Missing(mine, base);
+    if (!added.isEmpty())
+        AddRulesMerging(rules, added);
+    return _Archives(rules);
 }
 
 } // namespace
 
-int BUAppController::loadFolders(const QVariantList &stored)
+BUPersistedState MergeStateChange(const BUPersistedState &base, const BUPersistedState &mine, BUPersistedState theirs)
+{
+    // A file that holds none of the three lists gets the first-run defaults at launch: the state
+    // this change was made on.
+    if (theirs.listsEmpty()) {
+        theirs.folders = base.folders;
+        theirs.ignoreFiles = base.ignoreFiles;
+        theirs.ignoreFolders = base.ignoreFolders;
+    }
+    BUPersistedState result = theirs;
+    if (theirs.folders == base.folders) {
+        result.folders = mine.folders;
+    } else {
+        result.folders = _Without(theirs.folders, _Missing(base.folders, mine.folders));
+        bool added = false;
+        for (const QString &folder : _Missing(mine.folders, base.folders)) {
+            const bool clash = std::any_of(result.folders.begin(), result.folders.end(), [&](const QString &other) {
+                return CaseInsensitiveCompare(LastPathComponent(other), LastPathComponent(folder)) == KSOrderedSame;
+            });
+            if (clash) {
+                LogString("Can't add the backup folder %@: another process added a folder of the same name.", folder);
+                continue;
+            }
+            result.folders.append(folder);
+            added = true;
+        }
+        if (added)
+            std::stable_sort(result.folders.begin(), result.folders.end(), CompareFolders);
+    }
+    result.ignoreFiles = _MergeRules(base.ignoreFiles, mine.ignoreFiles, theirs.ignoreFiles);
+    result.ignoreFolders = _MergeRules(base.ignoreFolders, mine.ignoreFolders, theirs.ignoreFolders);
+    result.recent = theirs.recent == base.recent ? mine.recent : _MergeRecent(base.recent, mine.recent, theirs.recent);
+    _MergeDictionary(base.dates, mine.dates, result.dates);
+    _MergeDictionary(base.times, mine.times, result.times);
+    return result;
+}
+
+int BUAppController::loadFolders(const QVariantList &stored, QStringList *folders) const
 {
     // On Linux a folder is stored as its path; there is no bookmark to resolve. A path that no
     // longer exists stays in the list: the analysis reports it, and the user decides.
@@ -238,21 +305,77 @@ int BUAppController::loadFolders(const QVariantList &stored)
             LogString("Can't restore backup folder %@: %@", path, QStringLiteral("It is not an absolute path."));
             continue;
         }
-        m_backupFolders.append(QDir::cleanPath(path));
+        path = QDir::cleanPath(path);
+        if (const QString refusal = _FolderRefusal(path); !refusal.isEmpty()) {
+            LogString("Can't restore backup folder %@: %@", path, refusal);
+            continue;
+        }
+        folders->append(path);
     }
     return unrecovered;
 }
 
-void BUAppController::saveFolders(QSettings &settings) const
+int BUAppController::readState(QSettings &settings, BUPersistedState *state) const
 {
-    if (m_backupFolders.isEmpty()) {
-        settings.remove(kFoldersKey);
-        return;
+    state->recent = ReadStringList(settings, kRecentKey);
+    state->recent.removeAll(QString());
+    int lost = loadFolders(ReadList(settings, kFoldersKey), &state->folders);
+    BURuleList files, folders;
+    installRules(ReadStringList(settings, kIgnoreFilesKey), files, kIgnoreFilesKey);
+    installRules(ReadStringList(settings, kIgnoreFoldersKey), folders, kIgnoreFoldersKey);
+    state->ignoreFiles = _Archives(files);
+    state->ignoreFolders = _Archives(folders);
+    state->times = ReadIntegerDictionary(settings, kTimesKey);
+    for (auto it = state->times.begin(); it != state->times.end();) {
+        if (it.value() < 0 || it.value() > 0xFFFFFFFFLL) {
+            LogString("Ignoring the entry %@ of the setting %@: it is not a time of day.", it.key(), kTimesKey);
+            it = state->times.erase(it);
+        } else {
+            ++it;
+        }
     }
-    QVariantList stored;
-    for (const QString &folder : m_backupFolders)
-        stored.append(_StoredFolder(folder));
-    settings.setValue(kFoldersKey, stored);
+    bool datesPresent = false;
+    state->dates = ReadIntegerDictionary(settings, kDatesKey, &datesPresent);
+    // Whatever a reader above could not use was logged and left out: it is lost unless the
+    // original is kept.
+    lost += _StoredElements(settings, kRecentKey) - int(state->recent.size());
+    lost += _StoredElements(settings, kFoldersKey) - int(state->folders.size());
+    lost += _StoredElements(settings, kIgnoreFilesKey) - int(state->ignoreFiles.size());
+    lost += _StoredElements(settings, kIgnoreFoldersKey) - int(state->ignoreFolders.size());
+    lost += _StoredEntries(settings, kTimesKey) - int(state->times.size());
+    lost += _StoredEntries(settings, kDatesKey) - int(state->dates.size());
+    if (datesPresent)
+        PurgeBackupDates(state->dates, state->times, DayIndexForToday());
+    return lost;
+}
+
+void BUAppController::writeState(QSettings &settings, const BUPersistedState &state)
+{
+    QVariantList folders;
+    for (const QString &folder : state.folders)
+        folders.append(_StoredFolder(folder));
+    WriteList(settings, kFoldersKey, folders);
+    WriteStringList(settings, kIgnoreFilesKey, state.ignoreFiles);
+    WriteStringList(settings, kIgnoreFoldersKey, state.ignoreFolders);
+    WriteStringList(settings, kRecentKey, state.recent);
+    WriteIntegerDictionary(settings, kDatesKey, state.dates);
+    WriteIntegerDictionary(settings, kTimesKey, state.times);
+}
+
+BUPersistedState BUAppController::currentState() const
+{
+    return {m_backupFolders, _Archives(m_ignoreFiles), _Archives(m_ignoreFolders), m_recentDrives, m_backupDates,
+        m_backupTimes};
+}
+
+void BUAppController::adoptState(const BUPersistedState &state)
+{
+    m_backupFolders = state.folders;
+    m_ignoreFiles = _Rules(state.ignoreFiles);
+    m_ignoreFolders = _Rules(state.ignoreFolders);
+    m_recentDrives = state.recent;
+    m_backupDates = state.dates;
+    m_backupTimes = state.times;
 }
 
 void BUAppController::applicationDidFinishLaunching()
@@ -268,60 +391,22 @@ void BUAppController::applicationDidFinishLaunching()
     m_backupTimes.clear();
     // The process-wide transaction and error lists belong to the engine and start empty there.
 
+    // 2-6. Recent devices, folders, rules, each in their stored order; times, then dates with the
+    //      purge of entries a year old or older. Nothing is written here.
     m_settingsPath = UserDefaultsPath();
-    QByteArray original;
-    bool existed = false;
+    const KSSettingsFileText file = ReadSettingsFileText(m_settingsPath);
+    m_settingsProblem.clear();
+    if (!file.readable())
+        m_settingsProblem = FormatString("The settings file %@ is not used: %@.", m_settingsPath, file.problem);
+    BUPersistedState state;
     {
-        QFile file(m_settingsPath);
-        existed = file.open(QIODevice::ReadOnly);
-        if (existed)
-            original = file.readAll();
+        auto settings = ReadSettingsFile(m_settingsPath);
+        const int lost = readState(*settings, &state);
+        if (file.state == KSSettingsFileText::Regular && (lost > 0 || !SettingsTextIsWhole(file.text, m_settingsPath)))
+            KeepSettingsOriginal(m_settingsPath, file.text);
     }
-    auto settings = OpenSettingsFile(m_settingsPath);
-    switch (settings->status()) {
-    case QSettings::NoError:
-        break;
-    case QSettings::AccessError:
-        m_keepStoredFile = QFileInfo::exists(m_settingsPath);
-        LogString("Can't read the settings file %@; it will not be overwritten.", m_settingsPath);
-        break;
-    case QSettings::FormatError:
-        break; // what can be read is used; the original is kept aside below
-    }
-
-    // 2-4. Recent devices, folders, rules, each in their stored order.
-    m_recentDrives = ReadStringList(*settings, kRecentKey);
-    m_recentDrives.removeAll(QString());
-    int lost = loadFolders(ReadList(*settings, kFoldersKey));
-    installRules(ReadStringList(*settings, kIgnoreFilesKey), m_ignoreFiles, kIgnoreFilesKey);
-    installRules(ReadStringList(*settings, kIgnoreFoldersKey), m_ignoreFolders, kIgnoreFoldersKey);
-
-    // 5-6. Times, then dates with the purge of entries a year old or older.
-    m_backupTimes = ReadIntegerDictionary(*settings, kTimesKey);
-    for (auto it = m_backupTimes.begin(); it != m_backupTimes.end();) {
-        if (it.value() < 0 || it.value() > 0xFFFFFFFFLL) {
-            LogString("Ignoring the entry %@ of the setting %@: it is not a time of day.", it.key(), kTimesKey);
-            it = m_backupTimes.erase(it);
-        } else {
-            ++it;
-        }
-    }
-    bool datesPresent = false;
-    m_backupDates = ReadIntegerDictionary(*settings, kDatesKey, &datesPresent);
-    if (existed && !m_keepStoredFile) {
-        // Whatever a reader above could not use was logged and left out: it is lost unless the
-        // original is kept.
-        lost += _StoredElements(*settings, kRecentKey) - int(m_recentDrives.size());
-        lost += _StoredElements(*settings, kFoldersKey) - int(m_backupFolders.size());
-        lost += _StoredElements(*settings, kIgnoreFilesKey) - int(m_ignoreFiles.size());
-        lost += _StoredElements(*settings, kIgnoreFoldersKey) - int(m_ignoreFolders.size());
-        lost += _StoredEntries(*settings, kTimesKey) - int(m_backupTimes.size());
-        lost += _StoredEntries(*settings, kDatesKey) - int(m_backupDates.size());
-        keepDamagedOriginal(original, lost);
-    }
-    if (datesPresent) {
-        PurgeBackupDates(m_backupDates, m_backupTimes, DayIndexForToday());
-    }
+    adoptState(state);
+    m_base = state;
 
     // 7. Process-wide resources: the engine's attribute list is built by the engine itself; the
     //    folder image and the alert colour belong to the window and are made there.
@@ -339,12 +424,16 @@ void BUAppController::applicationDidFinishLaunching()
 
     m_loaded = true;
 
-    // 10. First-run defaults, also when the user emptied all three lists.
+    // 10. First-run defaults, also when the user emptied all three lists. The window saves them
+    //     as a change of its own; for a command they are what the launch sees, saved only with a
+    //     change that the command makes.
     if (m_backupFolders.isEmpty() && m_ignoreFiles.isEmpty() && m_ignoreFolders.isEmpty()) {
-        if (firstRunDefaultsHook)
+        if (firstRunDefaultsHook) {
             firstRunDefaultsHook();
-        else
+        } else {
             addDefaults();
+            m_base = currentState();
+        }
     }
     // 11. The main window comes to the front here.
     // 12. The automatic update and news checks.
@@ -354,57 +443,98 @@ void BUAppController::applicationDidFinishLaunching()
 
 void BUAppController::saveRules(QSettings &settings, const BURuleList &rules, const QString &key)
 {
-    QStringList archives;
-    archives.reserve(rules.size());
-    for (const BUIgnoreRule &rule : rules)
-        archives.append(rule.archive());
-    WriteStringList(settings, key, archives);
+    WriteStringList(settings, key, _Archives(rules));
 }
 
-void BUAppController::writeState(QSettings &settings)
-{
-    saveFolders(settings);
-    saveRules(settings, m_ignoreFiles, kIgnoreFilesKey);
-    saveRules(settings, m_ignoreFolders, kIgnoreFoldersKey);
-    WriteStringList(settings, kRecentKey, m_recentDrives);
-    WriteIntegerDictionary(settings, kDatesKey, m_backupDates);
-    WriteIntegerDictionary(settings, kTimesKey, m_backupTimes);
-}
-
-void BUAppController::keepDamagedOriginal(const QByteArray &original, int lost)
-{
-    // The readers logged each value they left out. The reader's own format error is not asked:
-    // it takes a comment that begins with "#" for one.
-    if (lost <= 0 && _TextIsWhole(original, m_settingsPath))
-        return;
-    const QString copy = m_settingsPath + QStringLiteral(".damaged");
-    QFile::remove(copy);
-    if (QFile::copy(m_settingsPath, copy)) {
-        LogString("The settings file %@ is damaged; what could be read is used and the original is kept as %@.",
-            m_settingsPath, copy);
-    } else {
-        LogString(
-            "The settings file %@ is damaged and can't be copied aside; it will not be overwritten.", m_settingsPath);
-        m_keepStoredFile = true;
-    }
-}
-
-bool BUAppController::applicationWillTerminate()
+bool BUAppController::saveState()
 {
     m_saveError.clear();
     if (!m_loaded)
         return true; // nothing was loaded, so there is nothing of the user's to write
-    if (m_keepStoredFile) {
-        m_saveError
-            = FormatString("The settings file %@ could not be read, so it was not overwritten.", m_settingsPath);
-        LogString("%@", m_saveError);
-        return false;
+    const BUPersistedState mine = currentState();
+    if (mine == m_base)
+        return true; // commands that change nothing never write
+    BUPersistedState result;
+    const bool saved = ChangeSettingsFile(
+        m_settingsPath,
+        [&](QSettings &settings, bool &keepOriginal) {
+            BUPersistedState theirs;
+            if (readState(settings, &theirs) > 0)
+                keepOriginal = true;
+            result = MergeStateChange(m_base, mine, theirs); // theirs is read as a launch reads it, purged
+            writeState(settings, result);
+        },
+        &m_saveError);
+    if (!saved)
+        return false; // the change stays here, and the next save tries again
+    m_base = result;
+    if (result != mine) {
+        adoptState(result);
+        if (stateReloadedHook)
+            stateReloadedHook();
     }
-    auto settings = OpenSettingsFile(m_settingsPath);
-    writeState(*settings);
-    settings->sync();
-    if (settings->status() != QSettings::NoError) {
-        m_saveError = FormatString("Can't save the settings to %@.", m_settingsPath);
+    return true;
+}
+
+bool BUAppController::reloadState()
+{
+    m_reloadPending = false;
+    if (!m_loaded)
+        return false;
+    if (currentState() != m_base) {
+        saveState(); // takes in what others saved as well
+        return true;
+    }
+    BUPersistedState state;
+    {
+        auto settings = ReadSettingsFile(m_settingsPath);
+        readState(*settings, &state);
+    }
+    if (state.listsEmpty()) { // as a launch would: the defaults stand
+        state.folders = m_base.folders;
+        state.ignoreFiles = m_base.ignoreFiles;
+        state.ignoreFolders = m_base.ignoreFolders;
+    }
+    if (state == m_base)
+        return false;
+    adoptState(state);
+    m_base = state;
+    if (stateReloadedHook)
+        stateReloadedHook();
+    return true;
+}
+
+void BUAppController::watchSettingsFile()
+{
+    if (m_settingsWatcher || !QCoreApplication::instance())
+        return;
+    // The file is replaced, never written in place: its folder tells when.
+    const QString folder = QFileInfo(m_settingsPath).absolutePath();
+    QDir().mkpath(folder);
+    auto *watcher = new QFileSystemWatcher(QCoreApplication::instance());
+    watcher->addPath(folder);
+    auto *delay = new QTimer(watcher); // one reload for the burst of events of one save
+    delay->setSingleShot(true);
+    delay->setInterval(0);
+    QObject::connect(watcher, &QFileSystemWatcher::directoryChanged, delay, qOverload<>(&QTimer::start));
+    QObject::connect(delay, &QTimer::timeout, watcher, [this] {
+        if (mayReloadStateHook && !mayReloadStateHook())
+            m_reloadPending = true;
+        else
+            reloadState();
+    });
+    m_settingsWatcher = watcher;
+}
+
+void BUAppController::reloadStateIfPending()
+{
+    if (m_reloadPending)
+        reloadState();
+}
+
+bool BUAppController::applicationWillTerminate()
+{
+    if (!saveState()) {
         LogString("%@", m_saveError);
         return false;
     }
@@ -416,6 +546,10 @@ QList<BUAlertText> BUAppController::addBackupFolders(const QStringList &paths)
     QList<BUAlertText> refusals;
     for (const QString &path : paths) {
         const QString name = LastPathComponent(path);
+        if (const QString refusal = _FolderRefusal(path); !refusal.isEmpty()) {
+            refusals.append({QStringLiteral("Can't add a backup folder."), refusal});
+            continue;
+        }
         bool skip = false;
         for (const QString &existing : std::as_const(m_backupFolders)) {
             if (existing == path) {

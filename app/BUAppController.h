@@ -1,7 +1,9 @@
 // The application's one process-wide controller. It owns every piece of backup state that
 // outlives a run (source folders, the two rule lists, the recent devices, the date and time of
-// the last backup to each device), loads it once at start-up and writes it back once at
-// termination. Other code edits the containers in place.
+// the last backup to each device) and loads it at start-up. Other code edits the containers in
+// place and then calls saveState(), which saves that change at once: the window and any number of
+// commands share the settings file, so a change is applied to the file as it is now (what others
+// saved meanwhile is kept, and shown), never written from an old picture of it.
 //
 // Main thread only. The analysis reads backupFolders and the rule lists on its own thread, so
 // nothing may edit them while an operation runs; the window and the command line ensure that.
@@ -25,6 +27,21 @@ struct BUAlertText {
     QString moreInfo;
 };
 
+// The persisted part of the state, as the settings file holds it.
+struct BUPersistedState {
+    QStringList folders;
+    QStringList ignoreFiles, ignoreFolders; // rule archives
+    QStringList recent;
+    QMap<QString, qint64> dates, times;
+    bool operator==(const BUPersistedState &) const = default;
+    bool listsEmpty() const { return folders.isEmpty() && ignoreFiles.isEmpty() && ignoreFolders.isEmpty(); }
+};
+
+// A change made from `base` to `mine`, applied to `theirs` (the file as another process left it):
+// folders, rules and devices added or removed, devices made recent, dates and times set or
+// removed. Where `theirs` still equals `base`, `mine` is taken as it is.
+BUPersistedState MergeStateChange(const BUPersistedState &base, const BUPersistedState &mine, BUPersistedState theirs);
+
 class BUAppController {
 public:
     static BUAppController &sharedInstance();
@@ -44,18 +61,27 @@ public:
     // Start-up: the kernel first, then the state and the first-run defaults.
     void applicationWillFinishLaunching();
     void applicationDidFinishLaunching();
-    // Writes the state back; false (and logged) when the settings file could not be written.
+    // Saves what is still unsaved; false (and logged) when the settings file could not be written.
     bool applicationWillTerminate();
 
-    void installRules(const QStringList &archives, BURuleList &into, const QString &key);
+    // Saves the change made to the containers since the state was last read or saved: under the
+    // settings file's lock, on the file read again, and only when something changed. What others
+    // saved meanwhile is kept and comes into the containers (stateReloadedHook tells). False, with
+    // saveError(), when the file could not be written; the change stays in the containers.
+    bool saveState();
+    // Reads the file again after others changed it and takes what they saved (when nothing here
+    // is unsaved). Returns whether the containers changed; stateReloadedHook is called then.
+    bool reloadState();
+    // Follows the settings file: when another process replaces it, reloads the state at once if
+    // mayReloadStateHook allows (no job reads the containers), else when reloadStateIfPending is
+    // called. Needs an application object.
+    void watchSettingsFile();
+    void reloadStateIfPending();
+    std::function<bool()> mayReloadStateHook;
+    std::function<void()> stateReloadedHook;
+
+    void installRules(const QStringList &archives, BURuleList &into, const QString &key) const;
     void saveRules(QSettings &settings, const BURuleList &rules, const QString &key);
-    // Writes the state into settings (the other keys it holds stay as they are).
-    void writeState(QSettings &settings);
-    // Keeps the original settings file aside as ".damaged" when something read from it would be
-    // lost by writing the state back: a file that is empty, not text, cut short or not in the form
-    // of settings, or `lost` values that the readers could not use. Changes a person makes by hand
-    // without losing anything (order, spaces, comments, quotes) keep nothing aside.
-    void keepDamagedOriginal(const QByteArray &original, int lost);
 
     // Adds source folders as the folder chooser does: the same path twice is skipped silently,
     // a second folder of the same name (ignoring case) is refused with an alert text; then the
@@ -69,6 +95,8 @@ public:
     // Where the state lives; the settings file's problems at load time.
     QString settingsPath() const { return m_settingsPath; }
     QString saveError() const { return m_saveError; }
+    // Why the settings file is not used (not a regular file, unreadable, too large); empty when it is.
+    QString settingsProblem() const { return m_settingsProblem; }
 
     // The window (once it exists) replaces the first-run step with its own addDefaults.
     std::function<void()> firstRunDefaultsHook;
@@ -92,9 +120,13 @@ public:
 
 private:
     BUAppController() = default;
+    // Reads the persisted state; returns how many stored values could not be used.
+    int readState(QSettings &settings, BUPersistedState *state) const;
     // Returns how many paths lost bytes that could not be found again in the file.
-    int loadFolders(const QVariantList &stored);
-    void saveFolders(QSettings &settings) const;
+    int loadFolders(const QVariantList &stored, QStringList *folders) const;
+    static void writeState(QSettings &settings, const BUPersistedState &state);
+    BUPersistedState currentState() const;
+    void adoptState(const BUPersistedState &state);
 
     QStringList m_recentDrives, m_mountedRecentDrives, m_otherDrives;
     QMap<QString, qint64> m_backupDates, m_backupTimes;
@@ -102,8 +134,11 @@ private:
     BURuleList m_ignoreFolders, m_ignoreFiles;
     QString m_settingsPath;
     QString m_saveError;
+    QString m_settingsProblem;
+    BUPersistedState m_base; // the state as last read from or saved to the file
     bool m_loaded = false;
-    bool m_keepStoredFile = false; // the file could not be read: never overwrite it
+    bool m_reloadPending = false;
+    QPointer<QObject> m_settingsWatcher;
     QPointer<BUDeviceWatcher> m_deviceWatcher; // owned by the application object
 };
 

@@ -164,8 +164,22 @@
     X(kNeedsDevice, "%@ needs the name of a device (see: tanner-backup devices)")                                      \
     X(kAnalysisSummary, "%,d actions, %@ to copy")                                                                     \
     X(kLargeDeletionYes, " Run the backup again with --yes to go ahead, or look first with: tanner-backup analyze ")   \
-    X(kSettingsNotRead, "The settings file %@ could not be read, so it was not overwritten.")                          \
-    X(kSettingsNotSaved, "Can't save the settings to %@.")                                                             \
+    X(kSettingsNotUsed, "The settings file %@ is not used: %@.")                                                       \
+    X(kSettingsNotUsedHint, "Nothing is read from it or saved to it.")                                                 \
+    X(kSettingsNotRegular, "it is not a regular file")                                                                 \
+    X(kSettingsLinkToNothing, "it is a link to nothing")                                                               \
+    X(kSettingsTooLarge, "it is larger than a settings file can be")                                                   \
+    X(kSettingsNotSaved, "Can't save the settings to %@: %@.")                                                         \
+    X(kSettingsNotWritten, "the new settings could not be written")                                                    \
+    X(kSettingsNotReadBack, "the new settings could not be read back")                                                 \
+    X(kSettingsOriginalNotKept, "the damaged original could not be kept aside")                                        \
+    X(kFolderHoldsDevices, "It holds the backup devices.")                                                             \
+    X(kFolderIsDevice, "It is a backup device.")                                                                       \
+    X(kDeviceFolderNamed, "\"%@\" is the folder of the device \"%@\".")                                                \
+    X(kNameTheDevice, "Name the device instead: tanner-backup %@ %@")                                                  \
+    X(kPathIsNotDevice, "\"%@\" is a path, not the name of a device.")                                                 \
+    X(kDevicesAreNamed, "Devices are named as tanner-backup devices lists them.")                                      \
+    X(kCantWriteOutput, "Can't write the output: %1")                                                                  \
     X(kFolderNotFound, " (not found)")                                                                                 \
     X(kWindowCantOpen,                                                                                                 \
         "tanner-backup: the window can't be opened -- its part \"%s\" could not be loaded: %s.\nCommands still work: " \
@@ -199,6 +213,8 @@
     X(kCantWriteDownload, "I can't write the downloaded file.")                                                        \
     X(kDownloadCanceled, "The download was canceled.")                                                                 \
     X(kServerTimeout, "The server did not answer in time.")                                                            \
+    X(kPageTooLarge, "The page is larger than a page of the site can be.")                                             \
+    X(kMoreThanAnnounced, "The server sent more than the size it announced.")                                          \
     X(kCheckNowButton, "Check Now")                                                                                    \
     X(kAlreadyOpen, "Tanner Backup is already open; its window was brought to the front.")                             \
     /* Help. */                                                                                                        \
@@ -226,6 +242,8 @@
     X(kSpeechEngineFailed, "the speech engine failed")                                                                 \
     X(kCantReadHelpFile, "Can't read help file: %@")                                                                   \
     X(kDocumentDamaged, "The document has been damaged.")                                                              \
+    X(kFileNotRegular, "It is not a regular file.")                                                                    \
+    X(kFileTooLarge, "It is larger than %1 bytes.")                                                                    \
     X(kLaterVersion,                                                                                                   \
         "This file was created by a later version of Tanner Write. Please visit our website to upgrade the app.")      \
     X(kNoMemoryForText, "I can't allocate memory for the document's text.")                                            \

@@ -7,7 +7,9 @@
 
 #include <QCoreApplication>
 
+#include <cerrno>
 #include <cstring>
+#include <unistd.h>
 
 namespace {
 
@@ -98,11 +100,55 @@ QString CommandLineHelp()
     return text;
 }
 
+QString TerminalSafeText(const QString &text)
+{
+    QString out;
+    out.reserve(text.size());
+    for (const QChar c : text) {
+        const char16_t unit = c.unicode();
+        // C0 controls but line feed and tab, DEL, C1 controls, and bytes 0x80-0x9F of a name that
+        // is not UTF-8 (which some terminals take for C1 controls) are shown as escapes.
+        if ((unit < 0x20 && unit != u'\n' && unit != u'\t') || unit == 0x7F || (unit >= 0x80 && unit <= 0x9F))
+            out += QStringLiteral("\\x%1").arg(int(unit), 2, 16, QLatin1Char('0'));
+        else if (unit >= 0xDC80 && unit <= 0xDC9F)
+            out += QStringLiteral("\\x%1").arg(int(unit - 0xDC00), 2, 16, QLatin1Char('0'));
+        else
+            out += c;
+    }
+    return out;
+}
+
 void PrintLine(std::FILE *stream, const QString &text)
 {
-    const QByteArray bytes = FileNameToBytes(text);
-    std::fwrite(bytes.constData(), 1, std::size_t(bytes.size()), stream);
-    std::fputc('\n', stream);
+    // Text from a server or a device may hold escape sequences that retitle or clear a terminal,
+    // or set its clipboard: a terminal is shown them escaped; files and pipes get the bytes.
+    const bool terminal = ::isatty(::fileno(stream)) == 1;
+    WriteBytes(stream, FileNameToBytes(terminal ? TerminalSafeText(text) : text) + '\n');
+}
+
+namespace {
+int g_outputError = 0; // the first failed write to standard output
+} // namespace
+
+void WriteBytes(std::FILE *stream, const QByteArray &bytes)
+{
+    errno = 0;
+    if (std::fwrite(bytes.constData(), 1, std::size_t(bytes.size()), stream) != std::size_t(bytes.size())
+        && stream == stdout && g_outputError == 0)
+        g_outputError = errno ? errno : EIO;
+}
+
+int FinishOutput(int status)
+{
+    // Output that could not be written (a full disk, a closed pipe) is a failure, not a success
+    // with nothing printed.
+    errno = 0;
+    if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+        const int error = g_outputError ? g_outputError : errno ? errno : EIO;
+        PrintError(QStringLiteral("Can't write the output: %1").arg(QString::fromLocal8Bit(std::strerror(error))));
+        return kExitError;
+    }
+    return status;
 }
 
 void PrintError(const QString &message, const QString &moreInfo)
@@ -129,15 +175,15 @@ int RunCommandLine(int argc, char **argv)
 
     if (invocation.command.isEmpty() || invocation.command == u"--help" || invocation.command == u"-h") {
         PrintLine(stdout, CommandLineHelp());
-        return kExitOk;
+        return FinishOutput(kExitOk);
     }
     if (invocation.command == u"--version") {
         KSKernel::sharedInstance();
         PrintLine(stdout, g_appName + u' ' + g_appVersionString);
-        return kExitOk;
+        return FinishOutput(kExitOk);
     }
     if (invocation.command == u"__complete")
-        return RunCompleteCommand(invocation);
+        return FinishOutput(RunCompleteCommand(invocation));
     const Command *found = nullptr;
     for (const Command &command : kCommands) {
         if (invocation.command == QLatin1String(command.name))
@@ -153,11 +199,13 @@ int RunCommandLine(int argc, char **argv)
     BUAppController &controller = BUAppController::sharedInstance();
     controller.applicationWillFinishLaunching();
     controller.applicationDidFinishLaunching();
+    if (!controller.settingsProblem().isEmpty())
+        PrintError(controller.settingsProblem(), QStringLiteral("Nothing is read from it or saved to it."));
     int status = found->run(invocation);
     if (!controller.applicationWillTerminate()) {
         PrintError(controller.saveError());
         if (status == kExitOk)
             status = kExitFailed;
     }
-    return status;
+    return FinishOutput(status);
 }

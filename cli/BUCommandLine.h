@@ -15,7 +15,14 @@ int RunCommandLine(int argc, char **argv);
 QString CommandLineHelp();
 
 // Writes a line as the bytes it stands for (names outside UTF-8 come out as they are on disk).
+// On a terminal, control characters are shown escaped (TerminalSafeText).
 void PrintLine(std::FILE *stream, const QString &text);
+// Writes bytes as they are; a failed write to standard output is remembered for FinishOutput.
+void WriteBytes(std::FILE *stream, const QByteArray &bytes);
+// The text with control characters (but line feed and tab) written as "\xHH".
+QString TerminalSafeText(const QString &text);
+// Flushes standard output; a write that failed turns the status into kExitError with a message.
+int FinishOutput(int status);
 // An error for the user on stderr: "tanner-backup: MESSAGE", and the explanation when given.
 void PrintError(const QString &message, const QString &moreInfo = {});
 
@@ -26,7 +33,7 @@ struct BUCommandArgs {
 };
 
 // Exit statuses shared by the commands.
-enum BUExitStatus : int { kExitOk = 0, kExitFailed = 1, kExitUsage = 64 };
+enum BUExitStatus : int { kExitOk = 0, kExitFailed = 1, kExitError = 2, kExitUsage = 64 };
 
 // Command handlers, one family per source file.
 int RunFoldersCommand(const BUCommandArgs &invocation);

@@ -16,6 +16,7 @@
 #include "keelson/KSUserDefaults.h"
 
 #include <QDateTime>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QEventLoop>
 
@@ -23,7 +24,7 @@
 
 namespace {
 
-enum : int { kExitError = 2, kExitExtraItems = 3, kExitCanceled = 130 };
+enum : int { kExitExtraItems = 3, kExitCanceled = 130 };
 
 // The extra-items dialog's warning; "###" stands for the device name.
 const char kExtraItemsWarning[]
@@ -63,6 +64,22 @@ QString _JsonOptional(const std::optional<QString> &text)
     return text ? _Json(*text) : QStringLiteral("null");
 }
 
+// A refusal before any job: as an error on stderr, or with --json as the object a job prints,
+// with no transactions.
+void _PrintRefusal(bool json, const QString &device, const QString &message, const QString &moreInfo)
+{
+    if (!json) {
+        PrintError(message, moreInfo);
+        return;
+    }
+    const QString error = moreInfo.isEmpty() ? message : message + u' ' + moreInfo;
+    PrintLine(stdout,
+        QStringLiteral("{\n  \"target\": ") + _Json(device)
+            + QStringLiteral(",\n  \"extra\": null,\n  \"cancel\": false,\n  \"error\": ") + _Json(error)
+            + QStringLiteral(",\n  \"totalBytes\": 0,\n  \"transactions\": [],\n  \"status\": ") + _Json(message)
+            + QStringLiteral("\n}"));
+}
+
 QString _KindName(const BUTransaction &transaction)
 {
     return transaction.isFolder() ? QStringLiteral("folder") : QStringLiteral("file");
@@ -89,13 +106,14 @@ public:
     {
         BUAppController &app = BUAppController::sharedInstance();
         if (app.backupFolders().isEmpty()) {
-            PrintError(QStringLiteral("There are no backup folders."),
+            _PrintRefusal(m_json, m_device, QStringLiteral("There are no backup folders."),
                 QStringLiteral("Add one with: tanner-backup folders add PATH"));
             return kExitError;
         }
         // A name that is not a mounted device does not become a recent device.
         if (MountedDrives().contains(m_device))
             app.updateRecentDrives(m_device);
+        app.saveState(); // saved now: others may change the settings while this job runs
         connect(&KSSignalWatcher::sharedInstance(), &KSSignalWatcher::signalReceived, this, [this] { cancel(); });
 
         ClearTransactions();
@@ -225,6 +243,7 @@ public:
             const QDateTime now = QDateTime::currentDateTime();
             app.backupDates()[report.target] = DayIndexForToday();
             app.backupTimes()[report.target] = qint64(uint32_t(QDateTime(now.date(), QTime(0, 0)).secsTo(now)));
+            app.saveState();
             m_statusText = QStringLiteral("Backup succeeded");
             status = kExitOk;
         } else {
@@ -378,8 +397,26 @@ int _RunEngineCommand(const BUCommandArgs &invocation, bool analyzeOnly)
             return kExitUsage;
         }
     }
+    // "Disk/", as a shell's completion types it, is the device "Disk".
+    while (device.size() > 1 && device.endsWith(u'/'))
+        device.chop(1);
     if (device.isEmpty()) {
-        PrintError(FormatString("%@ needs the name of a device (see: tanner-backup devices)", invocation.command));
+        _PrintRefusal(json, device,
+            FormatString("%@ needs the name of a device (see: tanner-backup devices)", invocation.command), {});
+        return kExitUsage;
+    }
+    if (device.contains(u'/')) {
+        // A path: the device it leads to is named by its name alone.
+        const QString path = QDir::cleanPath(QDir::current().absoluteFilePath(device));
+        for (const QString &name : MountedDrives()) {
+            if (QDir::cleanPath(DeviceRootPath(name)) == path) {
+                _PrintRefusal(json, device, FormatString("\"%@\" is the folder of the device \"%@\".", device, name),
+                    FormatString("Name the device instead: tanner-backup %@ %@", invocation.command, name));
+                return kExitUsage;
+            }
+        }
+        _PrintRefusal(json, device, FormatString("\"%@\" is a path, not the name of a device.", device),
+            QStringLiteral("Devices are named as tanner-backup devices lists them."));
         return kExitUsage;
     }
     EngineSession session(device, analyzeOnly, json, yes);

@@ -23,8 +23,7 @@ void _PrintTopics(const std::vector<VLTopic> &topics)
 
 void _PrintJson(const QJsonObject &json)
 {
-    const QByteArray bytes = QJsonDocument(json).toJson(QJsonDocument::Indented);
-    std::fwrite(bytes.constData(), 1, std::size_t(bytes.size()), stdout);
+    WriteBytes(stdout, QJsonDocument(json).toJson(QJsonDocument::Indented));
 }
 
 } // namespace

@@ -2,6 +2,8 @@
 #include "keelson/KSLogger.h"
 #include "keelson/KSStrings.h"
 
+#include <unistd.h>
+
 int RunLogsCommand(const BUCommandArgs &invocation)
 {
     if (!invocation.args.isEmpty()) {
@@ -15,7 +17,7 @@ int RunLogsCommand(const BUCommandArgs &invocation)
     logger.alertHook = nullptr;
     if (text.isNull())
         return kExitFailed;
-    const QByteArray bytes = FileNameToBytes(text);
-    std::fwrite(bytes.constData(), 1, std::size_t(bytes.size()), stdout);
+    // Crash reports and system logs quote what programs wrote: a terminal sees controls escaped.
+    WriteBytes(stdout, FileNameToBytes(::isatty(STDOUT_FILENO) == 1 ? TerminalSafeText(text) : text));
     return kExitOk;
 }

@@ -2,6 +2,7 @@
 
 #include "help/VLCautionImage.h"
 #include "help/VLHelpEngine.h"
+#include "keelson/KSFileReader.h"
 #include "keelson/KSLog.h"
 #include "keelson/KSStringKeelson.h"
 #include "keelson/KSStrings.h"
@@ -86,6 +87,7 @@ private:
     std::unique_ptr<KSXmlDecoder> m_xml;
     QString m_fileName; // the file being read, for details
     QString m_imagesFolder; // the package's "Images"; empty for the single-file form
+    QString m_pictureFolder; // while a picture is loaded: the folder it must lie in, if any
     bool m_textStored = false;
 };
 
@@ -328,12 +330,18 @@ bool VLHelpReader::readImages()
 
 std::unique_ptr<VLImage> VLHelpReader::loadImageFile(const QString &path, QString *loadedFrom)
 {
-    const auto read = [](const QString &file) -> std::unique_ptr<VLImage> {
-        QFile in(file);
-        if (!in.open(QIODevice::ReadOnly))
-            return nullptr;
+    const auto read = [this](const QString &file) -> std::unique_ptr<VLImage> {
+        if (!m_pictureFolder.isEmpty()) {
+            // A picture of the package or of the program's resources lies inside that folder:
+            // no "..", no link that leads out of it.
+            const QString real = QFileInfo(file).canonicalFilePath();
+            const QString folder = QFileInfo(m_pictureFolder).canonicalFilePath();
+            if (real.isEmpty() || folder.isEmpty() || !PathIsInside(real, folder) || real == folder)
+                return nullptr;
+        }
         auto image = std::make_unique<VLImage>();
-        image->data = in.readAll();
+        if (ReadRegularFile(file, kVLMaxPictureSize, &image->data) != 0)
+            return nullptr;
         return _LooksLikeImage(image->data) ? std::move(image) : nullptr;
     };
     std::unique_ptr<VLImage> image = read(path);
@@ -374,8 +382,10 @@ bool VLHelpReader::readImage()
         name = _NewIdentifier();
         m_doc.m_flags |= kDocHasEmbeddedPictures;
     } else if (source == 0 || source == 1) {
-        const QString folder = source == 0 ? m_imagesFolder : VLResourceDirectory();
-        image = loadImageFile(folder + u'/' + text, &loadedFrom);
+        const QString folder = source == 0 ? QFileInfo(m_imagesFolder).absolutePath() : VLResourceDirectory();
+        m_pictureFolder = folder;
+        image = loadImageFile((source == 0 ? m_imagesFolder : folder) + u'/' + text, &loadedFrom);
+        m_pictureFolder.clear();
         name = DeletingPathExtension(fileName);
         if (source == 0)
             m_doc.m_flags |= kDocHasEmbeddedPictures;
@@ -659,14 +669,14 @@ bool VLHelpReader::readPackage(const QString &path)
 
     m_fileName = QStringLiteral("document.txt");
     const QString textPath = path + QStringLiteral("/document.txt");
-    QFile file(textPath);
-    if (!file.open(QIODevice::ReadOnly)) {
-        const int code = errno;
-        if (!QFileInfo::exists(textPath))
+    QByteArray bytes;
+    QString reason;
+    if (const int code = ReadRegularFile(textPath, kMaxXmlFileSize, &bytes, &reason)) {
+        if (code == ENOENT)
             return failDamaged(QStringLiteral("document.txt is missing"));
-        return fail(_SystemReason(code ? code : EACCES), QStringLiteral("document.txt: ") + file.errorString());
+        return fail(
+            code == EINVAL || code == EFBIG ? reason : _SystemReason(code), QStringLiteral("document.txt: ") + reason);
     }
-    const QByteArray bytes = file.readAll();
     QStringDecoder toUtf16(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
     const QString text = toUtf16(bytes);
     if (toUtf16.hasError())

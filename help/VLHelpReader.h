@@ -25,6 +25,8 @@
 #include <memory>
 
 inline constexpr char kVLDamagedMessage[] = "The document has been damaged.";
+// The largest picture file a document may name.
+inline constexpr qint64 kVLMaxPictureSize = qint64(32) << 20;
 inline constexpr char kVLLaterVersionMessage[]
     = "This file was created by a later version of Tanner Write. Please visit our website to upgrade the app.";
 inline constexpr char kVLTextMemoryMessage[] = "I can't allocate memory for the document's text.";

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -156,4 +157,51 @@ const char *KSFileReader::readDataFrom(uint64_t offset, uint64_t *length)
     }
     *length = count;
     return m_buffer;
+}
+
+int ReadRegularFile(const QString &path, qint64 limit, QByteArray *contents, QString *reason)
+{
+    contents->clear();
+    auto failure = [reason](int code, const QString &text) {
+        if (reason)
+            *reason = text.isEmpty() ? QString::fromLocal8Bit(std::strerror(code)) : text;
+        return code;
+    };
+    const int fd = ::open(FileNameToBytes(path).constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0)
+        return failure(errno, {});
+    struct stat info { };
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        const int code = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
+        ::close(fd);
+        return failure(code, code == EINVAL ? QStringLiteral("It is not a regular file.") : QString());
+    }
+    const QString tooLarge = QStringLiteral("It is larger than %1 bytes.").arg(limit);
+    if (info.st_size > limit) {
+        ::close(fd);
+        return failure(EFBIG, tooLarge);
+    }
+    contents->reserve(qsizetype(info.st_size));
+    char buffer[65536];
+    for (;;) {
+        const ssize_t got = ::read(fd, buffer, sizeof buffer);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0) {
+            const int code = errno;
+            ::close(fd);
+            contents->clear();
+            return failure(code, {});
+        }
+        if (got == 0)
+            break;
+        if (contents->size() + got > limit) { // it grew while it was read
+            ::close(fd);
+            contents->clear();
+            return failure(EFBIG, tooLarge);
+        }
+        contents->append(buffer, qsizetype(got));
+    }
+    ::close(fd);
+    return 0;
 }

@@ -83,3 +83,9 @@ private:
     char *m_buffer = nullptr;
     std::atomic<int32_t> m_error {0};
 };
+
+// Reads a whole file that must be a regular file of at most `limit` bytes, without blocking on a
+// FIFO or opening anything else for long (a device, a socket, a link to /dev/zero). Returns 0, or
+// an errno (EINVAL for an item that is not a regular file, EFBIG for one over the limit) with the
+// reason for the user in *reason.
+int ReadRegularFile(const QString &path, qint64 limit, QByteArray *contents, QString *reason = nullptr);

@@ -18,6 +18,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 namespace {
@@ -141,13 +142,17 @@ bool KSLogger::openLogFile()
     if (!QDir().mkpath(QFileInfo(path).absolutePath()))
         return false;
     const QByteArray bytes = FileNameToBytes(path);
-    const int fd = ::open(bytes.constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    // Records are appended through their own descriptor: each lands whole at the end of the file,
+    // whatever other processes append meanwhile.
+    const int fd = ::open(bytes.constData(), O_WRONLY | O_APPEND | O_CREAT | O_NOCTTY | O_CLOEXEC, 0644);
     if (fd < 0)
         return false;
-    ::close(fd);
     m_logReaderWriter = KSFileReaderWriter::open(path);
-    if (!m_logReaderWriter)
+    if (!m_logReaderWriter) {
+        ::close(fd);
         return false;
+    }
+    m_appendFd = fd;
     if (!m_shutDownRegistered && QCoreApplication::instance()) {
         m_shutDownRegistered = true;
         QObject::connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, QCoreApplication::instance(),
@@ -160,43 +165,58 @@ void KSLogger::writeRecord(const QString &message)
 {
     if (!m_logReaderWriter && !openLogFile())
         return;
-    // Another instance of the program may have written since: append at the real end.
-    const uint64_t size = m_logReaderWriter->actualFileSize();
-    if (size >= kSizeLimit && !shortenFile(size)) {
-        const QByteArray line = FileNameToBytes(message);
-        std::fprintf(stderr, "%s\n", line.constData());
-        return;
+    // Several processes share the file: it is cut under an exclusive lock of the file, records
+    // are appended under a shared one, so no record is appended into a file being cut.
+    uint64_t size = m_logReaderWriter->actualFileSize();
+    if (size >= kSizeLimit) {
+        ::flock(m_appendFd, LOCK_EX);
+        size = m_logReaderWriter->actualFileSize(); // another process may have cut it meanwhile
+        const bool room = size < kSizeLimit || shortenFile(size);
+        ::flock(m_appendFd, LOCK_UN);
+        if (!room) {
+            const QByteArray line = FileNameToBytes(message);
+            std::fprintf(stderr, "%s\n", line.constData());
+            return;
+        }
     }
     const QDateTime now = QDateTime::currentDateTime();
     const QCalendar::YearMonthDay date = g_calendar.partsFromDate(now.date());
     const QTime time = now.time();
     const QString header = FormatString("%d-%02d-%02d %02d:%02d:%02d %@ ", date.year, date.month, date.day, time.hour(),
         time.minute(), time.second(), _BundleID());
-    if (appendStringToLogFile(header) && appendStringToLogFile(message)) {
-        appendStringToLogFile(QStringLiteral("\n"));
-        m_logReaderWriter->sync();
-        if (m_recordObserver)
-            m_recordObserver(header + message);
-    }
+    ::flock(m_appendFd, LOCK_SH);
+    const bool written = appendStringToLogFile(header + message + u'\n');
+    ::flock(m_appendFd, LOCK_UN);
+    if (!written)
+        return;
+    m_logReaderWriter->sync();
+    if (m_recordObserver)
+        m_recordObserver(header + message);
 }
 
 void KSLogger::shutDown()
 {
     std::lock_guard lock(m_writeLock);
     m_logReaderWriter.reset();
+    if (m_appendFd >= 0)
+        ::close(m_appendFd);
+    m_appendFd = -1;
 }
 
 bool KSLogger::appendStringToLogFile(const QString &text)
 {
-    if (!m_logReaderWriter)
+    if (m_appendFd < 0)
         return false;
-    // Names outside UTF-8 keep their bytes, as everywhere else.
+    // Names outside UTF-8 keep their bytes, as everywhere else. One write, so that the record is
+    // never split by another process's; a write the system cuts short is finished after it.
     const QByteArray bytes = FileNameToBytes(text);
     for (qsizetype done = 0; done < bytes.size();) {
-        const qsizetype piece = std::min<qsizetype>(256, bytes.size() - done);
-        if (!m_logReaderWriter->writeData(bytes.constData() + done, uint64_t(piece), m_logReaderWriter->fileSize()))
+        const ssize_t count = ::write(m_appendFd, bytes.constData() + done, std::size_t(bytes.size() - done));
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
             return false;
-        done += piece;
+        done += count;
     }
     return true;
 }

@@ -3,7 +3,9 @@
 //
 // The log file is $XDG_STATE_HOME/Tannerwick/<bundle id>.log (default ~/.local/state), one
 // record a line: "YYYY-MM-DD hh:mm:ss <bundle id> <message>". When it reaches 4,194,304 bytes it
-// is cut to its newer half at a line boundary before the next record.
+// is cut to its newer half at a line boundary before the next record. Several processes share
+// the file: each record is appended whole by one write (O_APPEND), and the cut is made under an
+// exclusive lock of the file (flock) while appends hold a shared one.
 //
 // Threads: logString, shutDown and the writing helpers may be called from any thread; records are
 // written whole, one at a time. A message logged on a thread that is already inside logString
@@ -44,7 +46,7 @@ public:
     // Keeps the newer half of the open file, cut after a line feed; false when the file is below
     // 8192 bytes or a read or write failed.
     bool shortenFile(uint64_t size);
-    // Appends the string's bytes at the end of the open file, 256 bytes at a time.
+    // Appends the string's bytes at the end of the open file in one write.
     bool appendStringToLogFile(const QString &text);
     // Called with each record after it is written, while the record's lock is still held.
     void setRecordObserver(std::function<void(const QString &record)> observer);
@@ -101,7 +103,8 @@ private:
 
     // Writing. m_writeLock orders whole records from all threads.
     std::mutex m_writeLock;
-    std::unique_ptr<KSFileReaderWriter> m_logReaderWriter;
+    std::unique_ptr<KSFileReaderWriter> m_logReaderWriter; // the size, and the cut
+    int m_appendFd = -1; // O_APPEND: the records
     std::function<void(const QString &)> m_recordObserver;
     bool m_shutDownRegistered = false;
 

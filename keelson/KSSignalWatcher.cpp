@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 KSSignalWatcher &KSSignalWatcher::sharedInstance()
@@ -28,7 +29,20 @@ KSSignalWatcher::KSSignalWatcher()
 
 void KSSignalWatcher::handle(int signalNumber)
 {
-    s_requested.store(true, std::memory_order_relaxed);
+    // The second request ends the program at once, as command-line tools do: by the signal's own
+    // default action, so that the parent sees what ended it.
+    if (s_requested.exchange(true, std::memory_order_relaxed)) {
+        struct sigaction defaultAction = {};
+        defaultAction.sa_handler = SIG_DFL;
+        sigemptyset(&defaultAction.sa_mask);
+        ::sigaction(signalNumber, &defaultAction, nullptr);
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, signalNumber);
+        ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+        ::raise(signalNumber);
+        ::_exit(128 + signalNumber); // in case the signal is ignored
+    }
     s_lastSignal.store(signalNumber, std::memory_order_relaxed);
     const unsigned char byte = static_cast<unsigned char>(signalNumber);
     [[maybe_unused]] const ssize_t written = ::write(s_pipe[1], &byte, 1);

@@ -1,6 +1,7 @@
 // Turns SIGINT, SIGTERM and SIGHUP into a Qt signal on the main thread (a self-pipe read by a
 // socket notifier), so that a desktop logout or Ctrl-C ends the event loop normally and the
-// state is written back. The async-signal-safe part also raises a flag that workers may poll.
+// state is written back. The async-signal-safe part also raises a flag that workers may poll. A
+// second signal ends the program at once (by that signal), wherever it is stuck.
 #pragma once
 
 #include <QObject>

@@ -1,6 +1,7 @@
 #include "keelson/KSXmlDecoder.h"
 
 #include "keelson/FormatString.h"
+#include "keelson/KSFileReader.h"
 #include "keelson/KSStringKeelson.h"
 #include "keelson/KSStrings.h"
 
@@ -187,41 +188,6 @@ qint64 _IntegerReading(QStringView s)
     return qint64(magnitude);
 }
 
-QString _SystemErrorText(int code)
-{
-    char buffer[256];
-    return QString::fromLocal8Bit(strerror_r(code, buffer, sizeof buffer));
-}
-
-// Reads the whole file; on failure answers false with errno in `code`.
-bool _ReadFile(const QString &path, QByteArray *contents, int *code)
-{
-    const int fd = ::open(FileNameToBytes(path).constData(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        *code = errno;
-        return false;
-    }
-    struct stat info { };
-    if (::fstat(fd, &info) == 0 && info.st_size > 0)
-        contents->reserve(qsizetype(info.st_size));
-    char buffer[65536];
-    for (;;) {
-        const ssize_t got = ::read(fd, buffer, sizeof buffer);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0) {
-            *code = errno;
-            ::close(fd);
-            return false;
-        }
-        if (got == 0)
-            break;
-        contents->append(buffer, qsizetype(got));
-    }
-    ::close(fd);
-    return true;
-}
-
 } // namespace
 
 KSXmlDecoder::KSXmlDecoder(QString text) : m_xml(std::move(text))
@@ -259,11 +225,12 @@ std::unique_ptr<KSXmlDecoder> KSXmlDecoder::initWithStringOrData(const QByteArra
 
 std::unique_ptr<KSXmlDecoder> KSXmlDecoder::initWithFile(const QString &path, KSXmlFileError *error)
 {
+    // Documents of the help engine and pictures: 64 MiB is far more than any of them.
     QByteArray contents;
-    int code = 0;
-    if (!_ReadFile(path, &contents, &code)) {
+    QString reason;
+    if (const int code = ReadRegularFile(path, kMaxXmlFileSize, &contents, &reason)) {
         if (error)
-            *error = {KSXmlFileError::PosixDomain, code, _SystemErrorText(code)};
+            *error = {KSXmlFileError::PosixDomain, code, reason};
         return nullptr;
     }
     std::unique_ptr<KSXmlDecoder> decoder = initWithStringOrData(contents);

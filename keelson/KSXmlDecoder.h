@@ -32,6 +32,9 @@ struct KSXmlFileError {
     bool isNull() const { return domain == NoDomain; }
 };
 
+// The largest file initWithFile reads.
+inline constexpr qint64 kMaxXmlFileSize = qint64(64) << 20;
+
 class KSXmlDecoder {
 public:
     using KeyMap = QHash<QString, quint32>;

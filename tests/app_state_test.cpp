@@ -13,6 +13,8 @@
 #include <QTimer>
 
 #include <csignal>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using namespace tanner::test;
 
@@ -184,12 +186,62 @@ TEST_F(AppState, TerminationSignalsArriveAsQtSignals)
     EXPECT_TRUE(KSSignalWatcher::terminationRequested());
 }
 
+// A program stuck away from its event loop (a long wait, a hung file system) still ends when the
+// user asks a second time, by that signal.
+TEST_F(AppState, ASecondSignalEndsTheProgramAtOnce)
+{
+    // Run with the other tests in one process, an earlier test may have taken the first signal
+    // already; then the child inherits that, and its first signal here is the second one.
+    const bool firstTaken = KSSignalWatcher::terminationRequested();
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ::close(ready[0]);
+        int argc = 1;
+        char name[] = "app_state_test";
+        char *argv[] = {name, nullptr};
+        QCoreApplication application(argc, argv);
+        KSSignalWatcher::sharedInstance();
+        [[maybe_unused]] ssize_t n = ::write(ready[1], "s", 1); // handlers installed
+        while (!KSSignalWatcher::terminationRequested())
+            ::pause();
+        n = ::write(ready[1], "1", 1); // the first signal was taken; the loop never runs again
+        for (;;)
+            ::pause();
+    }
+    ::close(ready[1]); // a child that ends early gives an end of file, not a wait
+    char byte = 0;
+    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+    if (!firstTaken) {
+        ::kill(child, SIGTERM);
+        ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+        EXPECT_EQ(byte, '1') << "the first signal does not end the program";
+    }
+    ::kill(child, SIGINT);
+    int status = 0;
+    pid_t ended = 0;
+    for (int i = 0; i < 1000 && ended == 0; ++i) { // a guard against a child that does not end
+        ended = ::waitpid(child, &status, WNOHANG);
+        if (ended == 0)
+            ::usleep(10000);
+    }
+    if (ended == 0) {
+        ::kill(child, SIGKILL);
+        ::waitpid(child, &status, 0);
+    }
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) << "status " << status;
+    ::close(ready[0]);
+}
+
 // A file the program wrote is read and written back as it was, with no copy aside; garbage, a
 // truncated file and an empty one are kept aside as they were before anything overwrites them.
 TEST_F(AppState, WhatWouldNotBeWrittenBackIsKeptAside)
 {
     const QString damaged = home.settingsFile() + QStringLiteral(".damaged");
     BUAppController &controller = launch();
+    controller.recentDrives() = {QStringLiteral("Backup Disk")}; // a change, so that the file is written
     ASSERT_TRUE(controller.applicationWillTerminate());
     const QByteArray written = fileText();
     ASSERT_FALSE(written.isEmpty());

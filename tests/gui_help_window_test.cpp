@@ -24,6 +24,9 @@
 #include <QButtonGroup>
 #include <QClipboard>
 #include <QComboBox>
+#include <QDir>
+#include <QFile>
+#include <QImage>
 #include <QLineEdit>
 #include <QPointer>
 #include <QScrollBar>
@@ -769,4 +772,42 @@ TEST(HelpWindowCommand, AFileThatCannotBeReadIsReported)
         home.environment());
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_TRUE(result.err.contains("Can't read help file")) << result.err.toStdString();
+}
+
+// A picture is decoded at about the size it is shown at, not at its own: a 5600 x 5600 picture
+// (a few kilobytes of PNG, 125 MB decoded) keeps no more than twice a column's width.
+TEST_F(HelpWindow, APictureIsDecodedAtTheSizeItIsShown)
+{
+    ASSERT_TRUE(VLSetUpHelpEngine());
+    QTemporaryDir dir;
+    const QString package = dir.path() + QStringLiteral("/Big.TWwrite");
+    const QString source = QStringLiteral(TANNER_TEST_DATA_DIR "/help/Good.TWwrite");
+    for (const QString &name : {QStringLiteral("structure.xml"), QStringLiteral("format.xml"),
+             QStringLiteral("document.txt"), QStringLiteral("Images/diagram.png")}) {
+        QDir().mkpath(QFileInfo(package + u'/' + name).absolutePath());
+        ASSERT_TRUE(QFile::copy(source + u'/' + name, package + u'/' + name));
+    }
+    QImage big(5600, 5600, QImage::Format_Mono);
+    big.fill(1);
+    ASSERT_TRUE(big.save(package + QStringLiteral("/Images/shot.png")));
+    big = QImage();
+
+    QString reason;
+    std::unique_ptr<KSHelpContent> content = KSLoadHelpContent(package, &reason);
+    ASSERT_NE(content, nullptr) << reason.toStdString();
+    int pictures = 0;
+    for (QTextBlock block = content->text->begin(); block.isValid(); block = block.next()) {
+        for (auto it = block.begin(); !it.atEnd(); ++it) {
+            const QTextImageFormat format = it.fragment().charFormat().toImageFormat();
+            if (!format.isValid())
+                continue;
+            const QImage image
+                = content->text->resource(QTextDocument::ImageResource, QUrl(format.name())).value<QImage>();
+            ASSERT_FALSE(image.isNull());
+            EXPECT_LE(image.width(), 2 * format.width()) << format.name().toStdString();
+            EXPECT_LE(format.width(), 560);
+            ++pictures;
+        }
+    }
+    EXPECT_GE(pictures, 1);
 }

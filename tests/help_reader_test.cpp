@@ -19,6 +19,8 @@
 #include <QSet>
 
 #include <functional>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 using namespace tanner::test;
 
@@ -563,4 +565,48 @@ TEST(HelpCheckCommand, PrintsTheOutlineOrTheReason)
     EXPECT_EQ(QJsonDocument::fromJson(failedJson.out).object().value(QStringLiteral("error")).toString(),
         QStringLiteral("The document has been damaged."));
     EXPECT_EQ(RunTanner({QStringLiteral("help"), QStringLiteral("--check")}, home.environment()).exitCode, 64);
+}
+
+// A package handed to the user is untrusted: its files are read only when they are regular files
+// (a FIFO never blocks the load, a device is never read without end), and its pictures come from
+// inside it.
+TEST_F(HelpReader, HostileFilesAreRefusedAndPicturesStayInsideThePackage)
+{
+    const QString nodes = m_dir.path() + QStringLiteral("/nodes");
+    QDir().mkpath(nodes);
+    ASSERT_EQ(::mkfifo(QFile::encodeName(nodes + QStringLiteral("/fifo")).constData(), 0600), 0);
+    QStringList targets {nodes + QStringLiteral("/fifo")};
+    if (::mknod(QFile::encodeName(nodes + QStringLiteral("/zero")).constData(), S_IFCHR | 0666, makedev(1, 5)) == 0)
+        targets << nodes + QStringLiteral("/zero");
+    else
+        std::printf("A device is not tried: making device nodes needs CAP_MKNOD.\n");
+    for (const char *file : {"document.txt", "structure.xml"}) {
+        for (const QString &target : std::as_const(targets)) {
+            SCOPED_TRACE(std::string(file) + " -> " + target.toStdString());
+            const QString copy = m_dir.path() + QStringLiteral("/Hostile.TWwrite");
+            QDir(copy).removeRecursively();
+            CopyFolder(kData + QStringLiteral("/Good.TWwrite"), copy);
+            const QString victim = copy + u'/' + QLatin1String(file);
+            QFile::remove(victim);
+            ASSERT_TRUE(QFile::link(target, victim));
+            VLLoadFailure failure;
+            EXPECT_FALSE(VLLoadHelpDocument(copy, &failure));
+            EXPECT_EQ(failure.reason, u"It is not a regular file.") << failure.detail.toStdString();
+        }
+    }
+
+    // A picture named out of the package, by ".." or by a link, is not read: the caution image
+    // stands in for it.
+    const QString outside = m_dir.path() + QStringLiteral("/outside.png");
+    ASSERT_TRUE(QFile::copy(kData + QStringLiteral("/Good.TWwrite/Images/shot.png"), outside));
+    Replace(package() + QStringLiteral("/structure.xml"), "<image source=\"embed\">shot.png</image>",
+        "<image source=\"embed\">../../outside.png</image>");
+    ASSERT_TRUE(QFile::link(outside, package() + QStringLiteral("/Images/linked.png")));
+    Replace(package() + QStringLiteral("/structure.xml"), "<image source=\"embed\">diagram.tiff</image>",
+        "<image source=\"embed\">linked.png</image>");
+    VLLoadFailure failure;
+    const auto document = VLLoadHelpDocument(package(), &failure);
+    ASSERT_TRUE(document) << failure.detail.toStdString();
+    EXPECT_TRUE(document->picture(1)->image->caution);
+    EXPECT_TRUE(document->picture(2)->image->caution);
 }

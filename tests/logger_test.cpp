@@ -9,7 +9,9 @@
 #include <QFile>
 #include <QRegularExpression>
 
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 using namespace tanner::test;
@@ -192,4 +194,62 @@ TEST(LogGathering, ASystemLogAcrossNewYearIsReadAgainFromTheYearBefore)
     EXPECT_EQ(KSLogger::dateFromLogLine(u"2023-11-05T10:00:00+0100 host", 20241230), 20231105);
     EXPECT_EQ(KSLogger::dateFromLogLine(u"Foo  2 00:01:00 x", 20241230), 20241230);
     EXPECT_EQ(KSLogger::dateFromLogLine(u"Jan", 20241230), 20241230);
+}
+
+// Several processes share the log: each record lands whole on a line of its own and none is lost,
+// also while one of them cuts the full file (records appended after the cut are all there).
+TEST_F(OwnLog, ProcessesSharingTheLogKeepEveryRecordWhole)
+{
+    const QString path = KSLogger::logFilePath();
+    ASSERT_TRUE(QDir().mkpath(QFileInfo(path).absolutePath()));
+    for (const bool full : {false, true}) {
+        SCOPED_TRACE(full ? "a full log" : "an empty log");
+        QByteArray old;
+        while (full && old.size() < qsizetype(KSLogger::kSizeLimit) - 1000)
+            old += "2024-03-07 14:05:01 com.tannerwick.backup old line\n";
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write(old);
+        file.close();
+        KSLogger::sharedInstance().shutDown();
+
+        constexpr int kProcesses = 4, kEach = 300;
+        const QString padding = QStringLiteral("x").repeated(700); // records longer than a pipe's atomic size
+        std::vector<pid_t> children;
+        for (int p = 0; p < kProcesses; ++p) {
+            const pid_t child = ::fork();
+            ASSERT_GE(child, 0);
+            if (child == 0) {
+                for (int i = 0; i < kEach; ++i)
+                    KSLogger::sharedInstance().logString(FormatString("process %d record %d %@", p, i, padding));
+                ::_exit(0);
+            }
+            children.push_back(child);
+        }
+        for (const pid_t child : children) {
+            int status = 0;
+            ASSERT_EQ(::waitpid(child, &status, 0), child);
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        }
+
+        QList<QList<int>> seen(kProcesses);
+        for (const QString &line : LogLines()) {
+            const QRegularExpressionMatch match = kRecord.match(line);
+            ASSERT_TRUE(match.hasMatch()) << line.left(120).toStdString();
+            const QStringList words = match.captured(1).split(u' ');
+            if (words[0] == u"old")
+                continue;
+            ASSERT_EQ(words.size(), 5) << line.left(120).toStdString();
+            EXPECT_EQ(words[4], padding);
+            seen[words[1].toInt()].append(words[3].toInt());
+        }
+        for (int p = 0; p < kProcesses; ++p) {
+            ASSERT_FALSE(seen[p].isEmpty());
+            // Each record once, in its process's order.
+            EXPECT_EQ(seen[p].back(), kEach - 1);
+            for (qsizetype i = 1; i < seen[p].size(); ++i)
+                EXPECT_EQ(seen[p][i], seen[p][i - 1] + 1);
+            EXPECT_EQ(seen[p].size(), kEach); // the cut came before all but a few, which it kept
+        }
+    }
 }

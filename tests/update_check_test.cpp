@@ -364,3 +364,48 @@ TEST_F(UpdateTransfer, CommandsCheckUpdatesAndNews)
         OpenSettingsFile(SharedDefaultsPath())->value(QStringLiteral("com.tannerwick.shared.lastNewsDate")).toInt(),
         20261120);
 }
+
+// What a hostile server can send: a huge page or one without end fails at the page limit, a page
+// that trickles fails at the check's deadline, and a version of absurd length is no version.
+TEST_F(UpdateTransfer, AServerCannotFloodOrHoldACheck)
+{
+    g_appName = QStringLiteral("Tanner Backup");
+    g_appVersionString = QStringLiteral("2.0.1");
+    const QString digits = QStringLiteral("9").repeated(10000);
+    EXPECT_FALSE(NewestReleaseLink(Listing({"backup_19" + digits + ".deb"}), QStringLiteral("backup")));
+    EXPECT_EQ(Newest({"backup_19" + digits + ".deb", "backup_201.deb"}), u"backup_201.deb");
+    EXPECT_EQ(Newest({"backup_1910000.deb", "backup_199999.deb"}), u"backup_199999.deb");
+    EXPECT_EQ(CheckForNewVersion(Listing({"backup_19" + digits + ".deb", "backup_1910000.deb"}),
+                  QStringLiteral("Tanner Backup"), QStringLiteral("2.0.1"), QStringLiteral("http://127.0.0.1"))
+                  .updatePath,
+        QString());
+    EXPECT_FALSE(InstalledVersion(QStringLiteral("1.2.") + digits));
+
+    KSAppUpdaterThread::setCheckLimits(120000ms, 1 << 20);
+    const QByteArray big = Listing({"backup_999.deb"}).toUtf8() + QByteArray(3 << 20, ' ');
+    server.setRoute(QStringLiteral("/big"), {200, big});
+    server.setRoute(QStringLiteral("/endless"), {200, big, "text/html", false});
+    for (const char *path : {"/big", "/endless"}) {
+        SCOPED_TRACE(path);
+        KSAppUpdaterThread check;
+        check.checkPage = server.url(QLatin1String(path));
+        RunThread(check);
+        EXPECT_FALSE(check.wasSuccessful());
+        EXPECT_EQ(check.failureReason(), u"The page is larger than a page of the site can be.");
+        EXPECT_LE(check.doneLength(), 1 << 20);
+    }
+
+    // Silent for longer than the deadline, though not for longer than the idle time-out.
+    KSAppUpdaterThread::setTimeouts(60000ms, 60000ms);
+    KSAppUpdaterThread::setCheckLimits(300ms, 1 << 20);
+    server.setRoute(QStringLiteral("/slow"), {200, QByteArray(5000, 'x'), "text/html", true, 10});
+    KSAppUpdaterThread slow;
+    slow.checkPage = server.url(QStringLiteral("/slow"));
+    QElapsedTimer clock;
+    clock.start();
+    RunThread(slow);
+    EXPECT_FALSE(slow.wasSuccessful());
+    EXPECT_EQ(slow.failureReason(), u"The server did not answer in time.");
+    EXPECT_LT(clock.elapsed(), 30000);
+    KSAppUpdaterThread::setCheckLimits(120000ms, 4 << 20);
+}

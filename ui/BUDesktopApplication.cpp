@@ -86,6 +86,7 @@ int RunDesktopApplication(int argc, char **argv)
     BUWindowController window;
     shownWindow = &window;
     controller.applicationDidFinishLaunching();
+    controller.watchSettingsFile(); // what commands save while the window is open comes in
     window.show();
     window.raise();
     window.activateWindow();

@@ -111,6 +111,7 @@ void BURuleDialog::handleOK()
     rule.setName(compareValue());
     rule.setRelation(ui->relationComboBox->currentIndex());
     commitRule(list, rule, ruleIndex);
+    controller.saveState();
     emit ruleCommitted(rule);
     handleCancel();
 }

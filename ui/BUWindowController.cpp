@@ -47,6 +47,11 @@ std::unique_ptr<QSettings> Settings()
     return OpenSettingsFile(UserDefaultsPath());
 }
 
+void SaveSetting(const QString &key, const QVariant &value)
+{
+    SetSettingsValue(UserDefaultsPath(), key, value);
+}
+
 QString DurationText(double seconds)
 {
     if (seconds < 60)
@@ -120,6 +125,13 @@ BUWindowController::BUWindowController(QWidget *parent) : QMainWindow(parent), u
     controller.selectedDriveHook = [this] { return selectedDrive(); };
     controller.updateDriveListHook = [this](qsizetype index) { updateDriveList(index); };
     controller.firstRunDefaultsHook = [this] { addDefaults(); };
+    // What other processes save comes in when no job reads the lists.
+    controller.mayReloadStateHook
+        = [this] { return !running && operationQueue.operationCount() == 0 && !QApplication::activeModalWidget(); };
+    controller.stateReloadedHook = [this] {
+        BUAppController::sharedInstance().updateDrives();
+        updateRuleList(ui->ruleTable->currentIndex().row());
+    };
 }
 
 BUWindowController::~BUWindowController()
@@ -128,6 +140,8 @@ BUWindowController::~BUWindowController()
     controller.selectedDriveHook = nullptr;
     controller.updateDriveListHook = nullptr;
     controller.firstRunDefaultsHook = nullptr;
+    controller.mayReloadStateHook = nullptr;
+    controller.stateReloadedHook = nullptr;
     // Its reports would come to a window that is gone: wait for the job here.
     operationQueue.cancelAllOperations();
     operationQueue.waitUntilAllOperationsAreFinished();
@@ -167,12 +181,12 @@ void BUWindowController::connectActions()
     connect(ui->diskOutline, &QTreeView::expanded, this, [this](const QModelIndex &index) {
         const bool recent = index.row() == BUDeviceOutlineModel::kRecentGroup;
         (recent ? expandRecent : expandOther) = true;
-        Settings()->setValue(recent ? kExpandRecentKey : kExpandOtherKey, true);
+        SaveSetting(recent ? kExpandRecentKey : kExpandOtherKey, true);
     });
     connect(ui->diskOutline, &QTreeView::collapsed, this, [this](const QModelIndex &index) {
         const bool recent = index.row() == BUDeviceOutlineModel::kRecentGroup;
         (recent ? expandRecent : expandOther) = false;
-        Settings()->setValue(recent ? kExpandRecentKey : kExpandOtherKey, false);
+        SaveSetting(recent ? kExpandRecentKey : kExpandOtherKey, false);
         // A device out of sight is not the one a backup goes to.
         if (ui->diskOutline->currentIndex().parent() == index) {
             ui->diskOutline->setCurrentIndex(QModelIndex());
@@ -181,8 +195,8 @@ void BUWindowController::connectActions()
                 enableBackup();
         }
     });
-    connect(ui->confirmDeletionsAction, &QAction::toggled, this,
-        [](bool on) { Settings()->setValue(confirmDeletionsKey(), on); });
+    connect(
+        ui->confirmDeletionsAction, &QAction::toggled, this, [](bool on) { SaveSetting(confirmDeletionsKey(), on); });
 
     connect(ui->helpAction, &QAction::triggered, this, [] { KSVellumaHelpWC::displayHelp(); });
     KSActionHandler &handler = KSActionHandler::sharedInstance();
@@ -228,7 +242,7 @@ void BUWindowController::restoreWindowState()
 void BUWindowController::saveWindowState()
 {
     const QRect frame = isMaximized() ? normalGeometry() : geometry();
-    Settings()->setValue(kWindowKey,
+    SaveSetting(kWindowKey,
         QStringLiteral("%1 %2 %3 %4%5")
             .arg(frame.x())
             .arg(frame.y())
@@ -441,6 +455,7 @@ void BUWindowController::backup(bool onlyAnalyze)
     ui->progressControl->setRange(0, 0); // indeterminate while analysing
     ui->progressControl->show();
     controller.updateRecentDrives(target);
+    controller.saveState();
     updateDriveList(0);
     ui->backupButton->setEnabled(false);
     emptyHint->hide();
@@ -585,6 +600,8 @@ void BUWindowController::enableWhenQueueIsIdle()
     enableBackup();
     if (operationQueue.operationCount() > 0)
         QTimer::singleShot(10, this, &BUWindowController::enableWhenQueueIsIdle);
+    else if (!running)
+        BUAppController::sharedInstance().reloadStateIfPending();
 }
 
 void BUWindowController::selectTransactionRow(qsizetype row)
@@ -660,6 +677,7 @@ void BUWindowController::backupComplete(const BUBackupCompleteReport &report)
         const QDateTime now = QDateTime::currentDateTime();
         controller.backupDates()[report.target] = DayIndexForToday();
         controller.backupTimes()[report.target] = QTime(0, 0).secsTo(now.time());
+        controller.saveState();
         status = QStringLiteral("Backup succeeded");
         alert = false;
         QApplication::beep();
@@ -704,6 +722,7 @@ void BUWindowController::addRule()
     for (const QString &path : chosen)
         paths.append(QFileInfo(path).canonicalFilePath().isEmpty() ? path : QFileInfo(path).canonicalFilePath());
     const QList<BUAlertText> refusals = BUAppController::sharedInstance().addBackupFolders(paths);
+    BUAppController::sharedInstance().saveState();
     for (const BUAlertText &refusal : refusals)
         KSAlert::sharedInstance().giveAlertMessage(refusal.message, refusal.moreInfo);
     updateRuleList(BUAppController::sharedInstance().backupFolders().indexOf(paths.back()));
@@ -720,6 +739,7 @@ void BUWindowController::deleteRule()
         rules->removeAt(row);
     else
         BUAppController::sharedInstance().backupFolders().removeAt(row);
+    BUAppController::sharedInstance().saveState();
     ruleModel.reload();
     const int count = ruleModel.rowCount();
     if (count == 0) {
@@ -735,6 +755,7 @@ void BUWindowController::addDefaults()
     if (running)
         return;
     BUAppController::sharedInstance().addDefaults();
+    BUAppController::sharedInstance().saveState();
     updateRuleList(ui->ruleTable->currentIndex().row());
 }
 

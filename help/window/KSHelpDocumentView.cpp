@@ -4,7 +4,9 @@
 #include "help/VLHelpEngine.h"
 #include "help/VLHelpReader.h"
 
+#include <QBuffer>
 #include <QImage>
+#include <QImageReader>
 #include <QTextBlock>
 #include <QTextCursor>
 #include <QTextList>
@@ -227,18 +229,33 @@ void Layout::insertKnot(quint32 cp, std::size_t knotIndex, const VLKnot &knot)
     switch (knot.type) {
     case kKnotPic: {
         const VLPicture *picture = document.picture(std::size_t(std::max(knot.primary, 0)));
+        // A picture wider than a comfortable text column is shown at the column's width, and is
+        // decoded at that size (twice it, for sharp zooms and dense screens), never at its own:
+        // a small file may hold a picture of hundreds of megabytes.
         QImage image;
-        if (picture && picture->image)
-            image.loadFromData(picture->image->data);
+        QSize shown;
+        if (picture && picture->image) {
+            QBuffer buffer;
+            buffer.setData(picture->image->data);
+            QImageReader reader(&buffer);
+            const QSize full = reader.size(); // from the header, nothing decoded yet
+            const auto fitted = [](QSize size) {
+                if (size.width() > kMaxPictureWidth)
+                    size = size.scaled(kMaxPictureWidth, size.height(), Qt::KeepAspectRatio);
+                return size.expandedTo(QSize(1, 1));
+            };
+            if (full.isValid() && !full.isEmpty() && full.width() > 2 * fitted(full).width())
+                reader.setScaledSize(fitted(full) * 2);
+            image = reader.read();
+            shown = fitted(full.isValid() && !full.isEmpty() ? full : image.size());
+        }
         if (!image.isNull()) {
             const QUrl name(QStringLiteral("picture:%1").arg(cp));
             content.text->addResource(QTextDocument::ImageResource, name, image);
             QTextImageFormat format;
             format.setName(name.toString());
-            // A picture wider than a comfortable text column is shown at the column's width.
-            const double scale = image.width() > kMaxPictureWidth ? double(kMaxPictureWidth) / image.width() : 1.0;
-            format.setWidth(image.width() * scale);
-            format.setHeight(image.height() * scale);
+            format.setWidth(shown.width());
+            format.setHeight(shown.height());
             cursor.insertImage(format);
             return;
         }

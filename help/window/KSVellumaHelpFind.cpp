@@ -36,14 +36,19 @@ void KSVellumaHelpWC::find()
 
 void KSVellumaHelpWC::rememberSearch(const QString &text)
 {
-    auto stored = settings();
-    QStringList recent = ReadStringList(*stored, kSearchKey);
-    recent.removeAll(text);
-    recent.prepend(text);
-    while (recent.size() > kRecentSearches)
-        recent.removeLast();
-    if (m_filePath.isEmpty())
-        WriteStringList(*stored, kSearchKey, recent);
+    auto remember = [&text](QSettings &stored) {
+        QStringList recent = ReadStringList(stored, kSearchKey);
+        recent.removeAll(text);
+        recent.prepend(text);
+        while (recent.size() > kRecentSearches)
+            recent.removeLast();
+        return recent;
+    };
+    const QStringList recent = remember(*settings());
+    if (m_filePath.isEmpty()) {
+        ChangeSettingsFile(UserDefaultsPath(),
+            [&](QSettings &stored, bool &) { WriteStringList(stored, kSearchKey, remember(stored)); });
+    }
     if (auto *model = qobject_cast<QStringListModel *>(m_searchField->completer()->model()))
         model->setStringList(recent);
 }

@@ -775,18 +775,19 @@ void KSVellumaHelpWC::saveState()
     m_stateSaved = true;
     if (!m_filePath.isEmpty() || m_content->chapterCps.empty())
         return;
-    auto stored = settings();
-    stored->setValue(kTopicKey, m_currentTopic);
     const quint32 first = m_content->chapterCps[std::size_t(m_currentTopic)];
     const quint32 shown = firstVisibleCp();
-    stored->setValue(kPositionKey, shown >= first ? qint64(shown - first) : 0);
-    _SaveOpenStatus(*stored);
     const QRect frame = geometry();
-    stored->setValue(
-        kWindowKey, QStringLiteral("%1 %2 %3 %4").arg(frame.x()).arg(frame.y()).arg(frame.width()).arg(frame.height()));
     const QList<int> sizes = ui->helpSplitter->sizes();
-    if (sizes.size() == 2)
-        stored->setValue(kSplitterKey, QStringLiteral("%1 %2").arg(sizes[0]).arg(sizes[1]));
+    ChangeSettingsFile(UserDefaultsPath(), [&](QSettings &stored, bool &) {
+        stored.setValue(kTopicKey, m_currentTopic);
+        stored.setValue(kPositionKey, shown >= first ? qint64(shown - first) : 0);
+        _SaveOpenStatus(stored);
+        stored.setValue(kWindowKey,
+            QStringLiteral("%1 %2 %3 %4").arg(frame.x()).arg(frame.y()).arg(frame.width()).arg(frame.height()));
+        if (sizes.size() == 2)
+            stored.setValue(kSplitterKey, QStringLiteral("%1 %2").arg(sizes[0]).arg(sizes[1]));
+    });
 }
 
 void KSVellumaHelpWC::closeEvent(QCloseEvent *event)

@@ -69,7 +69,7 @@ void KSVellumaHelpWC::performZoom(double factor)
 void KSVellumaHelpWC::updateZoomTool(double factor)
 {
     const int percent = int(std::lround(factor * 100));
-    settings()->setValue(kZoomKey, percent);
+    SetSettingsValue(UserDefaultsPath(), kZoomKey, percent);
     const int index = m_zoomMenu->findData(percent);
     m_zoomMenu->setCurrentIndex(index);
     if (index < 0)
@@ -147,7 +147,7 @@ void KSVellumaHelpWC::changeFont(const QFont *chosen)
     applyHelpFont(font);
     scrollToCp(shown);
     if (chosen)
-        OpenSettingsFile(SharedDefaultsPath())->setValue(kHelpFontKey, font.toString());
+        SetSettingsValue(SharedDefaultsPath(), kHelpFontKey, font.toString());
 }
 
 void KSVellumaHelpWC::showFonts()

@@ -23,6 +23,10 @@ namespace {
 
 std::atomic<long long> g_checkTimeoutMs {30000};
 std::atomic<long long> g_downloadTimeoutMs {600000};
+std::atomic<long long> g_checkDeadlineMs {120000};
+std::atomic<long long> g_pageLimit {4 << 20};
+// A program download whose server announced no size.
+constexpr qint64 kProgramLimit = qint64(1) << 30;
 
 // The name the server suggests (Content-Disposition), else the address's last path component.
 QString _SuggestedName(QNetworkReply *reply)
@@ -68,6 +72,12 @@ void KSAppUpdaterThread::setTimeouts(std::chrono::milliseconds check, std::chron
     g_downloadTimeoutMs = download.count();
 }
 
+void KSAppUpdaterThread::setCheckLimits(std::chrono::milliseconds deadline, qint64 pageBytes)
+{
+    g_checkDeadlineMs = deadline.count();
+    g_pageLimit = pageBytes;
+}
+
 void KSAppUpdaterThread::cancel()
 {
     QMutexLocker locker(&m_lock);
@@ -94,7 +104,7 @@ void KSAppUpdaterThread::run()
             return;
         QFile text(file);
         const bool read = text.open(QIODevice::ReadOnly);
-        const QByteArray bytes = read ? text.readAll() : QByteArray();
+        const QByteArray bytes = read ? text.read(g_pageLimit.load()) : QByteArray();
         text.remove();
         if (!read) {
             LogString("Download %@ failed: %@", page, text.errorString());
@@ -154,6 +164,23 @@ bool KSAppUpdaterThread::transfer(const QString &address, const QString &filePat
         timedOut = true;
         reply->abort();
     });
+    // A check also ends at its deadline, however slowly the server keeps sending.
+    QTimer deadline;
+    deadline.setSingleShot(true);
+    deadline.setInterval(std::chrono::milliseconds(g_checkDeadlineMs.load()));
+    QObject::connect(&deadline, &QTimer::timeout, reply, [&timedOut, reply] {
+        timedOut = true;
+        reply->abort();
+    });
+    if (!isProgram)
+        deadline.start();
+    // A page is small; a program is no larger than its server said.
+    const qint64 pageLimit = g_pageLimit.load();
+    auto limit = [&] {
+        if (!isProgram)
+            return pageLimit;
+        return m_totalLength.load() > 0 ? m_totalLength.load() : kProgramLimit;
+    };
     QObject::connect(reply, &QNetworkReply::metaDataChanged, reply, [this, reply, &idle] {
         idle.start();
         bool known = false;
@@ -182,6 +209,12 @@ bool KSAppUpdaterThread::transfer(const QString &address, const QString &filePat
             }
         }
         const QByteArray block = reply->readAll();
+        if (m_doneLength.load() + block.size() > limit()) {
+            writeError = isProgram ? QStringLiteral("The server sent more than the size it announced.")
+                                   : QStringLiteral("The page is larger than a page of the site can be.");
+            reply->abort();
+            return;
+        }
         if (file.write(block) != block.size()) {
             writeError = file.errorString();
             reply->abort();

@@ -49,6 +49,10 @@ public:
     // How long a transfer may stay silent before it fails: 30 s for a check, 600 s for a
     // program download. Tests make them short.
     static void setTimeouts(std::chrono::milliseconds check, std::chrono::milliseconds download);
+    // A check ends at its deadline (120 s) however slowly its page comes, and fails when the page
+    // is larger than pageBytes (4 MiB); a program download fails when it passes the size its
+    // server announced (1 GiB when none). Tests make them small.
+    static void setCheckLimits(std::chrono::milliseconds deadline, qint64 pageBytes);
 
 signals:
     void doneLengthChanged();

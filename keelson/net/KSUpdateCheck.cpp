@@ -15,19 +15,23 @@ const QString kAutoNewsKey = QStringLiteral("com.tannerwick.shared.autoNewsCheck
 const QString kLastNewsCheckKey = QStringLiteral("com.tannerwick.shared.lastNewsCheck");
 const QString kLastNewsDateKey = QStringLiteral("com.tannerwick.shared.lastNewsDate");
 
-// The number formed by the digits at the start of `text` (0 when it does not begin with one).
-long long _LeadingNumber(QStringView text)
+// The number formed by the digits at the start of `text` (0 when it does not begin with one), or
+// -1 when it reaches `limit`: a part that large would spill into the part before it.
+long long _LeadingNumber(QStringView text, long long limit)
 {
     long long number = 0;
     for (const QChar c : text) {
-        if (!c.isDigit() || c.unicode() > u'9')
+        if (c.unicode() < u'0' || c.unicode() > u'9')
             break;
         number = number * 10 + (c.unicode() - u'0');
-        if (number > 1000000000LL)
-            break; // no version part is that long; keep the value from overflowing
+        if (number >= limit)
+            return -1;
     }
     return number;
 }
+
+// A version's value is major x 1,000,000 + minor x 10,000 + patch: each part below these.
+constexpr long long kPartLimits[3] = {1000, 100, 10000};
 
 bool _IsDigit(QChar c)
 {
@@ -64,10 +68,7 @@ qint64 _IntegerSetting(const QString &path, const QString &key)
 
 void _SetValue(const QString &path, const QString &key, const QVariant &value)
 {
-    auto settings = OpenSettingsFile(path);
-    settings->setValue(key, value);
-    settings->sync();
-    if (settings->status() != QSettings::NoError)
+    if (!SetSettingsValue(path, key, value))
         LogString("Can't write the setting %@ to %@.", key, path);
 }
 
@@ -97,8 +98,12 @@ std::optional<KSVersion> InstalledVersion(const QString &versionString)
     if (parts.size() > 3)
         return std::nullopt;
     int numbers[3] = {0, 0, 0};
-    for (qsizetype i = 0; i < parts.size(); ++i)
-        numbers[i] = int(_LeadingNumber(parts[i]));
+    for (qsizetype i = 0; i < parts.size(); ++i) {
+        const long long number = _LeadingNumber(parts[i], kPartLimits[i]);
+        if (number < 0)
+            return std::nullopt;
+        numbers[i] = int(number);
+    }
     return KSVersion {numbers[0], numbers[1], numbers[2]};
 }
 
@@ -126,7 +131,10 @@ std::optional<KSReleaseLink> NewestReleaseLink(const QString &pageText, const QS
         const QStringView code = link.mid(underscore + 1, link.size() - 4 - (underscore + 1));
         if (code.size() < 3 || !_IsDigit(code[0]) || !_IsDigit(code[1]) || !_IsDigit(code[2]))
             continue;
-        const KSVersion version {code[0].unicode() - u'0', code[1].unicode() - u'0', int(_LeadingNumber(code.mid(2)))};
+        const long long patch = _LeadingNumber(code.mid(2), kPartLimits[2]);
+        if (patch < 0)
+            continue; // a patch of five digits or more is not a version
+        const KSVersion version {code[0].unicode() - u'0', code[1].unicode() - u'0', int(patch)};
         if (!best || version.value() > best->version.value())
             best = KSReleaseLink {link.toString(), version};
     }

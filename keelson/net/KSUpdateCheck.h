@@ -23,7 +23,8 @@ struct KSVersion {
 // The part of the executable name after "Tanner ", lower-cased and cut at the next blank;
 // nothing when the name holds no "Tanner ".
 std::optional<QString> ProductKey(const QString &executableName);
-// The version text split at "."; nothing with more than three parts. Each part counts by its
+// The version text split at "."; nothing with more than three parts, or with a part too large for
+// its place (a major of 1000, a minor of 100, a patch of 10000 or more). Each part counts by its
 // leading digits (a third part such as "b3" that does not begin with a digit counts as 0).
 std::optional<KSVersion> InstalledVersion(const QString &versionString);
 

@@ -30,6 +30,7 @@
 #include <QLineEdit>
 #include <QMenu>
 #include <QPointer>
+#include <QRegularExpression>
 #include <QScrollBar>
 #include <QTemporaryDir>
 #include <QTest>
@@ -837,6 +838,18 @@ TEST_F(HelpWindow, ThePageFollowsThePaletteAndTheHelpFont)
             && format.fontFamilies().toStringList() != QStringList {QStringLiteral("Monospace")};
         headings += format.hasProperty(kRelativeSizeProperty);
     });
+    // A numbered item's tab goes to where its other lines start: no wide gap after "1.".
+    int items = 0;
+    for (QTextBlock block = window->content().text->begin(); block.isValid(); block = block.next()) {
+        if (!QRegularExpression(QStringLiteral("^\\d+\\.\t")).match(block.text()).hasMatch())
+            continue;
+        ++items;
+        const QTextBlockFormat format = block.blockFormat();
+        ASSERT_LT(format.textIndent(), 0);
+        ASSERT_FALSE(format.tabPositions().isEmpty());
+        EXPECT_EQ(format.tabPositions().first().position, format.leftMargin());
+    }
+    EXPECT_GT(items, 0);
     EXPECT_EQ(coloured, 0);
     EXPECT_EQ(sized, 0);
     EXPECT_EQ(family, 0);

@@ -27,12 +27,14 @@
 #include <QDBusMessage>
 #include <QDBusVirtualObject>
 #include <QDir>
+#include <QDropEvent>
 #include <QFileDialog>
 #include <QHeaderView>
 #include <QLabel>
 #include <QListView>
 #include <QMenu>
 #include <QMenuBar>
+#include <QMimeData>
 #include <QPointer>
 #include <QProcess>
 #include <QPushButton>
@@ -1029,4 +1031,44 @@ TEST_F(MainWindow, FailedRowsReadInEveryThemeAndSize)
     EXPECT_LT(table->rowHeight(0), table->rowHeight(1));
     ClearTransactions();
     static_cast<BUTransactionTableModel *>(table->model())->reload();
+}
+
+// A folder inside a backup folder, or holding one, is asked about before it is added; folders
+// dropped on the folder list from a file manager are added.
+TEST_F(MainWindow, NestedFoldersAskAndDroppedFoldersAreAdded)
+{
+    BUAppController &controller = BUAppController::sharedInstance();
+    const QString inside = source + QStringLiteral("/sub"), outer = QFileInfo(source).path();
+    answer = KSAlertController::kFirstButton; // "Don't Add"
+    KSSetNextChooserAnswer(QStringList {inside});
+    window->addRule();
+    EXPECT_EQ(alerts, QStringList {FormatString("\"%@\" is inside the backup folder \"%@\".", inside, source)});
+    EXPECT_EQ(controller.backupFolders(), QStringList {source});
+    answer = KSAlertController::kSecondButton; // "Add"
+    KSSetNextChooserAnswer(QStringList {outer});
+    window->addRule();
+    EXPECT_EQ(alerts.last(), FormatString("\"%@\" holds the backup folder \"%@\".", outer, source));
+    EXPECT_TRUE(controller.backupFolders().contains(outer));
+
+    // A drop of two folders and a file: the folders are added, the file is not.
+    const QString music = home.path() + QStringLiteral("/Music"), film = home.path() + QStringLiteral("/Film");
+    WriteTree(home.path(), {{QStringLiteral("Music/a.mp3"), "a"}, {QStringLiteral("Film/b.mkv"), "b"}});
+    auto *rules = window->findChild<QListView *>(QStringLiteral("ruleTable"));
+    QMimeData data;
+    data.setUrls({QUrl::fromLocalFile(music), QUrl::fromLocalFile(film), QUrl::fromLocalFile(music + "/a.mp3")});
+    const QPoint at = rules->viewport()->rect().center();
+    QDragEnterEvent enter(at, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(rules->viewport(), &enter);
+    EXPECT_TRUE(enter.isAccepted());
+    QDropEvent drop(QPointF(at), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(rules->viewport(), &drop);
+    EXPECT_TRUE(drop.isAccepted());
+    EXPECT_TRUE(WaitUntil([&] { return controller.backupFolders().contains(film); }));
+    EXPECT_TRUE(controller.backupFolders().contains(music));
+    EXPECT_FALSE(controller.backupFolders().contains(music + QStringLiteral("/a.mp3")));
+    // Not onto a rule list.
+    window->findChild<QComboBox *>(QStringLiteral("rulePicker"))->setCurrentIndex(1);
+    QDragEnterEvent refused(at, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(rules->viewport(), &refused);
+    EXPECT_FALSE(refused.isAccepted());
 }

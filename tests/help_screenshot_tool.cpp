@@ -51,7 +51,7 @@ int main(int argc, char **argv)
     };
     if (!save("screenshot-help.png"))
         return 1;
-    // A dark desktop theme, on the topic about the help window itself, a search made.
+    // A dark desktop theme, on the topic about searching, a search made.
     QPalette dark;
     dark.setColor(QPalette::Window, QColor(45, 45, 48));
     dark.setColor(QPalette::WindowText, QColor(230, 230, 230));
@@ -65,10 +65,10 @@ int main(int argc, char **argv)
     dark.setColor(QPalette::Link, QColor(120, 170, 255));
     QApplication::setPalette(dark);
     const QStringList names = window->content().chapterNames;
-    const auto topic = names.indexOf(QStringLiteral("The help window"));
+    const auto topic = names.indexOf(QStringLiteral("\tSearching"));
     window->jumpToTopic(topic >= 0 ? int(topic) : 0, -1, true);
     auto *field = window->findChild<QLineEdit *>(QStringLiteral("searchField"));
-    field->setText(QStringLiteral("zoom"));
+    field->setText(QStringLiteral("topics"));
     window->quickSearch();
     return save("screenshot-help-dark.png") ? 0 : 1;
 }

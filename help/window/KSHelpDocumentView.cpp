@@ -430,6 +430,24 @@ void _FollowTheWindow(KSHelpContent &content, const QTextCharFormat &normal)
     QTextCursor cursor(&text);
     cursor.beginEditBlock();
     for (QTextBlock block = text.begin(); block.isValid(); block = block.next()) {
+        // A list item's marker is text: "1." or a bullet, a tab, then the words, with the first
+        // line hanging out to the left. The tab goes to where the other lines start, not to the
+        // next default stop far to the right. A tab that begins a heading (its level in the
+        // chapter name) adds no gap.
+        const QString words = block.text();
+        qsizetype first = 0;
+        while (first < words.size() && words[first] == QChar(kStandIn))
+            ++first;
+        QTextBlockFormat paragraph = block.blockFormat();
+        if (paragraph.textIndent() < 0 && words.indexOf(u'\t', first) >= 0) {
+            paragraph.setTabPositions({QTextOption::Tab(paragraph.leftMargin(), QTextOption::LeftTab)});
+            cursor.setPosition(block.position());
+            cursor.setBlockFormat(paragraph);
+        } else if (first < words.size() && words[first] == u'\t') {
+            paragraph.setTabPositions({QTextOption::Tab(1, QTextOption::LeftTab)});
+            cursor.setPosition(block.position());
+            cursor.setBlockFormat(paragraph);
+        }
         for (auto it = block.begin(); !it.atEnd(); ++it) {
             const QTextFragment fragment = it.fragment();
             QTextCharFormat format = fragment.charFormat();

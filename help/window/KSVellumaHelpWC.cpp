@@ -798,13 +798,13 @@ void KSVellumaHelpWC::beep()
 
 void KSVellumaHelpWC::changeDarkMode()
 {
-    QPalette palette = ui->topicList->palette();
-    palette.setColor(QPalette::Base, palette.color(_IsDark(palette) ? QPalette::Window : QPalette::AlternateBase));
-    ui->topicList->setPalette(palette);
+    // The window's own palette: its children's are brought up to date only after this.
+    const QPalette page = QWidget::palette();
+    QPalette list = page;
+    list.setColor(QPalette::Base, page.color(_IsDark(page) ? QPalette::Window : QPalette::AlternateBase));
+    ui->topicList->setPalette(list);
     // The text without a colour of its own follows the palette; links take the palette's link
     // colour, moved toward the text colour until it reads on the page.
-    // The window's own palette: its children's are brought up to date after this.
-    const QPalette page = QWidget::palette();
     const QColor link
         = _ReadableColour(page.color(QPalette::Link), page.color(QPalette::Text), page.color(QPalette::Base));
     QTextDocument *document = m_content->text.get();

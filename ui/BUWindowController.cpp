@@ -584,7 +584,9 @@ void BUWindowController::backup(bool onlyAnalyze)
 
 void BUWindowController::cancel()
 {
-    if (operationQueue.operationCount() == 0)
+    // A job whose operation has left the queue still runs until its last report has arrived: the
+    // window says "Canceling..." for it too.
+    if (operationQueue.operationCount() == 0 && !running)
         return;
     // The job stops at its next check (between two actions, or two chunks of a copy) and still
     // sends its last report, which ends the job here.

@@ -80,6 +80,12 @@
     X(kFolderNameTaken,                                                                                                \
         "A folder named \"%@\" is already in the backup list. You can't have two folders with the same name on the "   \
         "backup device.")                                                                                              \
+    X(kFolderInsideBackupFolder, "\"%@\" is inside the backup folder \"%@\".")                                         \
+    X(kFolderHoldsBackupFolder, "\"%@\" holds the backup folder \"%@\".")                                              \
+    X(kNestedFolderQuestion,                                                                                           \
+        "Its files would be on the backup device twice, once in each mirror, and take twice the room. Add it all "     \
+        "the same?")                                                                                                   \
+    X(kDontAddButton, "Don't Add")                                                                                     \
     X(kNoLogInformation, "No log information.")                                                                        \
     X(kNoLogsFound, "I could not find any crash reports or log entries for %@.")                                       \
     X(kContactFailed, "Contact failed.")                                                                               \
@@ -115,10 +121,21 @@
     X(kAnalyzing, "Analyzing...")                                                                                      \
     X(kAnalysisComplete, "Analysis complete")                                                                          \
     X(kAnalysisCompleteCount, "Analysis complete: %,lld %@, %@ to copy")                                               \
+    X(kAnalysisVerdict, "Analysis complete: %,lld to copy (%@), %,lld to update, %,lld to delete.")                    \
+    X(kVerdictFits, " It fits on %@: %@ needed, %@ free.")                                                             \
+    X(kVerdictDoesNotFit, " It does not fit on %@: %@ needed, only %@ free.")                                          \
+    X(kByteCount, "%lld bytes")                                                                                        \
+    X(kOneByte, "1 byte")                                                                                              \
+    X(kLocationSource, "Source: %@")                                                                                   \
+    X(kLocationDevice, "Device: %@")                                                                                   \
     X(kNotTried, ", %,lld not tried")                                                                                  \
     X(kLogsCopied, "The logs are on the clipboard")                                                                    \
     X(kHintFolders, "Add the folders to back up: choose Add under the list of backup folders.")                        \
     X(kHintDevice, "Pick the backup device in the list on the left.")                                                  \
+    X(kTransactionsFor, "Transactions for %@ (not the selected device)")                                               \
+    X(kHintNoDevice,                                                                                                   \
+        "No backup device is mounted. Plug in a disk and mount it; devices are looked for in %@ (set "                 \
+        "TANNER_VOLUMES_ROOT to look elsewhere).")                                                                     \
     X(kUpToDate, "The backup device is up to date")                                                                    \
     X(kRateAndTimeLeft, "%@ per second, %@ left")                                                                      \
     X(kLessThanAMinute, "less than a minute")                                                                          \
@@ -133,9 +150,12 @@
     X(kDeviceAnalyzing, "Analyzing")                                                                                   \
     X(kDeviceInProgress, "In progress")                                                                                \
     /* Prompts of the file choosers. */                                                                                \
-    X(kChooseBackupFolders, "Select one or more folders to backup")                                                    \
+    X(kChooseBackupFolders, "Select one or more folders to back up")                                                   \
     X(kChooseFolderExample, "Select a folder as an example to be ignored")                                             \
     X(kChooseFileExample, "Select a file as an example to be ignored")                                                 \
+    X(kNotFound, "Not found")                                                                                          \
+    X(kOneTopic, "1 topic")                                                                                            \
+    X(kTopicsCount, "%1 topics")                                                                                       \
     X(kChooseHelpCopyFolder, "Select a folder in which to save a copy of the help file")                               \
     X(kChooseExtensionExample, "Select a file as an example of an extension to be ignored")                            \
     /* The command line. */                                                                                            \

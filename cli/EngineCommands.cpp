@@ -2,6 +2,7 @@
 // exactly as the main window runs them, and their reports are shown as the window shows them:
 // as text, or as one JSON document with --json.
 #include "app/BUAppController.h"
+#include "backup/BUAnalysisVerdict.h"
 #include "backup/BUAnalyzeOperation.h"
 #include "backup/BUBackupOperation.h"
 #include "backup/BUDevices.h"
@@ -164,6 +165,8 @@ public:
             FileSizeString(static_cast<long long>(static_cast<unsigned long long>(g_totalBytes))));
         if (m_analyzeOnly) {
             m_statusText = QStringLiteral("Analysis complete");
+            if (m_json) // the window's verdict: counts, size and whether it fits
+                m_verdict = AnalysisVerdictFor(g_transactions, report.target);
             if (!m_json) {
                 // A copy that the device's letter case rules out says so, as the backup will.
                 for (const BUTransaction &transaction : std::as_const(g_transactions)) {
@@ -355,6 +358,20 @@ private:
             out += u'}';
         }
         out += g_transactions.isEmpty() ? QStringLiteral("]") : QStringLiteral("\n  ]");
+        if (m_verdict) {
+            const BUAnalysisVerdict &v = *m_verdict;
+            const QString null = QStringLiteral("null");
+            out += QStringLiteral(",\n  \"verdict\": {\"text\": ") + _Json(AnalysisVerdictText(v, m_device))
+                + QStringLiteral(", \"copies\": %1, \"updates\": %2, \"deletes\": %3, \"copyBytes\": %4")
+                      .arg(v.copies)
+                      .arg(v.updates)
+                      .arg(v.deletes)
+                      .arg(QString::number(v.copyBytes, 'f', 0))
+                + QStringLiteral(", \"fits\": ")
+                + (v.spaceKnown ? (v.fits() ? QStringLiteral("true") : QStringLiteral("false")) : null)
+                + QStringLiteral(", \"needed\": ") + (v.spaceKnown ? QString::number(v.needed) : null)
+                + QStringLiteral(", \"available\": ") + (v.spaceKnown ? QString::number(v.available) : null) + u'}';
+        }
         out += QStringLiteral(",\n  \"status\": ") + _Json(m_statusText) + QStringLiteral("\n}");
         PrintLine(stdout, out);
     }
@@ -367,6 +384,7 @@ private:
     bool m_backupRan = false;
     bool m_progressShown = false;
     std::optional<QStringList> m_extra;
+    std::optional<BUAnalysisVerdict> m_verdict;
     bool m_cancel = false;
     std::optional<QString> m_error;
     QString m_statusText;

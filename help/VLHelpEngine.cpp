@@ -51,7 +51,7 @@ void _MakeFontList()
         return;
     fonts.made = true;
     // Index 0 is the font of a character record whose font number is beyond the document's map.
-    fonts.names.append(QStringLiteral("Helvetica"));
+    fonts.names.append(QStringLiteral("sans-serif")); // the desktop's sans-serif font
     fonts.indexes.insert(fonts.names.first(), 0);
 }
 

@@ -12,6 +12,7 @@
 #include "help/window/KSSpeechManager.h"
 #include "help/window/KSVellumaHelpWC.h"
 #include "keelson/KSKernel.h"
+#include "keelson/KSLog.h"
 #include "keelson/KSUserDefaults.h"
 #include "keelson/gui/KSFileChooser.h"
 #include "keelson/gui/KSWorkspace.h"
@@ -26,9 +27,13 @@
 #include <QComboBox>
 #include <QDir>
 #include <QFile>
+#include <QFontInfo>
 #include <QImage>
+#include <QLabel>
 #include <QLineEdit>
+#include <QMenu>
 #include <QPointer>
+#include <QRegularExpression>
 #include <QScrollBar>
 #include <QTemporaryDir>
 #include <QTest>
@@ -40,6 +45,9 @@
 #include <QTreeView>
 
 #include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
 
 using namespace tanner::test;
 
@@ -288,14 +296,30 @@ TEST_F(HelpWindow, ToolbarZoomAndTheRememberedZoom)
 TEST_F(HelpWindow, QuickSearchFindsJumpsAndRemembers)
 {
     KSVellumaHelpWC *window = open(SampleContent());
+    window->resize(1000, 420); // the whole tool bar in sight
     auto *field = window->findChild<QLineEdit *>(QStringLiteral("searchField"));
     ASSERT_NE(field, nullptr);
+    // From the start of the document (bit 8), ignoring case (bit 3), trimming selections (bit 1):
+    // the caret at the end does not hide the first hit.
+    window->jumpToTopic(5, -1, false);
+    window->setSelection(window->content().textLength, window->content().textLength);
     field->setText(QStringLiteral("IGNORE rule"));
     emit field->returnPressed();
-    // From the start (bit 8 is off by default: the search runs on from the selection) and ignoring
-    // case (bit 3, on by default).
-    EXPECT_EQ(window->searchOptionMask(), 10u);
+    EXPECT_EQ(window->searchOptionMask(), (1u << 1) | (1u << 3) | (1u << 8));
     EXPECT_EQ(window->currentTopic(), 3);
+    // The topics that hold the words, offered beside the field; each opens at its hit.
+    auto *topics = window->findChild<QToolButton *>(QStringLiteral("searchTopicsButton"));
+    ASSERT_NE(topics, nullptr);
+    EXPECT_TRUE(WaitUntil([topics] { return topics->isVisible(); })); // once the tool bar is laid out
+    EXPECT_EQ(topics->text(), QStringLiteral("2 topics"));
+    QStringList offered;
+    for (QAction *topic : topics->menu()->actions())
+        offered.append(topic->text());
+    EXPECT_EQ(offered, QStringList({QStringLiteral("Rules"), QStringLiteral("File rules")}));
+    topics->menu()->actions().at(1)->trigger();
+    EXPECT_EQ(window->currentTopic(), 5);
+    EXPECT_EQ(window->content().plainText(window->selectionStart(), window->selectionEnd()), u"ignore rule");
+    window->findPrevious();
     const KSHelpContent &content = window->content();
     EXPECT_EQ(content.plainText(window->selectionStart(), window->selectionEnd()), u"ignore rule");
     EXPECT_TRUE(Action(window, "findPreviousAction")->isEnabled());
@@ -304,9 +328,24 @@ TEST_F(HelpWindow, QuickSearchFindsJumpsAndRemembers)
     EXPECT_EQ(window->currentTopic(), 5);
     EXPECT_EQ(window->windowTitle(), QStringLiteral("Tanner Backup Help — File rules"));
     const int beeps = window->beepCount();
-    EXPECT_FALSE(window->findNext()); // no third one
+    EXPECT_TRUE(window->findNext()); // past the last one, round to the first
+    EXPECT_EQ(window->currentTopic(), 3);
+    EXPECT_TRUE(window->findPrevious()); // and back round the start to the last
+    EXPECT_EQ(window->currentTopic(), 5);
+    EXPECT_EQ(window->beepCount(), beeps);
+    // Nothing anywhere: a beep and "Not found".
+    auto *status = window->findChild<QLabel *>(QStringLiteral("searchStatus"));
+    ASSERT_NE(status, nullptr);
+    EXPECT_FALSE(status->isVisible());
+    field->setText(QStringLiteral("zebra crossing"));
+    emit field->returnPressed();
     EXPECT_EQ(window->beepCount(), beeps + 1);
-    EXPECT_TRUE(window->findPrevious());
+    EXPECT_TRUE(WaitUntil([status] { return status->isVisible(); }));
+    EXPECT_EQ(status->text(), QStringLiteral("Not found"));
+    EXPECT_TRUE(WaitUntil([topics] { return !topics->isVisible(); }));
+    field->setText(QStringLiteral("IGNORE rule"));
+    emit field->returnPressed();
+    EXPECT_TRUE(WaitUntil([status] { return !status->isVisible(); }));
     EXPECT_EQ(window->currentTopic(), 3);
 
     // Case now counts: nothing matches the upper-case text.
@@ -318,7 +357,9 @@ TEST_F(HelpWindow, QuickSearchFindsJumpsAndRemembers)
     field->setText(QStringLiteral("^c"));
     emit field->returnPressed();
     EXPECT_EQ(KSVellumaHelpWC::findRequest().findType, 4);
-    EXPECT_EQ(window->currentTopic(), 4);
+    EXPECT_EQ(window->currentTopic(), 0); // from the start
+    EXPECT_TRUE(window->findNext());
+    EXPECT_EQ(window->currentTopic(), 1);
 
     // The selection becomes the search, with caret codes for its special characters.
     window->jumpToTopic(0, -1, false);
@@ -328,7 +369,7 @@ TEST_F(HelpWindow, QuickSearchFindsJumpsAndRemembers)
     EXPECT_FALSE(Action(window, "findPreviousAction")->isEnabled()); // a paragraph end only goes forward
 
     EXPECT_EQ(ReadStringList(*OpenSettingsFile(UserDefaultsPath()), QStringLiteral("ks.help.search")),
-        QStringList({QStringLiteral("^c"), QStringLiteral("IGNORE rule")}));
+        QStringList({QStringLiteral("^c"), QStringLiteral("IGNORE rule"), QStringLiteral("zebra crossing")}));
     window->close();
 }
 
@@ -438,10 +479,10 @@ TEST_F(HelpWindow, MenuCommandsFollowTheState)
     EXPECT_FALSE(Action(window, "findPreviousAction")->isEnabled());
     EXPECT_TRUE(Action(window, "ignoreCaseAction")->isChecked());
     EXPECT_TRUE(Action(window, "trimSelectionAction")->isChecked());
-    EXPECT_FALSE(Action(window, "fromStartOptionAction")->isChecked());
-    Action(window, "fromStartOptionAction")->trigger();
-    EXPECT_EQ(window->searchOptionMask(), 10u | (1u << 8));
     EXPECT_TRUE(Action(window, "fromStartOptionAction")->isChecked());
+    Action(window, "fromStartOptionAction")->trigger();
+    EXPECT_EQ(window->searchOptionMask(), 10u);
+    EXPECT_FALSE(Action(window, "fromStartOptionAction")->isChecked());
 
     window->setSelection(window->content().chapterCps[0] + 1, window->content().chapterCps[0] + 8);
     window->validateMenuItems();
@@ -572,7 +613,11 @@ TEST_F(HelpWindow, ADocumentShowsEveryCpAtItsOwnPosition)
     QTextCursor first(content->text.get());
     first.setPosition(content->map.positionForCp(2));
     EXPECT_EQ(first.charFormat().fontWeight(), QFont::Bold);
-    EXPECT_EQ(first.charFormat().fontPointSize(), 14);
+    // Its size kept in proportion to the body text's, which the help font sets.
+    const QTextCharFormat heading = first.charFormat();
+    const double relative
+        = heading.hasProperty(kRelativeSizeProperty) ? heading.doubleProperty(kRelativeSizeProperty) : 1.0;
+    EXPECT_DOUBLE_EQ(relative * content->normalFont.pointSizeF(), 14);
 
     // The window on the file: the outline of its headings, titled by the file.
     KSVellumaHelpWC *window = KSVellumaHelpWC::displayFileAsHelp(path);
@@ -810,4 +855,144 @@ TEST_F(HelpWindow, APictureIsDecodedAtTheSizeItIsShown)
         }
     }
     EXPECT_GE(pictures, 1);
+}
+
+// The manual in a dark theme and in the user's font: text without a colour of its own takes the
+// palette's, links a link colour that reads on the page, and the help font sets the family and size
+// of the text, headings keeping their proportion.
+TEST_F(HelpWindow, ThePageFollowsThePaletteAndTheHelpFont)
+{
+    KSVellumaHelpWC::setApplicationHelpPath(QStringLiteral(TANNER_HELP_PACKAGE));
+    KSVellumaHelpWC *window = KSVellumaHelpWC::displayHelp();
+    ASSERT_NE(window, nullptr);
+    auto fragments = [](const QTextDocument &text, const std::function<void(const QTextFragment &)> &each) {
+        for (QTextBlock block = text.begin(); block.isValid(); block = block.next())
+            for (auto it = block.begin(); !it.atEnd(); ++it)
+                each(it.fragment());
+    };
+    int coloured = 0, sized = 0, family = 0, headings = 0;
+    fragments(*window->content().text, [&](const QTextFragment &fragment) {
+        const QTextCharFormat format = fragment.charFormat();
+        coloured += format.hasProperty(QTextFormat::ForegroundBrush) && !format.isAnchor();
+        sized += format.hasProperty(QTextFormat::FontPointSize) && !format.hasProperty(kRelativeSizeProperty);
+        family += format.hasProperty(QTextFormat::FontFamilies)
+            && format.fontFamilies().toStringList() != QStringList {QStringLiteral("Monospace")};
+        headings += format.hasProperty(kRelativeSizeProperty);
+    });
+    // A numbered item's tab goes to where its other lines start: no wide gap after "1.".
+    int items = 0;
+    for (QTextBlock block = window->content().text->begin(); block.isValid(); block = block.next()) {
+        if (!QRegularExpression(QStringLiteral("^\\d+\\.\t")).match(block.text()).hasMatch())
+            continue;
+        ++items;
+        const QTextBlockFormat format = block.blockFormat();
+        ASSERT_LT(format.textIndent(), 0);
+        ASSERT_FALSE(format.tabPositions().isEmpty());
+        EXPECT_EQ(format.tabPositions().first().position, format.leftMargin());
+    }
+    EXPECT_GT(items, 0);
+    EXPECT_EQ(coloured, 0);
+    EXPECT_EQ(sized, 0);
+    EXPECT_EQ(family, 0);
+    EXPECT_GT(headings, 0);
+    // The font dialog opens on the font on screen: the document's body font, resolved.
+    EXPECT_EQ(window->helpFont().pointSizeF(), 12.0);
+    QFont offered;
+    KSVellumaHelpWC::setNextFontAnswer([&offered](QFont *font) {
+        offered = *font;
+        return false;
+    });
+    window->showFonts();
+    EXPECT_EQ(offered.family(), QFontInfo(window->helpFont()).family());
+    EXPECT_EQ(offered.pointSizeF(), 12.0);
+
+    // Dark: the links read on the page.
+    QPalette dark;
+    dark.setColor(QPalette::Window, QColor(0x35, 0x35, 0x35));
+    dark.setColor(QPalette::WindowText, Qt::white);
+    dark.setColor(QPalette::Base, QColor(0x2a, 0x2a, 0x2a));
+    dark.setColor(QPalette::Text, Qt::white);
+    dark.setColor(QPalette::Link, QColor(0x1a, 0x5f, 0xb4)); // a light theme's blue, as some dark themes keep
+    const QPalette light = QApplication::palette();
+    QApplication::setPalette(dark);
+    QApplication::processEvents();
+    auto luminance = [](const QColor &c) {
+        auto channel = [](double v) { return v <= 0.03928 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4); };
+        return 0.2126 * channel(c.redF()) + 0.7152 * channel(c.greenF()) + 0.0722 * channel(c.blueF());
+    };
+    int links = 0;
+    fragments(*window->content().text, [&](const QTextFragment &fragment) {
+        if (!fragment.charFormat().isAnchor())
+            return;
+        ++links;
+        const double a = luminance(fragment.charFormat().foreground().color()),
+                     b = luminance(dark.color(QPalette::Base));
+        EXPECT_GE((std::max(a, b) + 0.05) / (std::min(a, b) + 0.05), 4.5) << fragment.text().toStdString();
+    });
+    EXPECT_GT(links, 0);
+    QApplication::setPalette(light);
+    window->close();
+
+    // The user's help font: its family and size for the text, headings in proportion.
+    OpenSettingsFile(SharedDefaultsPath())
+        ->setValue(
+            QStringLiteral("com.tannerwick.shared.helpfont"), QFont(QStringLiteral("DejaVu Serif"), 20).toString());
+    KSVellumaHelpWC *serif = KSVellumaHelpWC::displayHelp();
+    ASSERT_NE(serif, nullptr);
+    const QTextDocument &shown = *serif->content().text;
+    EXPECT_EQ(shown.defaultFont().family(), QStringLiteral("DejaVu Serif"));
+    EXPECT_DOUBLE_EQ(shown.defaultFont().pointSizeF(), 20.0 * serif->zoom());
+    fragments(shown, [&](const QTextFragment &fragment) {
+        const QTextCharFormat format = fragment.charFormat();
+        if (format.hasProperty(kRelativeSizeProperty))
+            EXPECT_DOUBLE_EQ(
+                format.fontPointSize(), 20.0 * serif->zoom() * format.doubleProperty(kRelativeSizeProperty));
+    });
+    serif->close();
+}
+
+// A named file's window: its copy is of that file, it leaves the zoom setting alone, and a picture
+// whose bytes only begin like a PNG is a missing picture (the caution sign and the log line).
+TEST_F(HelpWindow, ANamedFileIsItsOwnAndABrokenPictureIsMissing)
+{
+    const QString single = QStringLiteral(TANNER_TEST_DATA_DIR "/help/good.xml");
+    KSVellumaHelpWC *window = KSVellumaHelpWC::displayFileAsHelp(single);
+    ASSERT_NE(window, nullptr);
+    window->zoomIn();
+    EXPECT_FALSE(OpenSettingsFile(UserDefaultsPath())->contains(QStringLiteral("ks.helpZoom")));
+    QTemporaryDir target;
+    KSSetNextChooserAnswer(QStringList {target.path()});
+    Action(window, "saveHelpFileAction")->trigger();
+    const QString copy = target.path() + QStringLiteral("/good.xml");
+    EXPECT_EQ(revealed, QStringList {copy});
+    QFile original(single), saved(copy);
+    ASSERT_TRUE(original.open(QIODevice::ReadOnly) && saved.open(QIODevice::ReadOnly));
+    EXPECT_EQ(saved.readAll(), original.readAll());
+    window->close();
+
+    QTemporaryDir packages;
+    const QString package = packages.path() + QStringLiteral("/Broken.TWwrite");
+    QString why;
+    ASSERT_TRUE(KSCopyPackage(QStringLiteral(TANNER_TEST_DATA_DIR "/help/Good.TWwrite"), package, &why))
+        << why.toStdString();
+    QFile picture(package + QStringLiteral("/Images/shot.png"));
+    ASSERT_TRUE(picture.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    picture.write(QByteArray("\x89PNG\r\n\x1a\n", 8) + QByteArray(200, 'x'));
+    picture.close();
+    QStringList logged;
+    SetLogSink([&logged](const QString &line) { logged.append(line); });
+    std::unique_ptr<KSHelpContent> content = KSLoadHelpContent(package);
+    SetLogSink({});
+    ASSERT_NE(content, nullptr);
+    EXPECT_TRUE(logged.contains(QStringLiteral("Can't read image shot.png"))) << logged.join(u'|').toStdString();
+    const auto &document = *static_cast<const VLDocument *>(content->document.get());
+    bool caution = false;
+    for (std::size_t i = 0; i < document.pictureCount(); ++i)
+        caution = caution || (document.picture(i)->image && document.picture(i)->image->caution);
+    EXPECT_TRUE(caution);
+    int images = 0;
+    for (QTextBlock block = content->text->begin(); block.isValid(); block = block.next())
+        for (auto it = block.begin(); !it.atEnd(); ++it)
+            images += it.fragment().charFormat().isImageFormat();
+    EXPECT_GE(images, 1);
 }

@@ -11,27 +11,35 @@
 #include "keelson/gui/KSAlert.h"
 #include "keelson/gui/KSAlertController.h"
 #include "keelson/gui/KSFileChooser.h"
+#include "keelson/gui/KSWorkspace.h"
 #include "tests/support/GuiTestSupport.h"
 #include "tests/support/TestSupport.h"
 #include "ui/BUExtraStuffDialog.h"
+#include "ui/BURuleDialog.h"
 #include "ui/BUTransactionTableModel.h"
 #include "ui/BUWindowController.h"
 
 #include <QAbstractItemModelTester>
 #include <QAction>
 #include <QApplication>
+#include <QComboBox>
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusVirtualObject>
 #include <QDir>
+#include <QDropEvent>
 #include <QFileDialog>
 #include <QHeaderView>
 #include <QLabel>
 #include <QListView>
+#include <QMenu>
+#include <QMenuBar>
+#include <QMimeData>
 #include <QPointer>
 #include <QProcess>
 #include <QPushButton>
 #include <QRegularExpression>
+#include <QSet>
 #include <QTableView>
 #include <QTest>
 #include <QTreeView>
@@ -304,7 +312,7 @@ TEST_F(MainWindow, AddingFoldersAndDeletingRules)
     auto *deleteButton = window->findChild<QPushButton *>(QStringLiteral("deleteRuleButton"));
     KSSetNextChooserAnswer(QStringList {photos, other, source});
     window->addRule();
-    EXPECT_EQ(KSLastChooserMessage(), QStringLiteral("Select one or more folders to backup"));
+    EXPECT_EQ(KSLastChooserMessage(), QStringLiteral("Select one or more folders to back up"));
     EXPECT_EQ(alerts, QStringList {QStringLiteral("Can't add a backup folder.")}); // "photos" twice; Docs silently
     EXPECT_EQ(BUAppController::sharedInstance().backupFolders(), (QStringList {source, photos}));
     EXPECT_EQ(rules->model()->rowCount(), 2);
@@ -419,7 +427,24 @@ TEST_F(MainWindow, ExtraItemsAnalysisOnlyAndLargeDeletions)
     // Analysis alone: the transactions stay listed, nothing is written, Next Error is on.
     window->findChild<QAction *>(QStringLiteral("analyzeAction"))->trigger();
     ASSERT_TRUE(runToEnd());
-    EXPECT_EQ(status->text(), QStringLiteral("Analysis complete: 7 actions, 100.01 KB to copy"));
+    // The verdict: what is copied, updated and deleted, and whether it fits.
+    EXPECT_TRUE(QRegularExpression(QStringLiteral("^Analysis complete: 7 to copy \\(100.01 KB\\), 0 to update, 0 to "
+                                                  "delete\\. It fits on Backup Disk: [0-9.,]+ KB needed, [0-9.,]+ MB "
+                                                  "free\\.$"))
+                    .match(status->text())
+                    .hasMatch())
+        << status->text().toStdString();
+    EXPECT_EQ(status->palette().color(QPalette::WindowText), QApplication::palette().color(QPalette::WindowText));
+    // The table says whose analysis it lists, and that it is not the device picked since.
+    auto *tableLabel = window->findChild<QLabel *>(QStringLiteral("actionsLabel"));
+    EXPECT_EQ(tableLabel->text(), QStringLiteral("&Transactions for Backup Disk"));
+    outline->setCurrentIndex(QModelIndex());
+    EXPECT_EQ(tableLabel->text(), QStringLiteral("&Transactions for Backup Disk (not the selected device)"));
+    // Each location names its side: the sources' folders here.
+    const QModelIndex copyRow = table->model()->index(0, BUTransactionTableModel::kLocationColumn);
+    EXPECT_EQ(copyRow.data().toString(), QStringLiteral("Source: ") + QFileInfo(source).path())
+        << copyRow.data().toString().toStdString();
+    ASSERT_TRUE(selectDevice(QStringLiteral("Backup Disk")));
     EXPECT_GT(table->model()->rowCount(), 0);
     EXPECT_FALSE(QFile::exists(device + QStringLiteral("/Docs")));
     window->validateMenuItems();
@@ -565,7 +590,13 @@ TEST_F(MainWindow, CountersBelongToTheirRun)
     ASSERT_TRUE(runToEnd());
     const QString location
         = table->currentIndex().siblingAtColumn(BUTransactionTableModel::kLocationColumn).data().toString();
-    EXPECT_TRUE(location.startsWith(QStringLiteral("Backup Disk/Docs/sub\n"))) << location.toStdString();
+    EXPECT_TRUE(location.startsWith(QStringLiteral("Device: Backup Disk/Docs/sub\n"))) << location.toStdString();
+    // Show in File Manager opens the side that failed: the device folder, not the source.
+    QStringList revealed;
+    KSSetWorkspaceTestHook([&](const QString &what) { revealed.append(what); });
+    window->findChild<QAction *>(QStringLiteral("revealAction"))->trigger();
+    KSSetWorkspaceTestHook({});
+    EXPECT_EQ(revealed, QStringList {device + QStringLiteral("/Docs/sub")});
 }
 
 TEST_F(MainWindow, TheDeleteKeyActsOnTheFocusedRuleListOnly)
@@ -602,7 +633,9 @@ TEST_F(MainWindow, TheLargeDeletionQuestionLetsTheUserReview)
     // The question's "Help" opened the topic on large deletions; the answer came after it.
     EXPECT_EQ(helpBookmarks, QList<int> {BUHelpBookmark::kLargeDeletions});
     EXPECT_EQ(helpTopics, QList<int> {topicOf(BUHelpBookmark::kLargeDeletions)});
-    EXPECT_EQ(status->text(), QStringLiteral("Analysis complete: 1 action, 0 KB to copy"));
+    EXPECT_TRUE(status->text().startsWith(
+        QStringLiteral("Analysis complete: 0 to copy (0 KB), 0 to update, 1 to delete. It fits on Backup Disk: ")))
+        << status->text().toStdString();
     EXPECT_EQ(table->model()->rowCount(), 1); // the folder's Delete, listed to be looked at
     EXPECT_TRUE(QFile::exists(device + QStringLiteral("/Docs/more/f1.txt"))); // nothing deleted
     EXPECT_TRUE(backupButton->isEnabled());
@@ -690,10 +723,21 @@ TEST_F(MainWindow, ABackupThatCannotFitStopsBeforeTheFirstChange)
         details.append(shown.moreInfo);
         return answer;
     });
+    // Analyze says so first, in red.
+    window->findChild<QAction *>(QStringLiteral("analyzeAction"))->trigger();
+    ASSERT_TRUE(runToEnd());
+    EXPECT_TRUE(QRegularExpression(QStringLiteral(" It does not fit on Small Disk: [0-9.,]+ MB needed, only ")
+        + QRegularExpression::escape(FileSizeString(1 << 20)) + QStringLiteral(" free\\.$"))
+                    .match(status->text())
+                    .hasMatch())
+        << status->text().toStdString();
+    EXPECT_EQ(status->palette().color(QPalette::WindowText), BUTransactionTableModel::alertRed());
     backupButton->click();
     ASSERT_TRUE(runToEnd());
     LazyUnmount(small);
     ASSERT_EQ(alerts, QStringList {QStringLiteral("Backup to Small Disk failed.")});
+    // Nothing was changed: no "serious error" for it.
+    EXPECT_FALSE(details.front().contains(QStringLiteral("serious error"))) << details.front().toStdString();
     EXPECT_TRUE(details.front().contains(QStringLiteral("The backup needs 3."))
         && details.front().contains(FormatString("which has only %@ free", FileSizeString(1 << 20))))
         << details.front().toStdString();
@@ -738,6 +782,13 @@ TEST_F(MainWindow, TheEndOfAJobIsAnnouncedWhileTheWindowIsInactive)
     EXPECT_EQ(status->text(), QStringLiteral("Backup succeeded"));
     EXPECT_EQ(window->windowTitle(), QStringLiteral("Tanner Backup"));
 
+    // The announcement of that backup went out with no one to show it. The bus hears a
+    // connection's messages in order: once it has answered a later call, that announcement is
+    // past and cannot reach the server set up next.
+    const QDBusMessage ping
+        = QDBusConnection::sessionBus().call(QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.DBus"),
+            QStringLiteral("/org/freedesktop/DBus"), QStringLiteral("org.freedesktop.DBus"), QStringLiteral("GetId")));
+    ASSERT_EQ(ping.type(), QDBusMessage::ReplyMessage) << ping.errorMessage().toStdString();
     NotificationServer server;
     QDBusConnection serverConnection = QDBusConnection::connectToBus(address, QStringLiteral("notifications"));
     ASSERT_TRUE(serverConnection.registerVirtualObject(QStringLiteral("/org/freedesktop/Notifications"), &server));
@@ -788,4 +839,238 @@ TEST_F(MainWindow, TheSeriousErrorAlertOpensItsHelp)
     ASSERT_EQ(alerts, QStringList {QStringLiteral("Backup to Tiny Disk failed.")});
     EXPECT_EQ(helpBookmarks, QList<int> {BUHelpBookmark::kSeriousError});
     EXPECT_EQ(helpTopics, QList<int> {topicOf(BUHelpBookmark::kSeriousError)});
+}
+
+// The window from the keyboard: each list is one Tab stop however long it is, every enabled
+// control is on the road, a click leaves no hidden focus on a button for Space to press, the
+// mnemonics are unique, and F1 opens the help of the dialog it is pressed in.
+TEST_F(MainWindow, TheKeyboardReachesEveryControl)
+{
+    ASSERT_TRUE(selectDevice(QStringLiteral("Backup Disk")));
+    ClearTransactions();
+    for (int i = 0; i < 1000; ++i)
+        g_transactions.append(BUTransaction(QStringLiteral("/src/Docs/f%1").arg(i), QStringLiteral("/src")));
+    static_cast<BUTransactionTableModel *>(table->model())->reload();
+    window->activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(window.get()));
+    outline->setFocus();
+    QList<QWidget *> road;
+    for (int i = 0; i < 30 && (road.isEmpty() || road.back() != outline); ++i) {
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
+        road.append(QApplication::focusWidget());
+    }
+    ASSERT_EQ(road.back(), outline) << "Tab does not come round to the device list";
+    EXPECT_EQ(road.count(table), 1);
+    for (const char *name : {"rulePicker", "ruleTable", "addRuleButton", "addDefaultsButton", "backupButton"})
+        EXPECT_TRUE(road.contains(window->findChild<QWidget *>(QLatin1String(name)))) << name;
+    EXPECT_LT(road.indexOf(table), road.indexOf(backupButton));
+    // In the table, the focus shows on a row.
+    table->setFocus(Qt::TabFocusReason);
+    EXPECT_TRUE(table->currentIndex().isValid());
+    ClearTransactions();
+    static_cast<BUTransactionTableModel *>(table->model())->reload();
+
+    // A click on Backup leaves the focus where it was: Space afterwards starts nothing.
+    outline->setFocus();
+    QTest::mouseClick(backupButton, Qt::LeftButton);
+    ASSERT_TRUE(runToEnd());
+    EXPECT_NE(QApplication::focusWidget(), backupButton);
+    QTest::keyClick(QApplication::focusWidget(), Qt::Key_Space);
+    EXPECT_FALSE(window->isRunning());
+    EXPECT_EQ(window->operationCount(), 0);
+
+    // Mnemonics: one letter for one control in the window and its menu bar, and in each menu.
+    auto letter = [](const QString &text) {
+        const qsizetype at = text.indexOf(u'&');
+        return at >= 0 && at + 1 < text.size() ? text[at + 1].toLower() : QChar();
+    };
+    QStringList windowLetters;
+    for (QAction *menu : window->menuBar()->actions())
+        windowLetters.append(letter(menu->text()));
+    for (QLabel *label : window->findChildren<QLabel *>())
+        if (label->buddy())
+            windowLetters.append(letter(label->text()));
+    for (QPushButton *button : window->findChildren<QPushButton *>())
+        windowLetters.append(letter(button->text()));
+    windowLetters.removeAll(QString());
+    EXPECT_EQ(QSet<QString>(windowLetters.begin(), windowLetters.end()).size(), windowLetters.size())
+        << windowLetters.join(u' ').toStdString();
+    for (QAction *menu : window->menuBar()->actions()) {
+        QStringList letters;
+        for (QAction *item : menu->menu()->actions())
+            if (!item->isSeparator())
+                letters.append(letter(item->text()));
+        EXPECT_EQ(QSet<QString>(letters.begin(), letters.end()).size(), letters.size())
+            << menu->text().toStdString() << ": " << letters.join(u' ').toStdString();
+    }
+    // The list picker has its label.
+    auto *picker = window->findChild<QWidget *>(QStringLiteral("rulePicker"));
+    bool labelled = false;
+    for (QLabel *label : window->findChildren<QLabel *>())
+        labelled = labelled || (label->buddy() == picker && !letter(label->text()).isNull());
+    EXPECT_TRUE(labelled);
+
+    // F1 in the rule dialog opens the help on rules, in the extra-items dialog the help on them.
+    window->findChild<QComboBox *>(QStringLiteral("rulePicker"))->setCurrentIndex(1);
+    window->addRule();
+    auto *dialog = window->findChild<BURuleDialog *>();
+    ASSERT_NE(dialog, nullptr);
+    QApplication::setActiveWindow(dialog); // the offscreen platform does not activate it by itself
+    ASSERT_TRUE(dialog->isActiveWindow());
+    QTest::keyClick(dialog, Qt::Key_F1);
+    ASSERT_NE(helpWindow(), nullptr);
+    EXPECT_EQ(helpWindow()->currentTopic(), topicOf(BUHelpBookmark::kAddingAndEditingARule));
+    dialog->reject();
+    helpWindow()->close();
+    int extraTopic = -1;
+    BUExtraStuffDialog::setTestHook([&](BUExtraStuffDialog &extra) {
+        QApplication::setActiveWindow(&extra);
+        QTest::keyClick(&extra, Qt::Key_F1);
+        extraTopic = helpWindow() ? helpWindow()->currentTopic() : -2;
+        extra.dismiss();
+    });
+    WriteTree(device, {{QStringLiteral("Holiday Movies/m.mp4"), "m"}});
+    ASSERT_TRUE(selectDevice(QStringLiteral("Backup Disk")));
+    backupButton->click();
+    ASSERT_TRUE(runToEnd());
+    EXPECT_EQ(extraTopic, topicOf(BUHelpBookmark::kExtraItems));
+}
+
+// The device a backup goes to is always one the user picked: an unplugged device leaves none
+// selected, and the rows do not move under the pointer when a job makes its device the most recent.
+TEST_F(MainWindow, TheSelectedDeviceIsTheUsersChoice)
+{
+    BUAppController &controller = BUAppController::sharedInstance();
+    const QString second = volumes + QStringLiteral("/Second Disk"), late = volumes + QStringLiteral("/Late Disk");
+    ASSERT_TRUE(MountTmpfs(second, 8 << 20));
+    ASSERT_TRUE(MountTmpfs(late, 1 << 20));
+    auto listed = [this](const QString &name) {
+        return !outline->model()
+                    ->match(
+                        outline->model()->index(0, 0), Qt::DisplayRole, name, 1, Qt::MatchExactly | Qt::MatchRecursive)
+                    .isEmpty();
+    };
+    ASSERT_TRUE(
+        WaitUntil([&] { return listed(QStringLiteral("Second Disk")) && listed(QStringLiteral("Late Disk")); }));
+    controller.recentDrives() = {QStringLiteral("Backup Disk"), QStringLiteral("Second Disk")};
+    controller.updateDrives();
+
+    ASSERT_TRUE(selectDevice(QStringLiteral("Late Disk")));
+    ASSERT_TRUE(LazyUnmount(late));
+    ASSERT_TRUE(WaitUntil([&] { return !listed(QStringLiteral("Late Disk")); }));
+    EXPECT_TRUE(window->selectedDrive().isEmpty());
+    EXPECT_FALSE(backupButton->isEnabled());
+    EXPECT_FALSE(window->findChild<QAction *>(QStringLiteral("backupAction"))->isEnabled());
+
+    // A device picked in the second row stays there while the pointer is over the list.
+    const QModelIndex recent = outline->model()->index(0, 0);
+    auto recentName = [&](int row) { return outline->model()->index(row, 0, recent).data().toString(); };
+    ASSERT_TRUE(selectDevice(QStringLiteral("Second Disk")));
+    ASSERT_EQ(recentName(1), QStringLiteral("Second Disk"));
+    outline->viewport()->setAttribute(Qt::WA_UnderMouse, true);
+    window->findChild<QAction *>(QStringLiteral("analyzeAction"))->trigger();
+    EXPECT_EQ(outline->model()->index(1, 1, recent).data().toString(), QStringLiteral("Analyzing"));
+    EXPECT_EQ(outline->model()->index(0, 1, recent).data().toString(), QString());
+    ASSERT_TRUE(runToEnd());
+    EXPECT_EQ(recentName(1), QStringLiteral("Second Disk"));
+    EXPECT_EQ(window->selectedDrive(), QStringLiteral("Second Disk"));
+    // It moves up when the pointer leaves, and stays the one selected.
+    outline->viewport()->setAttribute(Qt::WA_UnderMouse, false);
+    QEvent leave(QEvent::Leave);
+    QApplication::sendEvent(outline->viewport(), &leave);
+    EXPECT_TRUE(WaitUntil([&] { return recentName(0) == QStringLiteral("Second Disk"); }));
+    EXPECT_EQ(window->selectedDrive(), QStringLiteral("Second Disk"));
+    EXPECT_EQ(controller.recentDrives().value(0), QStringLiteral("Second Disk"));
+    LazyUnmount(second);
+
+    // With no device at all, the empty table says how to get one.
+    ClearTransactions();
+    static_cast<BUTransactionTableModel *>(table->model())->reload();
+    ASSERT_TRUE(LazyUnmount(device));
+    ASSERT_TRUE(WaitUntil([&] { return !listed(QStringLiteral("Backup Disk")); }));
+    auto *hint = window->findChild<QLabel *>(QStringLiteral("emptyHint"));
+    EXPECT_TRUE(hint->text().startsWith(QStringLiteral("No backup device is mounted."))) << hint->text().toStdString();
+    EXPECT_TRUE(hint->text().contains(QStringLiteral("TANNER_VOLUMES_ROOT")));
+}
+
+// A failed row reads in a dark theme as in a light one, and keeps its message in sight with a
+// large font.
+TEST_F(MainWindow, FailedRowsReadInEveryThemeAndSize)
+{
+    ClearTransactions();
+    for (int i = 0; i < 3; ++i)
+        g_transactions.append(BUTransaction(QStringLiteral("/src/Docs/f%1").arg(i), QStringLiteral("/src")));
+    static_cast<BUTransactionTableModel *>(table->model())->reload();
+    BUBackupStatusReport report;
+    report.trans = {{0, QString()}, {1, QStringLiteral("The device is full")}};
+    window->backupStatus(report);
+    const QModelIndex failed = table->model()->index(1, BUTransactionTableModel::kNameColumn);
+    auto readable = [&](const QPalette &palette) {
+        const QColor text = failed.data(Qt::ForegroundRole).value<QBrush>().color();
+        return std::min({BUTransactionTableModel::contrast(text, palette.color(QPalette::Base)),
+            BUTransactionTableModel::contrast(text, palette.color(QPalette::AlternateBase)),
+            BUTransactionTableModel::contrast(text, palette.color(QPalette::Window))});
+    };
+    const QPalette light = QApplication::palette();
+    EXPECT_GE(readable(light), 4.5);
+    EXPECT_EQ(failed.data(Qt::ForegroundRole).value<QBrush>().color(), QColor(195, 33, 33));
+    QPalette dark;
+    dark.setColor(QPalette::Window, QColor(0x35, 0x35, 0x35));
+    dark.setColor(QPalette::WindowText, Qt::white);
+    dark.setColor(QPalette::Base, QColor(0x2a, 0x2a, 0x2a));
+    dark.setColor(QPalette::AlternateBase, QColor(0x42, 0x42, 0x42));
+    dark.setColor(QPalette::Text, Qt::white);
+    QApplication::setPalette(dark);
+    EXPECT_GE(readable(dark), 4.5) << failed.data(Qt::ForegroundRole).value<QBrush>().color().name().toStdString();
+    QApplication::setPalette(light);
+
+    QFont large = window->font();
+    large.setPointSize(24);
+    window->setFont(large);
+    const QFontMetrics metrics = table->fontMetrics();
+    EXPECT_GE(table->rowHeight(0), metrics.height());
+    EXPECT_GE(table->rowHeight(1), metrics.lineSpacing() + metrics.height());
+    EXPECT_LT(table->rowHeight(0), table->rowHeight(1));
+    ClearTransactions();
+    static_cast<BUTransactionTableModel *>(table->model())->reload();
+}
+
+// A folder inside a backup folder, or holding one, is asked about before it is added; folders
+// dropped on the folder list from a file manager are added.
+TEST_F(MainWindow, NestedFoldersAskAndDroppedFoldersAreAdded)
+{
+    BUAppController &controller = BUAppController::sharedInstance();
+    const QString inside = source + QStringLiteral("/sub"), outer = QFileInfo(source).path();
+    answer = KSAlertController::kFirstButton; // "Don't Add"
+    KSSetNextChooserAnswer(QStringList {inside});
+    window->addRule();
+    EXPECT_EQ(alerts, QStringList {FormatString("\"%@\" is inside the backup folder \"%@\".", inside, source)});
+    EXPECT_EQ(controller.backupFolders(), QStringList {source});
+    answer = KSAlertController::kSecondButton; // "Add"
+    KSSetNextChooserAnswer(QStringList {outer});
+    window->addRule();
+    EXPECT_EQ(alerts.last(), FormatString("\"%@\" holds the backup folder \"%@\".", outer, source));
+    EXPECT_TRUE(controller.backupFolders().contains(outer));
+
+    // A drop of two folders and a file: the folders are added, the file is not.
+    const QString music = home.path() + QStringLiteral("/Music"), film = home.path() + QStringLiteral("/Film");
+    WriteTree(home.path(), {{QStringLiteral("Music/a.mp3"), "a"}, {QStringLiteral("Film/b.mkv"), "b"}});
+    auto *rules = window->findChild<QListView *>(QStringLiteral("ruleTable"));
+    QMimeData data;
+    data.setUrls({QUrl::fromLocalFile(music), QUrl::fromLocalFile(film), QUrl::fromLocalFile(music + "/a.mp3")});
+    const QPoint at = rules->viewport()->rect().center();
+    QDragEnterEvent enter(at, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(rules->viewport(), &enter);
+    EXPECT_TRUE(enter.isAccepted());
+    QDropEvent drop(QPointF(at), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(rules->viewport(), &drop);
+    EXPECT_TRUE(drop.isAccepted());
+    EXPECT_TRUE(WaitUntil([&] { return controller.backupFolders().contains(film); }));
+    EXPECT_TRUE(controller.backupFolders().contains(music));
+    EXPECT_FALSE(controller.backupFolders().contains(music + QStringLiteral("/a.mp3")));
+    // Not onto a rule list.
+    window->findChild<QComboBox *>(QStringLiteral("rulePicker"))->setCurrentIndex(1);
+    QDragEnterEvent refused(at, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(rules->viewport(), &refused);
+    EXPECT_FALSE(refused.isAccepted());
 }

@@ -80,8 +80,11 @@ int main(int argc, char **argv)
     const QString disk = volumes + QStringLiteral("/Backup Disk");
     for (const char *device : {"Backup Disk", "USB Stick", "Archive 2024"})
         MountTmpfs(volumes + u'/' + QLatin1String(device), 512 << 20);
-    const QString documents = home.path() + QStringLiteral("/home/Documents");
-    const QString photos = home.path() + QStringLiteral("/home/Photos");
+    // The folders where a person keeps them: /home, private to this mount namespace, holds a home
+    // of the tool's own for the pictures, and the real one stays untouched.
+    MountTmpfs(QStringLiteral("/home"), 512 << 20);
+    const QString documents = QStringLiteral("/home/anna/Documents");
+    const QString photos = QStringLiteral("/home/anna/Photos");
     Tree tree;
     for (int i = 0; i < 400; ++i)
         tree.insert(QStringLiteral("Letters/%1/letter-%2.txt").arg(2020 + i % 5).arg(i), QByteArray(3000 + i, 'l'));
@@ -111,6 +114,11 @@ int main(int argc, char **argv)
     auto *outline = window.findChild<QTreeView *>(QStringLiteral("diskOutline"));
     SelectDevice(outline, QStringLiteral("Backup Disk"));
     Save(&window, "screenshot-idle.png");
+    // Analyze before the first backup: its verdict in the status line.
+    outline->viewport()->setAttribute(Qt::WA_UnderMouse, false);
+    window.backup(true);
+    RunToEnd(window);
+    Save(&window, "screenshot-analyze.png");
 
     // In progress: grab the window as the backup passes the middle of its reports.
     KSAlert::setTestAnswerer([](const KSAlert::Shown &) { return int(KSAlertController::kFirstButton); });
@@ -175,6 +183,9 @@ int main(int argc, char **argv)
         dark.setColor(QPalette::Disabled, QPalette::WindowText, QColor(130, 130, 130));
         dark.setColor(QPalette::Disabled, QPalette::ButtonText, QColor(130, 130, 130));
         QApplication::setPalette(dark);
+        // The failed row in its red: another row selected.
+        auto *table = window.findChild<QAbstractItemView *>(QStringLiteral("actionTable"));
+        table->setCurrentIndex(table->model()->index(table->model()->rowCount() - 1, 0));
         Save(&window, "screenshot-dark.png");
         QApplication::setPalette(light);
     }
@@ -203,5 +214,6 @@ int main(int argc, char **argv)
     LazyUnmount(disk + QStringLiteral("/Documents/Old Drafts"));
     for (const char *device : {"Backup Disk", "USB Stick", "Archive 2024"})
         LazyUnmount(volumes + u'/' + QLatin1String(device));
+    LazyUnmount(QStringLiteral("/home"));
     return 0;
 }

@@ -43,7 +43,8 @@ int RunDesktopApplication(int argc, char **argv)
     QApplication application(argc, argv);
     QApplication::setOrganizationName(QStringLiteral("Tannerwick"));
     QApplication::setApplicationName(QStringLiteral("Tanner Backup"));
-    QApplication::setApplicationDisplayName(QStringLiteral("Tanner Backup"));
+    // No display name: the platform would append it to every window title, and each window's title
+    // is exactly its own ("Tanner Backup Help — Getting started").
     QApplication::setDesktopFileName(QStringLiteral("com.tannerwick.backup"));
     QApplication::setWindowIcon(ApplicationIcon());
 

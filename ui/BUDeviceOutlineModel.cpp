@@ -30,10 +30,11 @@ void BUDeviceOutlineModel::reload()
     endResetModel();
 }
 
-void BUDeviceOutlineModel::setJobState(bool analyzing, bool backingUp)
+void BUDeviceOutlineModel::setJobState(bool analyzing, bool backingUp, const QString &target)
 {
     analyzeInProgress = analyzing;
     backupInProgress = backingUp;
+    jobTarget = target;
     refreshLastBackup();
 }
 
@@ -55,6 +56,16 @@ QModelIndex BUDeviceOutlineModel::groupIndex(int group) const
 QModelIndex BUDeviceOutlineModel::deviceIndex(int group, int row) const
 {
     return createIndex(row, 0, quintptr(group + 1));
+}
+
+QModelIndex BUDeviceOutlineModel::indexOfDevice(const QString &name) const
+{
+    for (int group : {kRecentGroup, kOtherGroup}) {
+        const qsizetype row = name.isEmpty() ? -1 : groupList(group).indexOf(name);
+        if (row >= 0)
+            return deviceIndex(group, int(row));
+    }
+    return {};
 }
 
 QString BUDeviceOutlineModel::deviceName(const QModelIndex &index) const
@@ -126,10 +137,11 @@ QVariant BUDeviceOutlineModel::data(const QModelIndex &index, int role) const
         return {};
     switch (role) {
     case Qt::DisplayRole: {
-        const bool firstRecent = index.internalId() == quintptr(kRecentGroup + 1) && index.row() == 0;
-        if (firstRecent && backupInProgress)
+        // The job's device by name: the lists keep their order while a job runs.
+        const bool jobDevice = !jobTarget.isEmpty() && deviceName(index) == jobTarget;
+        if (jobDevice && backupInProgress)
             return QStringLiteral("In progress");
-        if (firstRecent && analyzeInProgress)
+        if (jobDevice && analyzeInProgress)
             return QStringLiteral("Analyzing");
         BUAppController &controller = BUAppController::sharedInstance();
         return LastBackupText(controller.backupDates(), controller.backupTimes(), deviceName(index), is24HourTime);

@@ -1,8 +1,7 @@
 // The device outline's model: two groups, "Recent Devices" (the application controller's
 // mountedRecentDrives) and "Other Devices" (otherDrives), each with its devices; a second column
-// shows when each device was last backed up, or "Analyzing" / "In progress" for the first recent
-// device while a job runs on it (a job always starts by making its device the most recent).
-// Main thread.
+// shows when each device was last backed up, or "Analyzing" / "In progress" for the device a job
+// runs on. Main thread.
 #pragma once
 
 #include <QAbstractItemModel>
@@ -17,8 +16,8 @@ public:
 
     // The device lists were rebuilt.
     void reload();
-    // The job state changed: only the last-backup texts are redrawn.
-    void setJobState(bool analyzeInProgress, bool backupInProgress);
+    // The job state changed: only the last-backup texts are redrawn. `target`: the job's device.
+    void setJobState(bool analyzeInProgress, bool backupInProgress, const QString &target = {});
     void setIs24HourTime(bool value) { is24HourTime = value; }
     // Backup dates changed: redraw the last-backup column.
     void refreshLastBackup();
@@ -27,6 +26,8 @@ public:
     QModelIndex deviceIndex(int group, int row) const;
     // The device name of an index, or empty for a group row.
     QString deviceName(const QModelIndex &index) const;
+    // The row of a device by name, in either group; invalid when it is not listed.
+    QModelIndex indexOfDevice(const QString &name) const;
 
     QModelIndex index(int row, int column, const QModelIndex &parent = {}) const override;
     QModelIndex parent(const QModelIndex &child) const override;
@@ -40,5 +41,6 @@ private:
 
     bool analyzeInProgress = false;
     bool backupInProgress = false;
+    QString jobTarget;
     bool is24HourTime = true;
 };

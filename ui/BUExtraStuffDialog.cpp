@@ -4,6 +4,7 @@
 #include "ui/BUHelpOverBox.h"
 #include "ui_ExtraStuffDialog.h"
 
+#include <QShortcut>
 #include <QTimer>
 
 namespace {
@@ -63,6 +64,7 @@ BUExtraStuffDialog::BUExtraStuffDialog(const QString &deviceName, const QStringL
     // The help on devices that hold other things; the dialog stays up.
     connect(
         ui->helpButton, &QPushButton::clicked, this, [this] { OpenHelpOverBox(this, BUHelpBookmark::kExtraItems); });
+    connect(new QShortcut(QKeySequence(Qt::Key_F1), this), &QShortcut::activated, ui->helpButton, &QPushButton::click);
 }
 
 BUExtraStuffDialog::~BUExtraStuffDialog() = default;

@@ -1,9 +1,13 @@
 #include "ui/BURuleDialog.h"
 
 #include "app/BUAppController.h"
+#include "help/BUHelpBookmarks.h"
 #include "keelson/KSStrings.h"
 #include "keelson/gui/KSFileChooser.h"
+#include "ui/BUHelpOverBox.h"
 #include "ui_RuleDialog.h"
+
+#include <QShortcut>
 
 BURuleDialog *BURuleDialog::editRule(quint64 ruleIndex, int ruleDomain, QWidget *host)
 {
@@ -37,6 +41,9 @@ BURuleDialog::BURuleDialog(quint64 ruleIndex, int ruleDomain, QWidget *parent)
     connect(ui->exampleButton, &QPushButton::clicked, this, &BURuleDialog::chooseExample);
     connect(ui->okButton, &QPushButton::clicked, this, &BURuleDialog::handleOK);
     connect(ui->cancelButton, &QPushButton::clicked, this, &BURuleDialog::handleCancel);
+    // F1: the help on rules, over the dialog, which stays up.
+    connect(new QShortcut(QKeySequence(Qt::Key_F1), this), &QShortcut::activated, this,
+        [this] { OpenHelpOverBox(this, BUHelpBookmark::kAddingAndEditingARule); });
 }
 
 BURuleDialog::~BURuleDialog() = default;

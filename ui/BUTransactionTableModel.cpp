@@ -10,6 +10,8 @@
 #include <QFileInfo>
 #include <QStyle>
 
+#include <cmath>
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -31,6 +33,43 @@ void BUTransactionTableModel::rowsChanged(int first, int last)
         emit dataChanged(index(first, 0), index(last, kColumnCount - 1));
 }
 
+double BUTransactionTableModel::contrast(const QColor &a, const QColor &b)
+{
+    auto luminance = [](const QColor &c) {
+        auto channel = [](double v) { return v <= 0.03928 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4); };
+        return 0.2126 * channel(c.redF()) + 0.7152 * channel(c.greenF()) + 0.0722 * channel(c.blueF());
+    };
+    const double x = luminance(a), y = luminance(b);
+    return (std::max(x, y) + 0.05) / (std::min(x, y) + 0.05);
+}
+
+QColor BUTransactionTableModel::alertRed(const QPalette &palette)
+{
+    const QColor backgrounds[]
+        = {palette.color(QPalette::Base), palette.color(QPalette::AlternateBase), palette.color(QPalette::Window)};
+    const bool dark = palette.color(QPalette::Base).lightnessF() < 0.5;
+    const QColor toward = dark ? QColor(255, 255, 255) : QColor(0, 0, 0);
+    const QColor red(195, 33, 33);
+    for (int step = 0; step <= 20; ++step) {
+        const double t = step / 20.0;
+        const QColor mixed = step == 0 ? red
+                                       : QColor::fromRgbF(float(red.redF() + (toward.redF() - red.redF()) * t),
+                                           float(red.greenF() + (toward.greenF() - red.greenF()) * t),
+                                           float(red.blueF() + (toward.blueF() - red.blueF()) * t));
+        bool readable = true;
+        for (const QColor &background : backgrounds)
+            readable = readable && contrast(mixed, background) >= 4.5;
+        if (readable)
+            return mixed.toRgb();
+    }
+    return toward;
+}
+
+QColor BUTransactionTableModel::alertRed()
+{
+    return alertRed(QApplication::palette());
+}
+
 int BUTransactionTableModel::rowCount(const QModelIndex &parent) const
 {
     return parent.isValid() ? 0 : int(g_transactions.size());
@@ -50,22 +89,48 @@ QString BUTransactionTableModel::locationOf(const QString &path)
     return location;
 }
 
-QString BUTransactionTableModel::failureLocation(const BUTransaction &transaction) const
+QString BUTransactionTableModel::devicePathOf(const BUTransaction &transaction) const
 {
     const QString path = transaction.path();
     const QString &root = transaction.rootPath();
-    if (transaction.action() == BUTransaction::kDelete || deviceName.isEmpty() || root.isEmpty()
-        || !path.startsWith(root))
-        return locationOf(path);
+    if (deviceName.isEmpty() || root.isEmpty() || !path.startsWith(root))
+        return {};
     // A source that reads was not what failed: the device folder was.
     if (::faccessat(AT_FDCWD, FileNameToBytes(path).constData(), R_OK, AT_EACCESS | AT_SYMLINK_NOFOLLOW) != 0)
-        return locationOf(path);
+        return {};
     qsizetype start = root.size();
     while (start < path.size() && path[start] == u'/')
         ++start;
-    const QString relative = path.mid(start);
-    const qsizetype slash = relative.lastIndexOf(u'/');
-    return slash < 0 ? deviceName : deviceName + u'/' + relative.left(slash);
+    return DeviceRootPath(deviceName) + u'/' + path.mid(start);
+}
+
+QString BUTransactionTableModel::locationText(const BUTransaction &transaction, bool failed) const
+{
+    if (transaction.action() != BUTransaction::kDelete && failed) {
+        const QString onDevice = devicePathOf(transaction);
+        if (!onDevice.isEmpty())
+            return QStringLiteral("Device: ") + locationOf(onDevice);
+    }
+    if (transaction.action() == BUTransaction::kDelete)
+        return QStringLiteral("Device: ") + locationOf(transaction.path());
+    return QStringLiteral("Source: ") + locationOf(transaction.path());
+}
+
+QString BUTransactionTableModel::sidePath(int row) const
+{
+    if (row < 0 || row >= g_transactions.size())
+        return {};
+    const BUTransaction &t = g_transactions.at(row);
+    if (t.action() != BUTransaction::kDelete && g_outcomes.failed(row)) {
+        // The device folder that failed; the deepest part of it that exists, if the item is not
+        // there.
+        QString onDevice = devicePathOf(t);
+        while (!onDevice.isEmpty() && !QFileInfo::exists(onDevice) && onDevice.count(u'/') > 1)
+            onDevice = onDevice.left(onDevice.lastIndexOf(u'/'));
+        if (!onDevice.isEmpty())
+            return onDevice;
+    }
+    return t.path();
 }
 
 QVariant BUTransactionTableModel::data(const QModelIndex &index, int role) const
@@ -89,10 +154,10 @@ QVariant BUTransactionTableModel::data(const QModelIndex &index, int role) const
             return LastPathComponent(t.path());
         case kLocationColumn:
             if (failed)
-                return failureLocation(t) + u'\n' + error;
+                return locationText(t, true) + u'\n' + error;
             if (const QString note = done ? g_outcomes.note(index.row()) : QString(); !note.isEmpty())
-                return locationOf(t.path()) + u'\n' + note;
-            return locationOf(t.path());
+                return locationText(t, false) + u'\n' + note;
+            return locationText(t, false);
         default:
             return {};
         }

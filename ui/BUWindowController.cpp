@@ -1,6 +1,7 @@
 #include "ui/BUWindowController.h"
 
 #include "app/BUAppController.h"
+#include "backup/BUAnalysisVerdict.h"
 #include "backup/BUAnalyzeOperation.h"
 #include "backup/BUBackupOperation.h"
 #include "backup/BUDevices.h"
@@ -27,8 +28,11 @@
 #include <QApplication>
 #include <QCloseEvent>
 #include <QDateTime>
+#include <QDir>
+#include <QDropEvent>
 #include <QFileInfo>
 #include <QHeaderView>
+#include <QMimeData>
 #include <QScreen>
 #include <QTimer>
 #include <QVBoxLayout>
@@ -38,9 +42,16 @@ namespace {
 const QString kExpandRecentKey = QStringLiteral("twbackup.expandR");
 const QString kExpandOtherKey = QStringLiteral("twbackup.expandO");
 const QString kWindowKey = QStringLiteral("twbackup.window");
-// Row heights: one line, and two for a failed transaction with its message under the location.
-constexpr int kRowHeight = 20;
-constexpr int kFailedRowHeight = 36;
+// Row heights follow the table's font: one line, and two for a failed transaction with its message
+// under the location, each with a little air.
+int RowHeight(const QWidget *table)
+{
+    return std::max(20, table->fontMetrics().height() + 4);
+}
+int FailedRowHeight(const QWidget *table)
+{
+    return std::max(36, table->fontMetrics().lineSpacing() + table->fontMetrics().height() + 6);
+}
 
 std::unique_ptr<QSettings> Settings()
 {
@@ -83,7 +94,9 @@ BUWindowController::BUWindowController(QWidget *parent) : QMainWindow(parent), u
     ui->actionTable->setModel(&transactionModel);
     QHeaderView *rows = ui->actionTable->verticalHeader();
     rows->setSectionResizeMode(QHeaderView::Fixed);
-    rows->setDefaultSectionSize(kRowHeight);
+    rows->setMinimumSectionSize(1);
+    rows->setDefaultSectionSize(RowHeight(ui->actionTable));
+    ui->actionTable->installEventFilter(this);
     QHeaderView *columns = ui->actionTable->horizontalHeader();
     columns->setSectionResizeMode(QHeaderView::Interactive);
     columns->resizeSection(BUTransactionTableModel::kStatusColumn, 28);
@@ -117,6 +130,28 @@ BUWindowController::BUWindowController(QWidget *parent) : QMainWindow(parent), u
     is24HourTime = Is24HourTime();
     deviceModel.setIs24HourTime(is24HourTime);
     ui->confirmDeletionsAction->setChecked(DefaultYesBool(*settings, confirmDeletionsKey()));
+
+    // The keyboard's road through the window. Each list is one stop (its rows are walked with the
+    // arrows); a button takes the focus from Tab only, so a click leaves it where it was and Space
+    // never presses a button the user cannot see focused.
+    setTabOrder(ui->diskOutline, ui->rulePicker);
+    setTabOrder(ui->rulePicker, ui->ruleTable);
+    setTabOrder(ui->ruleTable, ui->addRuleButton);
+    setTabOrder(ui->addRuleButton, ui->deleteRuleButton);
+    setTabOrder(ui->deleteRuleButton, ui->addDefaultsButton);
+    setTabOrder(ui->addDefaultsButton, ui->actionTable);
+    setTabOrder(ui->actionTable, ui->cancelButton);
+    setTabOrder(ui->cancelButton, ui->backupButton);
+    for (QPushButton *button : findChildren<QPushButton *>())
+        button->setFocusPolicy(Qt::TabFocus);
+    // An empty table has nothing to show the focus on: Tab passes it by.
+    ui->actionTable->setFocusPolicy(Qt::NoFocus);
+    connect(&transactionModel, &QAbstractItemModel::modelReset, this,
+        [this] { ui->actionTable->setFocusPolicy(g_transactions.isEmpty() ? Qt::NoFocus : Qt::StrongFocus); });
+    ui->diskOutline->setFocus();
+    ui->diskOutline->viewport()->installEventFilter(this);
+    ui->ruleTable->setAcceptDrops(true);
+    ui->ruleTable->viewport()->installEventFilter(this);
 
     connectActions();
     restoreWindowState();
@@ -174,6 +209,9 @@ void BUWindowController::connectActions()
     connect(ui->actionTable, &QAbstractItemView::activated, this, &BUWindowController::actionDoubleClick);
     connect(ui->ruleTable->selectionModel(), &QItemSelectionModel::selectionChanged, this,
         &BUWindowController::validateMenuItems);
+    // The pick is kept by name: the lists under the outline may change before it is reloaded.
+    connect(ui->diskOutline->selectionModel(), &QItemSelectionModel::currentChanged, this,
+        [this] { pickedDevice = selectedDrive(); });
     connect(ui->diskOutline->selectionModel(), &QItemSelectionModel::selectionChanged, this, [this] {
         if (!running)
             enableBackup();
@@ -271,8 +309,59 @@ void BUWindowController::closeEvent(QCloseEvent *event)
         event->ignore();
         return;
     }
+    moveJobDeviceToTop(true);
     saveWindowState();
     QMainWindow::closeEvent(event);
+}
+
+bool BUWindowController::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched == ui->diskOutline->viewport() && event->type() == QEvent::Leave)
+        QTimer::singleShot(0, this, [this] { moveJobDeviceToTop(false); });
+    if (watched == ui->actionTable && event->type() == QEvent::FontChange)
+        fitRowsToFont();
+    // Folders dropped on the list of backup folders from a file manager are added.
+    if (watched == ui->ruleTable->viewport()) {
+        switch (event->type()) {
+        case QEvent::DragEnter:
+        case QEvent::DragMove: {
+            auto *drag = static_cast<QDropEvent *>(event);
+            if (droppedFolders(drag->mimeData()).isEmpty()) {
+                drag->ignore();
+            } else {
+                drag->setDropAction(Qt::CopyAction);
+                drag->accept();
+            }
+            return true;
+        }
+        case QEvent::Drop: {
+            auto *drop = static_cast<QDropEvent *>(event);
+            const QStringList folders = droppedFolders(drop->mimeData());
+            if (folders.isEmpty()) {
+                drop->ignore();
+                return true;
+            }
+            drop->setDropAction(Qt::CopyAction);
+            drop->accept();
+            // Not inside the drag's own event loop: a question may follow.
+            QTimer::singleShot(0, this, [this, folders] { addBackupFolders(folders); });
+            return true;
+        }
+        default:
+            break;
+        }
+    }
+    return QMainWindow::eventFilter(watched, event);
+}
+
+void BUWindowController::fitRowsToFont()
+{
+    QHeaderView *rows = ui->actionTable->verticalHeader();
+    rows->setDefaultSectionSize(RowHeight(ui->actionTable));
+    const int failed = FailedRowHeight(ui->actionTable);
+    for (qsizetype row = g_outcomes.firstFailure(0); row >= 0 && row < g_transactions.size();
+         row = g_outcomes.firstFailure(row + 1))
+        rows->resizeSection(int(row), failed);
 }
 
 void BUWindowController::changeEvent(QEvent *event)
@@ -282,6 +371,7 @@ void BUWindowController::changeEvent(QEvent *event)
         g_darkMode = palette().color(QPalette::WindowText).lightness() > palette().color(QPalette::Window).lightness();
         deviceModel.refreshLastBackup();
         transactionModel.rowsChanged(0, int(g_transactions.size()) - 1);
+        setStatus(ui->statusField->text(), statusAlert); // its red, for the new background
     }
     QMainWindow::changeEvent(event);
 }
@@ -293,22 +383,50 @@ QString BUWindowController::selectedDrive() const
 
 void BUWindowController::updateDriveList(qsizetype index)
 {
+    // The device the user picked stays picked wherever the lists now put it. When it has gone,
+    // nothing is picked: a backup goes only to a device the user chose.
+    const QString picked = pickedDevice;
     deviceModel.reload();
     ui->diskOutline->clearSelection();
+    QModelIndex select;
     if (expandRecent) {
         const QModelIndex group = deviceModel.groupIndex(BUDeviceOutlineModel::kRecentGroup);
         ui->diskOutline->expand(group);
         const int count = deviceModel.rowCount(group);
-        if (count > 0) {
-            const int row = index == BUAppController::kDriveNotFound || index >= count ? 0 : int(index);
-            const QModelIndex device = deviceModel.deviceIndex(BUDeviceOutlineModel::kRecentGroup, row);
-            ui->diskOutline->setCurrentIndex(device);
-            ui->diskOutline->scrollTo(device, QAbstractItemView::PositionAtCenter);
+        if (!picked.isEmpty()) {
+            // found below, in either group
+        } else if (index >= 0 && index < count) {
+            select = deviceModel.deviceIndex(BUDeviceOutlineModel::kRecentGroup, int(index));
+        } else if (!devicesListed && count > 0) {
+            // At start-up: the device used last.
+            select = deviceModel.deviceIndex(BUDeviceOutlineModel::kRecentGroup, 0);
         }
     }
     if (expandOther)
         ui->diskOutline->expand(deviceModel.groupIndex(BUDeviceOutlineModel::kOtherGroup));
+    if (!picked.isEmpty()) {
+        const QModelIndex at = deviceModel.indexOfDevice(picked);
+        if (at.isValid() && ui->diskOutline->isExpanded(at.parent()))
+            select = at;
+    }
+    devicesListed = true;
+    ui->diskOutline->setCurrentIndex(select);
+    if (select.isValid())
+        ui->diskOutline->scrollTo(select, QAbstractItemView::PositionAtCenter);
     enableBackup();
+}
+
+void BUWindowController::moveJobDeviceToTop(bool evenUnderPointer)
+{
+    if (pendingRecentDevice.isEmpty())
+        return;
+    // A row does not move under the pointer: the next click would hit another device.
+    if (!evenUnderPointer && ui->diskOutline->viewport()->underMouse())
+        return;
+    BUAppController::sharedInstance().updateRecentDrives(pendingRecentDevice);
+    BUAppController::sharedInstance().saveState();
+    pendingRecentDevice.clear();
+    updateDriveList(BUAppController::kDriveNotFound);
 }
 
 int BUWindowController::ruleDomain() const
@@ -369,10 +487,31 @@ void BUWindowController::updateEmptyHint()
     QStringList missing;
     if (BUAppController::sharedInstance().backupFolders().isEmpty())
         missing.append(QStringLiteral("Add the folders to back up: choose Add under the list of backup folders."));
-    if (selectedDrive().isEmpty())
-        missing.append(QStringLiteral("Pick the backup device in the list on the left."));
+    if (selectedDrive().isEmpty()) {
+        BUAppController &controller = BUAppController::sharedInstance();
+        if (controller.mountedRecentDrives().isEmpty() && controller.otherDrives().isEmpty())
+            missing.append(FormatString("No backup device is mounted. Plug in a disk and mount it; devices are "
+                                        "looked for in %@ (set TANNER_VOLUMES_ROOT to look elsewhere).",
+                VolumesRoot()));
+        else
+            missing.append(QStringLiteral("Pick the backup device in the list on the left."));
+    }
     emptyHint->setText(missing.join(u'\n'));
     emptyHint->setVisible(!missing.isEmpty() && !running && g_transactions.isEmpty());
+    updateTableLabel();
+}
+
+void BUWindowController::updateTableLabel()
+{
+    // The list belongs to the device it was made for, which need not be the one now selected.
+    const QString listed = transactionModel.listedDevice();
+    QString label = QStringLiteral("&Transactions");
+    if (!g_transactions.isEmpty() && !listed.isEmpty()) {
+        label = u'&' + FormatString("Transactions for %@", listed);
+        if (!running && selectedDrive() != listed)
+            label += QStringLiteral(" (not the selected device)");
+    }
+    ui->actionsLabel->setText(label);
 }
 
 void BUWindowController::updateTitle()
@@ -391,16 +530,16 @@ void BUWindowController::updateCounters()
     const qint64 total = g_transactions.size();
     const double done = std::min<double>(g_totalBytes, g_copiedBytes + bytesInFlight);
     ui->counterField->setText(FormatString("%,lld of %,lld %@, %@ of %@", qint64(g_finishedTransactions), total,
-        total == 1 ? QStringLiteral("action") : QStringLiteral("actions"), FileSizeString(static_cast<long long>(done)),
-        FileSizeString(static_cast<long long>(static_cast<unsigned long long>(g_totalBytes)))));
+        total == 1 ? QStringLiteral("action") : QStringLiteral("actions"), ByteCountText(done),
+        ByteCountText(g_totalBytes)));
 }
 
-QString BUWindowController::analysisSummary() const
+QString BUWindowController::analysisSummary(bool *fits) const
 {
-    const qint64 count = g_transactions.size();
-    return FormatString("Analysis complete: %,lld %@, %@ to copy", count,
-        count == 1 ? QStringLiteral("action") : QStringLiteral("actions"),
-        FileSizeString(static_cast<long long>(static_cast<unsigned long long>(g_totalBytes))));
+    const BUAnalysisVerdict verdict = AnalysisVerdictFor(g_transactions, jobTarget);
+    if (fits)
+        *fits = verdict.fits();
+    return AnalysisVerdictText(verdict, jobTarget);
 }
 
 void BUWindowController::validateMenuItems()
@@ -431,6 +570,7 @@ void BUWindowController::validateMenuItems()
 
 void BUWindowController::setStatus(const QString &text, bool alert)
 {
+    statusAlert = alert;
     QPalette palette = ui->statusField->palette();
     palette.setColor(QPalette::WindowText,
         alert ? BUTransactionTableModel::alertRed() : QApplication::palette().color(QPalette::WindowText));
@@ -454,15 +594,12 @@ void BUWindowController::backup(bool onlyAnalyze)
     runRecorder.start(target, controller.backupFolders(), onlyAnalyze);
     ui->progressControl->setRange(0, 0); // indeterminate while analysing
     ui->progressControl->show();
-    controller.updateRecentDrives(target);
-    controller.saveState();
-    updateDriveList(0);
     ui->backupButton->setEnabled(false);
     emptyHint->hide();
     setStatus(QStringLiteral("Analyzing..."));
     analyzeOnly = onlyAnalyze;
     analyzeInProgress = true;
-    deviceModel.setJobState(analyzeInProgress, backupInProgress);
+    deviceModel.setJobState(analyzeInProgress, backupInProgress, jobTarget);
     validateMenuItems();
     operationQueue.addOperation(std::make_shared<BUAnalyzeOperation>(
         target, this, controller.backupFolders(), controller.ignoreFolders(), controller.ignoreFiles()));
@@ -470,7 +607,9 @@ void BUWindowController::backup(bool onlyAnalyze)
 
 void BUWindowController::cancel()
 {
-    if (operationQueue.operationCount() == 0)
+    // A job whose operation has left the queue still runs until its last report has arrived: the
+    // window says "Canceling..." for it too.
+    if (operationQueue.operationCount() == 0 && !running)
         return;
     // The job stops at its next check (between two actions, or two chunks of a copy) and still
     // sends its last report, which ends the job here.
@@ -511,7 +650,7 @@ void BUWindowController::analysisComplete(const BUAnalysisReport &report)
     ui->progressControl->setRange(0, 1);
     setStatus(QString());
     analyzeInProgress = false;
-    deviceModel.setJobState(analyzeInProgress, backupInProgress);
+    deviceModel.setJobState(analyzeInProgress, backupInProgress, jobTarget);
 
     QString outcome;
     bool keepList = analyzeOnly;
@@ -534,7 +673,9 @@ void BUWindowController::analysisComplete(const BUAnalysisReport &report)
         SortTransactions(g_transactions);
         transactionModel.reload();
         if (analyzeOnly) {
-            finishJob(analysisSummary());
+            bool fits = true;
+            const QString verdict = analysisSummary(&fits);
+            finishJob(verdict, !fits);
         } else {
             // Cancel pressed as the analysis ended: nothing more is asked or done.
             switch (canceling ? DeletionAnswer::Cancel : confirmLargeDeletion(report)) {
@@ -543,7 +684,7 @@ void BUWindowController::analysisComplete(const BUAnalysisReport &report)
                 return;
             case DeletionAnswer::Review:
                 keepList = true; // to be looked at, then backed up with the Backup button
-                finishJob(analysisSummary());
+                finishJob(analysisSummary(nullptr));
                 break;
             case DeletionAnswer::Cancel:
                 break;
@@ -565,13 +706,14 @@ void BUWindowController::startBackup(const QString &target)
     ui->progressControl->setValue(0);
     setStatus(QString());
     backupInProgress = true;
-    deviceModel.setJobState(analyzeInProgress, backupInProgress);
+    deviceModel.setJobState(analyzeInProgress, backupInProgress, jobTarget);
     backupClock.start();
     bytesInFlight = 0;
     lastRateUpdate = 0;
     updateCounters();
     ui->counterField->show();
     updateTitle();
+    updateTableLabel();
     validateMenuItems();
     operationQueue.addOperation(std::make_shared<BUBackupOperation>(
         this, target, g_transactions, BUAppController::sharedInstance().backupFolders()));
@@ -586,6 +728,10 @@ void BUWindowController::finishJob(const QString &outcome, bool alert)
     analyzeInProgress = false;
     ui->progressControl->hide();
     deviceModel.setJobState(false, false);
+    // The job's device becomes the most recent one now that the job is over, not under the
+    // user's hand while it ran.
+    pendingRecentDevice = jobTarget;
+    moveJobDeviceToTop(false);
     updateTitle();
     setStatus(outcome, alert);
     enableWhenQueueIsIdle();
@@ -621,7 +767,7 @@ void BUWindowController::backupStatus(const BUBackupStatusReport &report)
         const qsizetype lowest = report.trans.firstKey(); // a map: its keys come in order
         for (auto it = report.trans.begin(); it != report.trans.end(); ++it) {
             if (!it.value().isEmpty() && it.key() < g_transactions.size())
-                ui->actionTable->verticalHeader()->resizeSection(int(it.key()), kFailedRowHeight);
+                ui->actionTable->verticalHeader()->resizeSection(int(it.key()), FailedRowHeight(ui->actionTable));
         }
         if (highest >= 0)
             transactionModel.rowsChanged(int(std::max<qsizetype>(lowest, 0)), int(highest));
@@ -685,7 +831,7 @@ void BUWindowController::backupComplete(const BUBackupCompleteReport &report)
         // A fatal error with no failed action (the final flush to the device failed) is a
         // failure too: no date is recorded for it.
         if (g_failedTransactions == 0)
-            status = FormatString("Backup to %@ failed.", report.target);
+            status = FormatString("Backup to %@ failed", report.target);
         else
             status = g_failedTransactions == 1 ? QStringLiteral("1 backup action failed")
                                                : FormatString("%d backup actions failed", int(g_failedTransactions));
@@ -694,11 +840,15 @@ void BUWindowController::backupComplete(const BUBackupCompleteReport &report)
         nextError();
     }
     finishJob(status, alert);
-    updateDriveList(0);
+    deviceModel.refreshLastBackup();
     if (report.error && !report.cancel) {
+        // A backup stopped before its first change (a device too small for it) changed nothing: its
+        // reason says so, and it is no serious error.
+        const QString explanation = g_finishedTransactions == 0
+            ? *report.error
+            : FormatString("The backup was stopped because a serious error occurred. %@", *report.error);
         KSAlert::sharedInstance().giveAlertMessageWithHelp(FormatString("Backup to %@ failed.", report.target),
-            FormatString("The backup was stopped because a serious error occurred. %@", *report.error), {},
-            [](QWidget *box) { OpenHelpOverBox(box, BUHelpBookmark::kSeriousError); });
+            explanation, {}, [](QWidget *box) { OpenHelpOverBox(box, BUHelpBookmark::kSeriousError); });
     } else if (!report.cancel && (g_failedTransactions > 0 || report.error)) {
         QApplication::beep();
     }
@@ -715,17 +865,59 @@ void BUWindowController::addRule()
         return;
     }
     const QStringList chosen
-        = KSChooseItems(this, QStringLiteral("Select one or more folders to backup"), KSChooserMode::Folders);
-    if (chosen.isEmpty())
+        = KSChooseItems(this, QStringLiteral("Select one or more folders to back up"), KSChooserMode::Folders);
+    addBackupFolders(chosen);
+}
+
+void BUWindowController::addBackupFolders(const QStringList &chosen)
+{
+    if (running || chosen.isEmpty())
         return;
+    BUAppController &controller = BUAppController::sharedInstance();
     QStringList paths;
-    for (const QString &path : chosen)
-        paths.append(QFileInfo(path).canonicalFilePath().isEmpty() ? path : QFileInfo(path).canonicalFilePath());
-    const QList<BUAlertText> refusals = BUAppController::sharedInstance().addBackupFolders(paths);
-    BUAppController::sharedInstance().saveState();
+    for (const QString &path : chosen) {
+        const QString canonical
+            = QFileInfo(path).canonicalFilePath().isEmpty() ? path : QFileInfo(path).canonicalFilePath();
+        // A folder inside a backup folder, or holding one, would be backed up twice: asked first.
+        QString question;
+        for (const QString &existing : std::as_const(controller.backupFolders())) {
+            if (canonical == existing)
+                break;
+            if (canonical.startsWith(existing + u'/'))
+                question = FormatString("\"%@\" is inside the backup folder \"%@\".", canonical, existing);
+            else if (existing.startsWith(canonical + u'/'))
+                question = FormatString("\"%@\" holds the backup folder \"%@\".", canonical, existing);
+            if (!question.isEmpty())
+                break;
+        }
+        if (!question.isEmpty()
+            && KSAlert::sharedInstance().giveAlertMessage(question,
+                   QStringLiteral("Its files would be on the backup device twice, once in each mirror, and take "
+                                  "twice the room. Add it all the same?"),
+                   {QStringLiteral("Don't Add"), QStringLiteral("Add")})
+                != KSAlertController::kSecondButton)
+            continue;
+        paths.append(canonical);
+    }
+    if (paths.isEmpty())
+        return;
+    const QList<BUAlertText> refusals = controller.addBackupFolders(paths);
+    controller.saveState();
     for (const BUAlertText &refusal : refusals)
         KSAlert::sharedInstance().giveAlertMessage(refusal.message, refusal.moreInfo);
-    updateRuleList(BUAppController::sharedInstance().backupFolders().indexOf(paths.back()));
+    updateRuleList(controller.backupFolders().indexOf(paths.back()));
+}
+
+QStringList BUWindowController::droppedFolders(const QMimeData *data) const
+{
+    QStringList folders;
+    if (running || ruleDomain() != BURuleListModel::kBackupFolders || !data || !data->hasUrls())
+        return folders;
+    for (const QUrl &url : data->urls()) {
+        if (url.isLocalFile() && QFileInfo(url.toLocalFile()).isDir())
+            folders.append(QDir::cleanPath(url.toLocalFile()));
+    }
+    return folders;
 }
 
 void BUWindowController::deleteRule()
@@ -783,7 +975,8 @@ void BUWindowController::actionDoubleClick(const QModelIndex &index)
 {
     if (!index.isValid() || index.row() >= g_transactions.size())
         return;
-    const QString path = g_transactions.at(index.row()).path();
+    // The side the row's location names: the device folder of a failure on the device.
+    const QString path = transactionModel.sidePath(index.row());
     KSShowInFileManager(path, [path] { ShowFileManagerFailure(path); });
 }
 

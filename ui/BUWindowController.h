@@ -20,6 +20,8 @@
 
 #include <memory>
 
+class QMimeData;
+
 namespace Ui {
 class MainWindow;
 }
@@ -51,6 +53,9 @@ public:
     void copyProgress(qsizetype index, double bytesWritten) override;
 
     void addRule();
+    // Adds backup folders chosen or dropped; one inside a backup folder, or holding one, is asked
+    // about first.
+    void addBackupFolders(const QStringList &chosen);
     void deleteRule();
     void addDefaults();
     void changeRuleDomain();
@@ -71,6 +76,7 @@ public:
 protected:
     void closeEvent(QCloseEvent *event) override;
     void changeEvent(QEvent *event) override;
+    bool eventFilter(QObject *watched, QEvent *event) override;
 
 private:
     void connectActions();
@@ -85,14 +91,25 @@ private:
     void enableWhenQueueIsIdle();
     enum class DeletionAnswer { Backup, Cancel, Review };
     DeletionAnswer confirmLargeDeletion(const BUAnalysisReport &report);
-    QString analysisSummary() const;
+    // The analysis's verdict on the listed transactions; `fits` says whether the backup fits on
+    // the device.
+    QString analysisSummary(bool *fits) const;
     void updateCounters();
     void updateEmptyHint();
+    // The table's label names the device whose analysis it lists.
+    void updateTableLabel();
+    // The table's rows take the height of its font: after a change of font.
+    void fitRowsToFont();
     void updateTitle();
     void startBackup(const QString &target);
+    // Makes the last job's device the most recent one, unless the pointer is over the device list
+    // (then when it leaves).
+    void moveJobDeviceToTop(bool evenUnderPointer);
     void showRate();
     void selectTransactionRow(qsizetype row);
     BURuleList *currentRuleList();
+    // The local folders of a drag that the folder list takes; none when it takes none.
+    QStringList droppedFolders(const QMimeData *data) const;
 
     std::unique_ptr<Ui::MainWindow> ui;
     KSOperationQueue operationQueue;
@@ -103,8 +120,12 @@ private:
 
     QLabel *emptyHint = nullptr; // over the empty transaction table: what is missing for a backup
     QString jobTarget; // the device of the running job
+    QString pendingRecentDevice; // to become the most recent device once the pointer allows
+    bool devicesListed = false; // the device list has been shown once
+    QString pickedDevice; // the device selected in the outline, by name
     bool running = false;
     bool canceling = false;
+    bool statusAlert = false; // the status line shows a failure, in red
     bool closeWhenIdle = false; // the user asked to quit while a job ran
     bool analyzeInProgress = false;
     bool backupInProgress = false;

@@ -3,9 +3,11 @@
 // bookmarks, links and embedded objects by cp. Main thread.
 #pragma once
 
+#include <QFont>
 #include <QHash>
 #include <QStringList>
 #include <QTextDocument>
+#include <QTextFormat>
 
 #include <memory>
 #include <vector>
@@ -33,6 +35,10 @@ private:
     std::vector<Anchor> m_anchors;
 };
 
+// A character format's size as a multiple of the normal font's: a heading keeps its proportion to
+// the body text whatever the help font's size.
+inline constexpr int kRelativeSizeProperty = QTextFormat::UserProperty + 4;
+
 // An embedded object the special finds look for.
 struct KSHelpMark {
     quint32 cp;
@@ -50,6 +56,10 @@ struct KSHelpContent {
     std::unique_ptr<QTextDocument> text;
     KSCpMap map;
     std::shared_ptr<void> document; // the engine's document record, kept alive with what shows it
+    // The document's own font for its body text (the family and size of most of its characters).
+    // Text in it carries no family, size or colour of its own: it takes the help font and the
+    // palette's text colour. Other sizes are kept relative to its size (kRelativeSizeProperty).
+    QFont normalFont;
 
     // The chapter holding a cp (the last chapter starting at or before it; 0 when none does).
     int chapterAt(quint32 cp) const;

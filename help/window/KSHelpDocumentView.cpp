@@ -1,8 +1,10 @@
 #include "help/window/KSHelpDocumentView.h"
 
+#include "help/VLCautionImage.h"
 #include "help/VLDocument.h"
 #include "help/VLHelpEngine.h"
 #include "help/VLHelpReader.h"
+#include "keelson/KSLog.h"
 
 #include <QBuffer>
 #include <QImage>
@@ -12,6 +14,8 @@
 #include <QTextList>
 #include <QTextTable>
 #include <QUrl>
+
+#include <cmath>
 
 namespace {
 
@@ -159,6 +163,8 @@ public:
     {
     }
     void run();
+    // The character property that most of the text is in.
+    qint32 normalProperty() const;
 
 private:
     const QTextCharFormat &charFormat(qint32 index);
@@ -185,7 +191,21 @@ private:
     std::size_t runIndex = 0;
     quint32 runEnd = 0;
     qint32 runProperty = -1;
+    QHash<qint32, quint64> charactersByProperty;
 };
+
+qint32 Layout::normalProperty() const
+{
+    qint32 normal = -1;
+    quint64 most = 0;
+    for (auto it = charactersByProperty.cbegin(); it != charactersByProperty.cend(); ++it) {
+        if (it.value() > most || (it.value() == most && it.key() < normal)) {
+            most = it.value();
+            normal = it.key();
+        }
+    }
+    return normal;
+}
 
 const QTextCharFormat &Layout::charFormat(qint32 index)
 {
@@ -247,7 +267,16 @@ void Layout::insertKnot(quint32 cp, std::size_t knotIndex, const VLKnot &knot)
             if (full.isValid() && !full.isEmpty() && full.width() > 2 * fitted(full).width())
                 reader.setScaledSize(fitted(full) * 2);
             image = reader.read();
-            shown = fitted(full.isValid() && !full.isEmpty() ? full : image.size());
+            // Bytes that only look like a picture are a missing picture: its stand-in shows.
+            if (image.isNull() && !picture->image->caution) {
+                LogString("Can't read image %@",
+                    picture->fileName   ? *picture->fileName
+                        : picture->name ? *picture->name
+                                        : QString());
+                picture->image->caution = true;
+                image.loadFromData(VLCautionImageData());
+            }
+            shown = fitted(full.isValid() && !full.isEmpty() && !picture->image->caution ? full : image.size());
         }
         if (!image.isNull()) {
             const QUrl name(QStringLiteral("picture:%1").arg(cp));
@@ -390,6 +419,7 @@ void Layout::run()
             }
         }
         cursor.insertText(text.mid(cp, end - cp).toString(), charFormat(runProperty));
+        charactersByProperty[runProperty] += end - cp;
         cp = end;
     }
     cursor.endEditBlock();
@@ -398,6 +428,73 @@ void Layout::run()
         if (target != bookmarkByNumber.cend())
             content.linkTargets.insert(it.key(), *target);
     }
+}
+
+// Text in the normal font carries none of its own: the window's help font and palette apply to it.
+// Other sizes become multiples of the normal size; links take their colour from the window.
+void _FollowTheWindow(KSHelpContent &content, const QTextCharFormat &normal)
+{
+    const QVariant family = normal.fontFamilies();
+    const double size = normal.hasProperty(QTextFormat::FontPointSize) ? normal.fontPointSize() : 12.0;
+    const bool coloured = normal.hasProperty(QTextFormat::ForegroundBrush);
+    const QBrush colour = normal.foreground();
+    const QString name = family.toStringList().value(0);
+    content.normalFont = QFont(name.isEmpty() ? QStringLiteral("sans-serif") : name);
+    content.normalFont.setPointSizeF(size);
+
+    QTextDocument &text = *content.text;
+    QTextCursor cursor(&text);
+    cursor.beginEditBlock();
+    for (QTextBlock block = text.begin(); block.isValid(); block = block.next()) {
+        // A list item's marker is text: "1." or a bullet, a tab, then the words, with the first
+        // line hanging out to the left. The tab goes to where the other lines start, not to the
+        // next default stop far to the right. A tab that begins a heading (its level in the
+        // chapter name) adds no gap.
+        const QString words = block.text();
+        qsizetype first = 0;
+        while (first < words.size() && words[first] == QChar(kStandIn))
+            ++first;
+        QTextBlockFormat paragraph = block.blockFormat();
+        if (paragraph.textIndent() < 0 && words.indexOf(u'\t', first) >= 0) {
+            paragraph.setTabPositions({QTextOption::Tab(paragraph.leftMargin(), QTextOption::LeftTab)});
+            cursor.setPosition(block.position());
+            cursor.setBlockFormat(paragraph);
+        } else if (first < words.size() && words[first] == u'\t') {
+            paragraph.setTabPositions({QTextOption::Tab(1, QTextOption::LeftTab)});
+            cursor.setPosition(block.position());
+            cursor.setBlockFormat(paragraph);
+        }
+        for (auto it = block.begin(); !it.atEnd(); ++it) {
+            const QTextFragment fragment = it.fragment();
+            QTextCharFormat format = fragment.charFormat();
+            bool changed = false;
+            if (format.hasProperty(QTextFormat::FontFamilies) && format.fontFamilies() == family) {
+                format.clearProperty(QTextFormat::FontFamilies);
+                format.clearProperty(QTextFormat::FontFamily);
+                changed = true;
+            }
+            if (format.hasProperty(QTextFormat::FontPointSize)) {
+                const double relative = format.fontPointSize() / size;
+                format.clearProperty(QTextFormat::FontPointSize);
+                if (std::abs(relative - 1.0) > 1e-6)
+                    format.setProperty(kRelativeSizeProperty, relative);
+                changed = true;
+            }
+            // An invisible stand-in of a knot shows no colour either.
+            const bool standIn = fragment.text() == QString(fragment.length(), QChar(kStandIn));
+            if (format.hasProperty(QTextFormat::ForegroundBrush)
+                && (format.isAnchor() || standIn || (coloured && format.foreground() == colour))) {
+                format.clearForeground();
+                changed = true;
+            }
+            if (changed) {
+                cursor.setPosition(fragment.position());
+                cursor.setPosition(fragment.position() + fragment.length(), QTextCursor::KeepAnchor);
+                cursor.setCharFormat(format);
+            }
+        }
+    }
+    cursor.endEditBlock();
 }
 
 } // namespace
@@ -416,7 +513,9 @@ std::unique_ptr<KSHelpContent> KSHelpContentFromDocument(std::unique_ptr<VLDocum
         content->bookmarkCps.push_back(quint32(bookmarks.cpAtIndex(i)));
     content->text = std::make_unique<QTextDocument>();
     content->text->setUndoRedoEnabled(false);
-    Layout(*document, *content).run();
+    Layout layout(*document, *content);
+    layout.run();
+    _FollowTheWindow(*content, _CharFormat(*document, layout.normalProperty()));
     content->document = std::shared_ptr<VLDocument>(std::move(document));
     return content;
 }

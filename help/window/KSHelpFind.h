@@ -23,7 +23,9 @@ enum KSSearchOption : int {
     kOptionIgnoreCase = 3,
     kOptionFromStart = 8, // the quick search starts at the top of the document
 };
-inline constexpr unsigned kInitialSearchOptionMask = 10; // bits 1 and 3
+// Trim the selection, ignore case, and the quick search starts at the top of the document.
+inline constexpr unsigned kInitialSearchOptionMask
+    = (1U << kOptionTrimSelection) | (1U << kOptionIgnoreCase) | (1U << kOptionFromStart);
 inline constexpr int kMaxFindLength = 255;
 
 struct KSFindRequest {

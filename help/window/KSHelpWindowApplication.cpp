@@ -15,7 +15,8 @@ int RunHelpWindowApplication(int argc, char **argv)
     QApplication application(argc, argv);
     QApplication::setOrganizationName(QStringLiteral("Tannerwick"));
     QApplication::setApplicationName(QStringLiteral("Tanner Backup"));
-    QApplication::setApplicationDisplayName(QStringLiteral("Tanner Backup"));
+    // No display name: the platform would append it to every window title, and each window's title
+    // is exactly its own ("Tanner Backup Help — Getting started").
     QStringList args = QApplication::arguments().mid(1);
     QString file;
     const qsizetype at = args.indexOf(QStringLiteral("--file"));

@@ -8,10 +8,16 @@
 #include "ui_KSVellumaHelp.h"
 
 #include <QCompleter>
+#include <QLabel>
 #include <QLineEdit>
+#include <QMenu>
+#include <QRegularExpression>
 #include <QSettings>
 #include <QStringListModel>
 #include <QTextEdit>
+#include <QToolButton>
+
+#include <algorithm>
 
 namespace {
 
@@ -65,6 +71,45 @@ void KSVellumaHelpWC::quickSearch()
     g_find = KSQuickSearchRequest(text);
     rememberSearch(text);
     runFind(false, KSSearchOptionSet(m_searchOptionMask, kOptionFromStart));
+    listTopicsHolding(text);
+}
+
+QList<int> KSVellumaHelpWC::topicsHolding(const QString &words) const
+{
+    const QStringList wanted = words.split(QRegularExpression(QStringLiteral("\\s+")), Qt::SkipEmptyParts);
+    QList<int> chapters;
+    if (wanted.isEmpty())
+        return chapters;
+    for (int chapter = 0; chapter < int(m_content->chapterCps.size()); ++chapter) {
+        const QString text
+            = m_content->plainText(m_content->chapterCps[std::size_t(chapter)], m_content->chapterEnd(chapter));
+        const bool all = std::all_of(wanted.begin(), wanted.end(),
+            [&text](const QString &word) { return text.contains(word, Qt::CaseInsensitive); });
+        if (all)
+            chapters.append(chapter);
+    }
+    return chapters;
+}
+
+void KSVellumaHelpWC::listTopicsHolding(const QString &words)
+{
+    // The topics that hold all the words, as the command line's "help --search" finds them: a
+    // menu beside the search field, each entry opening its topic at the first hit in it.
+    QMenu *menu = m_searchTopicsButton->menu();
+    menu->clear();
+    const QList<int> chapters = topicsHolding(words);
+    for (const int chapter : chapters) {
+        QString name = m_content->chapterNames.value(chapter);
+        while (name.startsWith(u'\t'))
+            name.remove(0, 1);
+        menu->addAction(name, this, [this, chapter] {
+            jumpToTopic(chapter, -1, true);
+            runFind(false, false);
+        });
+    }
+    m_searchTopicsButton->setText(
+        chapters.size() == 1 ? QStringLiteral("1 topic") : QStringLiteral("%1 topics").arg(chapters.size()));
+    m_searchTopicsAction->setVisible(!chapters.isEmpty());
 }
 
 bool KSVellumaHelpWC::findNext()
@@ -101,9 +146,14 @@ bool KSVellumaHelpWC::runFind(bool backward, bool fromStart)
             flags |= QTextDocument::FindBackward;
         QString needle = g_find.findString;
         needle.replace(QChar(10), QChar::ParagraphSeparator);
-        const QTextCursor hit = ui->scrollView->document()->find(needle, m_content->map.positionForCp(from), flags);
+        QTextCursor hit = ui->scrollView->document()->find(needle, m_content->map.positionForCp(from), flags);
+        if (hit.isNull() && !fromStart) {
+            // Round the end of the text to its other end.
+            const int end = backward ? ui->scrollView->document()->characterCount() - 1 : 0;
+            hit = ui->scrollView->document()->find(needle, end, flags);
+        }
         if (hit.isNull()) {
-            beep();
+            notFound();
             return false;
         }
         showFindResult(
@@ -123,27 +173,40 @@ bool KSVellumaHelpWC::runFind(bool backward, bool fromStart)
         }
     };
     const auto &marks = m_content->marks;
-    if (backward) {
-        for (auto it = marks.rbegin(); it != marks.rend(); ++it) {
-            if (it->cp < from && matches(it->type)) {
-                showFindResult(it->cp, it->cp + 1);
-                return true;
+    // From the place on, then round the end to the other end.
+    for (const bool wrapped : {false, true}) {
+        if (backward) {
+            for (auto it = marks.rbegin(); it != marks.rend(); ++it) {
+                if ((wrapped || it->cp < from) && matches(it->type)) {
+                    showFindResult(it->cp, it->cp + 1);
+                    return true;
+                }
+            }
+        } else {
+            for (const KSHelpMark &mark : marks) {
+                if ((wrapped || mark.cp >= from) && matches(mark.type)) {
+                    showFindResult(mark.cp, mark.cp + 1);
+                    return true;
+                }
             }
         }
-    } else {
-        for (const KSHelpMark &mark : marks) {
-            if (mark.cp >= from && matches(mark.type)) {
-                showFindResult(mark.cp, mark.cp + 1);
-                return true;
-            }
-        }
+        if (fromStart)
+            break;
     }
-    beep();
+    notFound();
     return false;
+}
+
+void KSVellumaHelpWC::notFound()
+{
+    beep();
+    m_searchStatus->setText(QStringLiteral("Not found"));
+    m_searchStatusAction->setVisible(true);
 }
 
 void KSVellumaHelpWC::showFindResult(quint32 start, quint32 end)
 {
+    m_searchStatusAction->setVisible(false);
     ++m_navigationDepth;
     const int chapter = m_content->chapterAt(start);
     if (chapter != m_currentTopic && chapter < int(m_content->chapterCps.size()))

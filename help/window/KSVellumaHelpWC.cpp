@@ -23,7 +23,9 @@
 #include <QCompleter>
 #include <QFileInfo>
 #include <QHBoxLayout>
+#include <QLabel>
 #include <QLineEdit>
+#include <QMenu>
 #include <QScrollBar>
 #include <QSettings>
 #include <QStringListModel>
@@ -118,6 +120,30 @@ QToolButton *_SegmentButton(
     return button;
 }
 
+double _Contrast(const QColor &a, const QColor &b)
+{
+    auto luminance = [](const QColor &c) {
+        auto channel = [](double v) { return v <= 0.03928 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4); };
+        return 0.2126 * channel(c.redF()) + 0.7152 * channel(c.greenF()) + 0.0722 * channel(c.blueF());
+    };
+    const double x = luminance(a), y = luminance(b);
+    return (std::max(x, y) + 0.05) / (std::min(x, y) + 0.05);
+}
+
+// `colour`, or the first mix of it toward `text` that reads at 4.5:1 on `background`.
+QColor _ReadableColour(const QColor &colour, const QColor &text, const QColor &background)
+{
+    for (int step = 0; step <= 10; ++step) {
+        const double t = step / 10.0;
+        const QColor mixed = QColor::fromRgbF(float(colour.redF() + (text.redF() - colour.redF()) * t),
+            float(colour.greenF() + (text.greenF() - colour.greenF()) * t),
+            float(colour.blueF() + (text.blueF() - colour.blueF()) * t));
+        if (_Contrast(mixed, background) >= 4.5)
+            return step == 0 ? colour : mixed.toRgb();
+    }
+    return text;
+}
+
 bool _IsDark(const QPalette &palette)
 {
     return palette.color(QPalette::WindowText).lightness() > palette.color(QPalette::Window).lightness();
@@ -136,7 +162,8 @@ KSVellumaHelpWC::KSVellumaHelpWC(std::unique_ptr<KSHelpContent> content, bool is
     ui->helpSplitter->setStretchFactor(1, 3);
     if (isFile)
         m_filePath = m_content->path;
-    m_font = m_content->text->defaultFont();
+    // The help font starts as the document's own body font, the one the text is made for.
+    m_font = m_content->normalFont.family().isEmpty() ? m_content->text->defaultFont() : m_content->normalFont;
     m_flashTimer.setSingleShot(true);
     connect(&m_flashTimer, &QTimer::timeout, this, [this] { ui->scrollView->setExtraSelections({}); });
     buildToolbar();
@@ -282,6 +309,21 @@ void KSVellumaHelpWC::buildToolbar()
     m_searchField->setCompleter(completer);
     connect(m_searchField, &QLineEdit::returnPressed, this, &KSVellumaHelpWC::quickSearch);
     bar->addWidget(m_searchField);
+    m_searchStatus = new QLabel(this);
+    m_searchStatus->setObjectName(QStringLiteral("searchStatus"));
+    m_searchStatus->setContentsMargins(6, 0, 6, 0);
+    // A widget of a tool bar shows and hides through its action.
+    m_searchStatusAction = bar->addWidget(m_searchStatus);
+    m_searchStatusAction->setVisible(false);
+    connect(m_searchField, &QLineEdit::textEdited, m_searchStatusAction,
+        [this] { m_searchStatusAction->setVisible(false); });
+    m_searchTopicsButton = new QToolButton(this);
+    m_searchTopicsButton->setObjectName(QStringLiteral("searchTopicsButton"));
+    m_searchTopicsButton->setPopupMode(QToolButton::InstantPopup);
+    m_searchTopicsButton->setToolButtonStyle(Qt::ToolButtonTextOnly);
+    m_searchTopicsButton->setMenu(new QMenu(m_searchTopicsButton));
+    m_searchTopicsAction = bar->addWidget(m_searchTopicsButton);
+    m_searchTopicsAction->setVisible(false);
 }
 
 void KSVellumaHelpWC::connectActions()
@@ -635,8 +677,11 @@ void KSVellumaHelpWC::startSpeaking()
 
 void KSVellumaHelpWC::saveHelpFile()
 {
+    // A window on a named file saves that file (a package folder or a single XML file), under its
+    // own name; the application's help is saved as "<application> Help.TWwrite".
     const QString source = m_filePath.isEmpty() ? m_content->path : m_filePath;
-    if (!QFileInfo(source).isDir()) {
+    const QFileInfo info(source);
+    if (!info.exists()) {
         beep();
         return;
     }
@@ -644,10 +689,20 @@ void KSVellumaHelpWC::saveHelpFile()
         this, QStringLiteral("Select a folder in which to save a copy of the help file"), KSChooserMode::Folders);
     if (chosen.isEmpty())
         return;
-    const QString target
-        = KSUniqueNameInFolder(chosen.front(), g_appName + QStringLiteral(" Help"), QStringLiteral("TWwrite"));
+    const QString target = m_filePath.isEmpty()
+        ? KSUniqueNameInFolder(chosen.front(), g_appName + QStringLiteral(" Help"), QStringLiteral("TWwrite"))
+        : KSUniqueNameInFolder(chosen.front(), info.completeBaseName(), info.suffix());
     QString reason;
-    if (!KSCopyPackage(source, target, &reason)) {
+    bool copied = false;
+    if (info.isDir()) {
+        copied = KSCopyPackage(source, target, &reason);
+    } else {
+        QFile file(source);
+        copied = file.copy(target);
+        if (!copied)
+            reason = file.errorString();
+    }
+    if (!copied) {
         // The copy is not silent when it fails: the user chose a folder and expects a file there.
         KSAlert::sharedInstance().giveAlertMessage(QStringLiteral("The copy of the help could not be saved."),
             FormatString("I can't save a copy of the help in \"%@\" because %@.", chosen.front(), reason));
@@ -743,9 +798,31 @@ void KSVellumaHelpWC::beep()
 
 void KSVellumaHelpWC::changeDarkMode()
 {
-    QPalette palette = ui->topicList->palette();
-    palette.setColor(QPalette::Base, palette.color(_IsDark(palette) ? QPalette::Window : QPalette::AlternateBase));
-    ui->topicList->setPalette(palette);
+    // The window's own palette: its children's are brought up to date only after this.
+    const QPalette page = QWidget::palette();
+    QPalette list = page;
+    list.setColor(QPalette::Base, page.color(_IsDark(page) ? QPalette::Window : QPalette::AlternateBase));
+    ui->topicList->setPalette(list);
+    // The text without a colour of its own follows the palette; links take the palette's link
+    // colour, moved toward the text colour until it reads on the page.
+    const QColor link
+        = _ReadableColour(page.color(QPalette::Link), page.color(QPalette::Text), page.color(QPalette::Base));
+    QTextDocument *document = m_content->text.get();
+    QTextCursor cursor(document);
+    cursor.beginEditBlock();
+    for (QTextBlock block = document->begin(); block.isValid(); block = block.next()) {
+        for (auto it = block.begin(); !it.atEnd(); ++it) {
+            const QTextFragment fragment = it.fragment();
+            QTextCharFormat format = fragment.charFormat();
+            if (!format.isAnchor() || format.foreground().color() == link)
+                continue;
+            format.setForeground(link);
+            cursor.setPosition(fragment.position());
+            cursor.setPosition(fragment.position() + fragment.length(), QTextCursor::KeepAnchor);
+            cursor.setCharFormat(format);
+        }
+    }
+    cursor.endEditBlock();
 }
 
 void KSVellumaHelpWC::changeEvent(QEvent *event)

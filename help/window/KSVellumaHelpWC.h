@@ -17,6 +17,7 @@
 
 class QAction;
 class QComboBox;
+class QLabel;
 class QLineEdit;
 class QToolButton;
 class QSettings;
@@ -63,6 +64,8 @@ public:
     void setSearchOption(int tag);
     void useSelectionForFind();
     void jumpToSearch();
+    // The chapters whose text holds every word of `words`, ignoring case.
+    QList<int> topicsHolding(const QString &words) const;
 
     void changeZoom(int percent);
     void zoomIn();
@@ -123,6 +126,9 @@ private:
     void scrollToCp(quint32 cp);
     void selectSentenceFrom(quint32 cp, quint32 limit);
     bool runFind(bool backward, bool fromStart);
+    // Beeps and says "Not found" beside the search field.
+    void notFound();
+    void listTopicsHolding(const QString &words);
     void showFindResult(quint32 start, quint32 end);
     // Marks [start, end) briefly so that the eye finds the hit.
     void flash(quint32 start, quint32 end);
@@ -153,5 +159,8 @@ private:
     QToolButton *m_backButton = nullptr, *m_forwardButton = nullptr;
     QToolButton *m_previousButton = nullptr, *m_nextButton = nullptr;
     QLineEdit *m_searchField = nullptr;
+    QLabel *m_searchStatus = nullptr; // "Not found"
+    QToolButton *m_searchTopicsButton = nullptr; // the topics holding the searched words
+    QAction *m_searchStatusAction = nullptr, *m_searchTopicsAction = nullptr; // their places in the tool bar
     QComboBox *m_zoomMenu = nullptr;
 };

@@ -8,6 +8,7 @@
 
 #include <QComboBox>
 #include <QFontDialog>
+#include <QFontInfo>
 #include <QSettings>
 #include <QTextBlock>
 #include <QTextCursor>
@@ -69,7 +70,8 @@ void KSVellumaHelpWC::performZoom(double factor)
 void KSVellumaHelpWC::updateZoomTool(double factor)
 {
     const int percent = int(std::lround(factor * 100));
-    SetSettingsValue(UserDefaultsPath(), kZoomKey, percent);
+    if (m_filePath.isEmpty()) // a named file's window leaves the settings alone
+        SetSettingsValue(UserDefaultsPath(), kZoomKey, percent);
     const int index = m_zoomMenu->findData(percent);
     m_zoomMenu->setCurrentIndex(index);
     if (index < 0)
@@ -93,7 +95,12 @@ void KSVellumaHelpWC::applyZoom(double factor)
             const QTextFragment fragment = it.fragment();
             QTextCharFormat format = fragment.charFormat();
             bool changed = false;
-            if (format.hasProperty(kBaseSizeProperty) || format.hasProperty(QTextFormat::FontPointSize)) {
+            if (format.hasProperty(kRelativeSizeProperty)) {
+                // A size of the document's own, in proportion to the help font.
+                const double size = m_font.pointSizeF() * format.doubleProperty(kRelativeSizeProperty) * factor;
+                changed = size != format.fontPointSize();
+                format.setFontPointSize(size);
+            } else if (format.hasProperty(kBaseSizeProperty) || format.hasProperty(QTextFormat::FontPointSize)) {
                 if (!format.hasProperty(kBaseSizeProperty))
                     format.setProperty(kBaseSizeProperty, format.fontPointSize());
                 const double size = format.doubleProperty(kBaseSizeProperty) * factor;
@@ -152,12 +159,14 @@ void KSVellumaHelpWC::changeFont(const QFont *chosen)
 
 void KSVellumaHelpWC::showFonts()
 {
+    // The dialog opens on the font on screen: the family the help font resolves to.
     QFont font = m_font;
+    font.setFamily(QFontInfo(m_font).family());
     bool ok = false;
     if (g_nextFontAnswer) {
         ok = std::exchange(g_nextFontAnswer, {})(&font);
     } else {
-        font = QFontDialog::getFont(&ok, m_font, this, QStringLiteral("Help Font"));
+        font = QFontDialog::getFont(&ok, font, this, QStringLiteral("Help Font"));
     }
     if (ok)
         changeFont(&font);

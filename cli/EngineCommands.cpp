@@ -165,8 +165,8 @@ public:
             FileSizeString(static_cast<long long>(static_cast<unsigned long long>(g_totalBytes))));
         if (m_analyzeOnly) {
             m_statusText = QStringLiteral("Analysis complete");
-            if (m_json) // the window's verdict: counts, size and whether it fits
-                m_verdict = AnalysisVerdictFor(g_transactions, report.target);
+            // The window's verdict: counts, size and whether it fits.
+            m_verdict = AnalysisVerdictFor(g_transactions, report.target);
             if (!m_json) {
                 // A copy that the device's letter case rules out says so, as the backup will.
                 for (const BUTransaction &transaction : std::as_const(g_transactions)) {
@@ -176,7 +176,7 @@ public:
                             + (conflict.isNull() ? QString() : u'\t' + conflict));
                 }
                 PrintLine(stdout, summary);
-                PrintLine(stdout, m_statusText);
+                PrintLine(stdout, AnalysisVerdictText(*m_verdict, report.target));
             }
             return finish(kExitOk);
         }

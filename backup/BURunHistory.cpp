@@ -1,5 +1,6 @@
 #include "backup/BURunHistory.h"
 
+#include "backup/BUAnalysisVerdict.h"
 #include "keelson/FormatString.h"
 #include "keelson/KSLog.h"
 #include "keelson/KSStrings.h"
@@ -363,7 +364,7 @@ QString BURunHistory::countsText(const BURunRecord &run)
         if (run.outcome == BURunOutcome::kAnalyzed || run.outcome == BURunOutcome::kNotStarted)
             return FormatString("%,lld to copy, %,lld to update, %,lld to delete, %@",
                 static_cast<long long>(run.copies), static_cast<long long>(run.updates),
-                static_cast<long long>(run.deletes), FileSizeString(static_cast<long long>(run.bytesToCopy)));
+                static_cast<long long>(run.deletes), ByteCountText(double(run.bytesToCopy)));
         return QString();
     }
     QString text = FormatString("%,lld copied, %,lld updated, %,lld deleted, %,lld failed",
@@ -372,8 +373,8 @@ QString BURunHistory::countsText(const BURunRecord &run)
     if (run.notTried > 0)
         text += FormatString(", %,lld not tried", static_cast<long long>(run.notTried));
     return text
-        + FormatString(", %@ of %@ copied", FileSizeString(static_cast<long long>(run.bytesCopied)),
-            FileSizeString(static_cast<long long>(run.bytesToCopy)));
+        + FormatString(
+            ", %@ of %@ copied", ByteCountText(double(run.bytesCopied)), ByteCountText(double(run.bytesToCopy)));
 }
 
 QString BURunHistory::shownText(const BURunRecord &run)

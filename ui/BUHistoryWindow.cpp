@@ -1,5 +1,6 @@
 #include "ui/BUHistoryWindow.h"
 
+#include "backup/BUAnalysisVerdict.h"
 #include "keelson/FormatString.h"
 #include "ui/BUTransactionTableModel.h"
 
@@ -270,11 +271,11 @@ void BUHistoryWindow::showRunDetails()
     if (run.copies + run.updates + run.deletes > 0)
         lines.append(FormatString("Planned: %@, %@, %@; %@ to copy.", _Plural(run.copies, "copy", "copies"),
             _Plural(run.updates, "update", "updates"), _Plural(run.deletes, "delete", "deletes"),
-            FileSizeString(static_cast<long long>(run.bytesToCopy))));
+            ByteCountText(double(run.bytesToCopy))));
     if (run.backupRan) {
         QString done = FormatString("Done: %,lld copied, %,lld updated, %,lld deleted, %@ copied.",
             static_cast<long long>(run.copied), static_cast<long long>(run.updated),
-            static_cast<long long>(run.deleted), FileSizeString(static_cast<long long>(run.bytesCopied)));
+            static_cast<long long>(run.deleted), ByteCountText(double(run.bytesCopied)));
         if (run.failed > 0)
             done += u' ' + _Plural(run.failed, "action failed.", "actions failed.");
         if (run.notTried > 0)

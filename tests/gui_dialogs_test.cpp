@@ -107,6 +107,12 @@ TEST(AlertBox, HelpLeavesTheBoxWaitingForItsAnswer)
     EXPECT_EQ(helped, QList<QWidget *> {&box});
     EXPECT_TRUE(box.isVisible());
     EXPECT_EQ(box.result(), 0);
+    // F1 is the Help button; Ctrl + the third button's letter does not answer a question with help.
+    QTest::keyClick(&box, Qt::Key_F1);
+    EXPECT_EQ(helped, (QList<QWidget *> {&box, &box}));
+    QTest::keyClick(&box, Qt::Key_R, Qt::ControlModifier);
+    EXPECT_TRUE(box.isVisible());
+    helped.removeLast();
     // Return on the focused "Help" still answers with the default button.
     box.helpButton()->setFocus();
     QTest::keyClick(box.helpButton(), Qt::Key_Return);

@@ -115,11 +115,18 @@ void KSAlertController::keyPressEvent(QKeyEvent *event)
     case Qt::Key_Escape:
         closeAlert(ui->button2);
         return;
+    case Qt::Key_F1:
+        // The help of the question, as its Help button gives it; the box waits for its answer.
+        if (help)
+            help(this);
+        return;
     default:
         break;
     }
-    // Ctrl + the first letter of the third button's title presses it (Ctrl-D for "Don't Save").
-    if (ui->button3->isVisible() && (event->modifiers() & Qt::ControlModifier) && !event->text().isEmpty()
+    // Ctrl + the first letter of the third button's title presses it (Ctrl-D for "Don't Save"). A
+    // question with help is one to read: no shortcut a habit could press answers it (Ctrl-B would
+    // otherwise answer "Backup" to the large-deletion question that Ctrl-B brought up).
+    if (!help && ui->button3->isVisible() && (event->modifiers() & Qt::ControlModifier) && !event->text().isEmpty()
         && !ui->button3->text().isEmpty()) {
         const QString title = ui->button3->text().remove(u'&');
         const QChar typed = event->key() >= Qt::Key_A && event->key() <= Qt::Key_Z

@@ -490,7 +490,11 @@ void BUDeviceRoot::probe()
         return;
     static constexpr char kProbeName[] = ".tanner-probe-a";
     static constexpr char kProbeOtherCase[] = ".TANNER-PROBE-A";
-    const int probe = ::openat(m_fd, kProbeName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    int probe = ::openat(m_fd, kProbeName, kFlags, 0600);
+    // One left by a run killed at that moment is the program's own: it goes.
+    if (probe < 0 && errno == EEXIST && ::unlinkat(m_fd, kProbeName, 0) == 0)
+        probe = ::openat(m_fd, kProbeName, kFlags, 0600);
     if (probe < 0)
         return;
     // An odd second in 2001, inside every file system's dates, with every digit of its nanoseconds.

@@ -87,6 +87,7 @@ TEST_F(DeviceTest, TheDeviceIsAskedWhetherItIgnoresCase)
         if (!mountDeviceOfKind(QString::fromLatin1(c.kind)))
             continue;
         WriteTree(source(), {{"README", "upper"}, {"Readme", "mixed"}});
+        WriteTree(device(), {{".tanner-probe-a", "left by a killed run"}});
         analyze();
         RecordingReceiver receiver;
         backup(receiver);

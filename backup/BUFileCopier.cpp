@@ -77,18 +77,12 @@ bool _SourceFailed(int in)
     return position >= 0 && ::pread(in, &byte, 1, position) < 0;
 }
 
-// A fresh temporary name: the prefix and 64 random bits.
-QByteArray _TemporaryName()
-{
-    return QByteArray(kTemporaryNamePrefix)
-        + QByteArray::number(QRandomGenerator::global()->generate64(), 16).rightJustified(16, '0');
-}
-
 // Creates a file under a fresh temporary name in the folder; false with errno.
 bool _CreateTemporary(int folderFd, QByteArray *temporary, int *out)
 {
     for (int attempt = 0; attempt < 16; ++attempt) {
-        *temporary = _TemporaryName();
+        *temporary = QByteArray(kTemporaryNamePrefix)
+            + QByteArray::number(QRandomGenerator::global()->generate64(), 16).rightJustified(16, '0');
         *out = ::openat(folderFd, temporary->constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
         if (*out >= 0)
             return true;
@@ -99,31 +93,19 @@ bool _CreateTemporary(int folderFd, QByteArray *temporary, int *out)
 }
 
 // Puts a finished copy in the place of the old file of its name in one step: until that instant the
-// old data stays readable under the name. A file system that cannot rename over a file (or an old
-// copy held by an immutable flag) gets the old copy moved aside first and removed only once the
-// new one has its name; if the new one cannot take it, the old one goes back.
+// old data stays readable under the name. Where the rename over it is refused (after an immutable
+// flag is cleared), the copy fails and the old one stays as it is: moving it aside first would
+// leave it, for a moment or for good, under a name the next run deletes.
 bool _ReplaceWith(int folderFd, const QByteArray &temporary, const QByteArray &name, BUError *error)
 {
-    if (::renameat(folderFd, temporary.constData(), folderFd, name.constData()) == 0)
-        return true;
-    if (errno == EPERM) {
+    int result = ::renameat(folderFd, temporary.constData(), folderFd, name.constData());
+    if (result != 0 && errno == EPERM) {
         ClearImmutableFlags(folderFd, name.constData());
-        if (::renameat(folderFd, temporary.constData(), folderFd, name.constData()) == 0)
-            return true;
+        result = ::renameat(folderFd, temporary.constData(), folderFd, name.constData());
     }
-    int failure = errno;
-    if (failure == EEXIST || failure == ENOTEMPTY || failure == EPERM || failure == EACCES || failure == EINVAL) {
-        const QByteArray aside = _TemporaryName();
-        if (::renameat(folderFd, name.constData(), folderFd, aside.constData()) == 0) {
-            if (::renameat(folderFd, temporary.constData(), folderFd, name.constData()) == 0) {
-                ::unlinkat(folderFd, aside.constData(), 0);
-                return true;
-            }
-            failure = errno;
-            ::renameat(folderFd, aside.constData(), folderFd, name.constData());
-        }
-    }
-    *error = _WriteError(failure);
+    if (result == 0)
+        return true;
+    *error = _WriteError(errno);
     ::unlinkat(folderFd, temporary.constData(), 0);
     return false;
 }

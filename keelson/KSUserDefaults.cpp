@@ -168,7 +168,7 @@ void KeepOwner(int fd, const struct stat &owner)
 
 QString SettingsFolder()
 {
-    // As the XDG Base Directory specification says: a relative path is invalid and ignored.
+    // A relative path is invalid and ignored, as the XDG base directory rules have it.
     QByteArray base = qgetenv("XDG_CONFIG_HOME");
     if (!base.startsWith('/')) {
         QByteArray home = qgetenv("HOME");
